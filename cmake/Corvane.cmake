@@ -1,0 +1,36 @@
+# How every target of the project is built.
+
+add_library(corvane_options INTERFACE)
+target_include_directories(corvane_options INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(corvane_options INTERFACE -Wall -Wextra -Wconversion -Wshadow
+                       $<$<BOOL:${CORVANE_WERROR}>:-Werror>)
+if(CORVANE_SANITIZE)
+  target_compile_options(corvane_options INTERFACE -fsanitize=${CORVANE_SANITIZE} -fno-omit-frame-pointer
+                         -fno-sanitize-recover=all)
+  target_compile_definitions(corvane_options INTERFACE CORVANE_SANITIZE="${CORVANE_SANITIZE}")
+  target_link_options(corvane_options INTERFACE -fsanitize=${CORVANE_SANITIZE})
+endif()
+
+# corvane_library(NAME SOURCES file... USES library...)
+#
+# A static library of our own. What it uses is named in full, so that code which reaches past its neighbours
+# fails to link as well as failing the include check.
+function(corvane_library name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;USES")
+  add_library(${name} STATIC ${arg_SOURCES})
+  target_link_libraries(${name} PUBLIC corvane_options ${arg_USES})
+endfunction()
+
+# corvane_test(NAME SOURCES file... USES library... [PROPERTIES property value...])
+function(corvane_test name)
+  if(NOT CORVANE_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;USES;PROPERTIES")
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE corvane_options ${arg_USES} GTest::gtest GTest::gtest_main)
+  target_compile_definitions(${name} PRIVATE CORVANE_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
+                             CORVANE_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT 600 ${arg_PROPERTIES})
+endfunction()
