@@ -1,0 +1,421 @@
+#include "plist/value.h"
+
+#include <absl/container/flat_hash_map.h>
+#include <absl/container/flat_hash_set.h>
+#include <absl/hash/hash.h>
+
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <tuple>
+
+#include "plist/bytes_hash.h"
+#include "plist/unicode.h"
+
+namespace corvane::plist {
+
+namespace {
+
+// Up to this many entries a scan beats a hash table and saves its memory.
+constexpr size_t scan_limit = 8;
+
+uint64_t mix(uint64_t a, uint64_t b) { return absl::Hash<std::tuple<uint64_t, uint64_t>>()({a, b}); }
+
+uint64_t mix(Kind kind, uint64_t content) { return mix(static_cast<uint64_t>(kind), content); }
+
+// Containers that died while another was being torn down wait here for their turn.
+thread_local Container* dead_containers = nullptr;
+thread_local bool burying = false;
+
+}  // namespace
+
+// ---- life and death -----------------------------------------------------------------------------------
+
+void Value::destroy(Value* dead) {
+  switch (dead->kind_) {
+    case Kind::string:
+      static_cast<String*>(dead)->~String();
+      ::operator delete(dead);
+      return;
+    case Kind::data:
+      static_cast<Data*>(dead)->~Data();
+      ::operator delete(dead);
+      return;
+    case Kind::date:
+      delete static_cast<Date*>(dead);
+      return;
+    case Kind::number:
+      delete static_cast<Number*>(dead);
+      return;
+    case Kind::boolean:
+      return;  // the two Booleans keep a reference of their own and never get here
+    case Kind::dictionary:
+    case Kind::array:
+    case Kind::set:
+      break;
+  }
+
+  auto* container = static_cast<Container*>(dead);
+  if (burying) {
+    container->next_dead_ = std::exchange(dead_containers, container);
+    return;
+  }
+  burying = true;
+  while (container != nullptr) {
+    switch (container->kind_) {
+      case Kind::dictionary:
+        delete static_cast<MutableDictionary*>(container);
+        break;
+      case Kind::array:
+        delete static_cast<MutableArray*>(container);
+        break;
+      default:
+        delete static_cast<MutableSet*>(container);
+        break;
+    }
+    container = dead_containers;
+    if (container != nullptr) dead_containers = container->next_dead_;
+  }
+  burying = false;
+}
+
+// ---- leaves -------------------------------------------------------------------------------------------
+
+String* String::allocate(size_t size, bool ascii) {
+  void* memory = ::operator new(sizeof(String) + size + 1);
+  auto* string = new (memory) String(size, ascii);
+  string->text()[size] = '\0';
+  return string;
+}
+
+Ref<String> String::create(std::string_view utf8) {
+  if (const bool ascii = unicode::is_ascii(utf8); ascii || unicode::is_utf8(utf8)) {
+    String* string = allocate(utf8.size(), ascii);
+    if (!utf8.empty()) std::memcpy(string->text(), utf8.data(), utf8.size());
+    return Ref<String>::adopt(string);
+  }
+  return create(unicode::repaired_utf8(utf8));
+}
+
+Ref<String> String::create_from_utf16be(std::string_view bytes) {
+  const std::optional<size_t> size = unicode::utf8_size_of_utf16be(bytes);
+  if (!size) return nullptr;
+  String* string = allocate(*size, *size == bytes.size() / 2);
+  unicode::utf16be_to_utf8(bytes, string->text());
+  return Ref<String>::adopt(string);
+}
+
+const char* String::c_string() const { return std::memchr(text(), '\0', size_) == nullptr ? text() : nullptr; }
+
+Ref<MutableData> MutableData::create(size_t size) {
+  if (size > std::numeric_limits<size_t>::max() - sizeof(MutableData)) throw std::bad_alloc();
+  void* memory = ::operator new(sizeof(MutableData) + size);
+  char* start = static_cast<char*>(memory) + sizeof(MutableData);
+  return Ref<MutableData>::adopt(new (memory) MutableData(start, size, nullptr, true));
+}
+
+Ref<Data> MutableData::freeze(Ref<MutableData> data) {
+  data->drop_mutability();
+  return data;
+}
+
+Ref<Data> Data::create(std::string_view bytes) {
+  Ref<MutableData> data = MutableData::create(bytes.size());
+  if (!bytes.empty()) std::memcpy(data->mutable_bytes(), bytes.data(), bytes.size());
+  return MutableData::freeze(std::move(data));
+}
+
+Ref<Data> Data::slice(Ref<Data> whole, size_t offset, size_t size) {
+  char* start = whole->start_ + offset;
+  // The slice holds the data value that owns the bytes, so that slices of slices form no chain.
+  Ref<Data> owner = whole->owner_ ? whole->owner_ : std::move(whole);
+  void* memory = ::operator new(sizeof(Data));
+  return Ref<Data>::adopt(new (memory) Data(start, size, std::move(owner), false));
+}
+
+Ref<Date> Date::create(double seconds_since_2001) { return Ref<Date>::adopt(new Date(seconds_since_2001)); }
+
+Ref<Number> Number::create_int32(int32_t value) { return Ref<Number>::adopt(new Number(Type::int32, value)); }
+
+Ref<Number> Number::create_int64(int64_t value) { return Ref<Number>::adopt(new Number(Type::int64, value)); }
+
+Ref<Number> Number::create_uint64(uint64_t value) {
+  const bool fits = value <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
+  return Ref<Number>::adopt(new Number(fits ? Type::int64 : Type::uint64, static_cast<int64_t>(value)));
+}
+
+Ref<Number> Number::create_real(double value) {
+  return Ref<Number>::adopt(new Number(std::isnan(value) ? std::numeric_limits<double>::quiet_NaN() : value));
+}
+
+Boolean* Boolean::yes() {
+  static Boolean value;
+  return &value;
+}
+
+Boolean* Boolean::no() {
+  static Boolean value;
+  return &value;
+}
+
+// ---- array --------------------------------------------------------------------------------------------
+
+Ref<MutableArray> MutableArray::create(size_t capacity) {
+  auto array = Ref<MutableArray>::adopt(new MutableArray());
+  array->items_.reserve(capacity);
+  return array;
+}
+
+Ref<Array> MutableArray::freeze(Ref<MutableArray> array) {
+  array->drop_mutability();
+  return array;
+}
+
+// ---- set ----------------------------------------------------------------------------------------------
+
+namespace {
+
+struct Member {
+  uint64_t hash;
+  const Value* value;
+
+  bool operator==(const Member& other) const { return hash == other.hash && equal(value, other.value); }
+};
+
+struct MemberHash {
+  size_t operator()(const Member& member) const { return member.hash; }
+};
+
+}  // namespace
+
+struct Set::Index : absl::flat_hash_set<Member, MemberHash> {};
+
+Set::Set() : Container(Kind::set, true) {}
+Set::~Set() = default;
+
+bool Set::contains(const Value& value) const {
+  return index_ != nullptr && index_->contains(Member{hash(value), &value});
+}
+
+Ref<MutableSet> MutableSet::create(size_t capacity) {
+  auto set = Ref<MutableSet>::adopt(new MutableSet());
+  set->items_.reserve(capacity);
+  return set;
+}
+
+Ref<Set> MutableSet::freeze(Ref<MutableSet> set) {
+  set->drop_mutability();
+  return set;
+}
+
+void MutableSet::add(Ref<Value> value) {
+  if (index_ == nullptr) index_ = std::make_unique<Index>();
+  const Member member{hash(*value), value.get()};
+  if (index_->contains(member)) return;
+  items_.push_back(std::move(value));
+  try {
+    index_->insert(member);
+  } catch (...) {
+    items_.pop_back();
+    throw;
+  }
+  members_hash_ += member.hash;
+}
+
+// ---- dictionary ---------------------------------------------------------------------------------------
+
+// From the bytes of a key, which the entry's key object holds, to the entry's position.
+struct Dictionary::Index : absl::flat_hash_map<std::string_view, size_t, BytesHash, std::equal_to<>> {};
+
+Dictionary::Dictionary() : Container(Kind::dictionary, true) {}
+Dictionary::~Dictionary() = default;
+
+size_t Dictionary::find(std::string_view key) const {
+  if (index_ != nullptr) {
+    const auto found = index_->find(key);
+    return found == index_->end() ? not_found : found->second;
+  }
+  for (size_t i = 0; i < entries_.size(); ++i) {
+    if (entries_[i].key->view() == key) return i;
+  }
+  return not_found;
+}
+
+Value* Dictionary::get(std::string_view key) const {
+  const size_t position = find(key);
+  return position == not_found ? nullptr : entries_[position].value.get();
+}
+
+Ref<MutableDictionary> MutableDictionary::create(size_t capacity) {
+  auto dictionary = Ref<MutableDictionary>::adopt(new MutableDictionary());
+  dictionary->entries_.reserve(capacity);
+  return dictionary;
+}
+
+Ref<MutableDictionary> MutableDictionary::copy(const Dictionary& other) {
+  Ref<MutableDictionary> dictionary = create(other.size());
+  for (const Entry& entry : other.entries()) dictionary->append(entry.key, entry.value);
+  return dictionary;
+}
+
+Ref<Dictionary> MutableDictionary::freeze(Ref<MutableDictionary> dictionary) {
+  dictionary->drop_mutability();
+  return dictionary;
+}
+
+void MutableDictionary::append(Ref<String> key, Ref<Value> value) {
+  const std::string_view bytes = key->view();
+  entries_.push_back({std::move(key), std::move(value)});
+  try {
+    if (index_ != nullptr) {
+      index_->emplace(bytes, entries_.size() - 1);
+    } else if (entries_.size() > scan_limit) {
+      auto index = std::make_unique<Index>();
+      index->reserve(entries_.capacity());
+      for (size_t i = 0; i < entries_.size(); ++i) index->emplace(entries_[i].key->view(), i);
+      index_ = std::move(index);
+    }
+  } catch (...) {
+    entries_.pop_back();
+    throw;
+  }
+}
+
+void MutableDictionary::set(Ref<String> key, Ref<Value> value) {
+  const size_t position = find(key->view());
+  if (position == not_found) return append(std::move(key), std::move(value));
+  entries_[position].value = std::move(value);
+}
+
+void MutableDictionary::set(std::string_view key, Ref<Value> value) {
+  const size_t position = find(key);
+  if (position == not_found) return append(String::create(key), std::move(value));
+  entries_[position].value = std::move(value);
+}
+
+void MutableDictionary::add(std::string_view key, Ref<Value> value) {
+  if (find(key) == not_found) append(String::create(key), std::move(value));
+}
+
+bool MutableDictionary::remove(std::string_view key) {
+  const size_t position = find(key);
+  if (position == not_found) return false;
+  if (index_ != nullptr) index_->erase(key);
+  // The last entry takes the place, so that removal costs the same in every dictionary.
+  if (position + 1 != entries_.size()) {
+    entries_[position] = std::move(entries_.back());
+    if (index_ != nullptr) (*index_)[entries_[position].key->view()] = position;
+  }
+  entries_.pop_back();
+  return true;
+}
+
+// ---- equality and hash --------------------------------------------------------------------------------
+
+namespace {
+
+bool equal_numbers(const Number& a, const Number& b) {
+  if (a.is_integer() != b.is_integer()) return false;
+  if (!a.is_integer()) return std::bit_cast<uint64_t>(a.real()) == std::bit_cast<uint64_t>(b.real());
+  return a.int64() == b.int64() && (a.type() == Number::Type::uint64) == (b.type() == Number::Type::uint64);
+}
+
+uint64_t hash_number(const Number& number) {
+  switch (number.type()) {
+    case Number::Type::real:
+      return mix(1, std::bit_cast<uint64_t>(number.real()));
+    case Number::Type::uint64:
+      return mix(2, number.uint64());
+    default:
+      return mix(3, number.uint64());
+  }
+}
+
+bool equal_dictionaries(const Dictionary& a, const Dictionary& b) {
+  if (a.size() != b.size()) return false;
+  for (const Dictionary::Entry& entry : a.entries()) {
+    const Value* other = b.get(entry.key->view());
+    if (other == nullptr || !equal(entry.value.get(), other)) return false;
+  }
+  return true;
+}
+
+bool equal_arrays(const Array& a, const Array& b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    if (!equal(a.at(i), b.at(i))) return false;
+  }
+  return true;
+}
+
+bool equal_sets(const Set& a, const Set& b) {
+  if (a.size() != b.size()) return false;
+  for (const Ref<Value>& item : a.items()) {
+    if (!b.contains(*item)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool equal(const Value* a, const Value* b) {
+  if (a == b) return true;
+  if (a == nullptr || b == nullptr || a->kind() != b->kind()) return false;
+  switch (a->kind()) {
+    case Kind::dictionary:
+      return equal_dictionaries(*cast<Dictionary>(a), *cast<Dictionary>(b));
+    case Kind::array:
+      return equal_arrays(*cast<Array>(a), *cast<Array>(b));
+    case Kind::set:
+      return equal_sets(*cast<Set>(a), *cast<Set>(b));
+    case Kind::string:
+      return cast<String>(a)->view() == cast<String>(b)->view();
+    case Kind::data:
+      return cast<Data>(a)->bytes() == cast<Data>(b)->bytes();
+    case Kind::date:
+      return std::bit_cast<uint64_t>(cast<Date>(a)->seconds()) ==
+             std::bit_cast<uint64_t>(cast<Date>(b)->seconds());
+    case Kind::number:
+      return equal_numbers(*cast<Number>(a), *cast<Number>(b));
+    case Kind::boolean:
+      return false;  // there are only two, told apart by identity above
+  }
+  return false;
+}
+
+uint64_t hash(const Value& value) {
+  uint64_t content = 0;
+  switch (value.kind()) {
+    case Kind::dictionary:
+      for (const Dictionary::Entry& entry : cast<Dictionary>(&value)->entries()) {
+        content += mix(hash(*entry.key), hash(*entry.value));
+      }
+      break;
+    case Kind::array:
+      for (const Ref<Value>& item : cast<Array>(&value)->items()) content = mix(content, hash(*item));
+      break;
+    case Kind::set:
+      content = cast<Set>(&value)->members_hash_;
+      break;
+    case Kind::string:
+      content = BytesHash()(cast<String>(&value)->view());
+      break;
+    case Kind::data:
+      content = BytesHash()(cast<Data>(&value)->bytes());
+      break;
+    case Kind::date:
+      content = std::bit_cast<uint64_t>(cast<Date>(&value)->seconds());
+      break;
+    case Kind::number:
+      content = hash_number(*cast<Number>(&value));
+      break;
+    case Kind::boolean:
+      content = cast<Boolean>(&value)->value();
+      break;
+  }
+  return mix(value.kind(), content);
+}
+
+}  // namespace corvane::plist

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "plist/value.h"
+
+namespace corvane::plist {
+
+/// A sequence of bytes in pieces: its own ones, and large data values that it shares instead of copying.
+class ByteChain {
+ public:
+  void append(std::string_view bytes) {
+    own_.append(bytes);
+    size_ += bytes.size();
+  }
+  void append_shared(Ref<Data> data);
+
+  size_t size() const { return size_; }
+  /// In order; valid until the chain changes or dies.
+  std::vector<std::string_view> pieces() const;
+
+ private:
+  struct Shared {
+    size_t own_before;  ///< how many of the chain's own bytes come before it
+    Ref<Data> data;
+  };
+
+  std::string own_;
+  std::vector<Shared> shared_;
+  size_t size_ = 0;
+};
+
+/// Appends the binary encoding, version 1.0. Each equal string, number, date and data value is written once.
+/// Data values of `share_from` bytes and more are shared, not copied. Answers null, or in one line what
+/// cannot be encoded (a nesting deeper than `max_depth`); what was appended by then has no meaning.
+/// Throws std::bad_alloc where memory is out.
+Ref<String> encode_binary(const Value& value, ByteChain& out, size_t share_from = 4096);
+
+/// Appends the XML encoding in UTF-8, dictionaries sorted by key. A set, which XML property lists do not
+/// know, is written as the element <set>, which our reader takes. Answers null, or in one line what cannot
+/// be encoded: a nesting deeper than `max_depth`, a character or a date that XML cannot hold.
+/// Throws std::bad_alloc where memory is out.
+Ref<String> encode_xml(const Value& value, std::string& out);
+
+}  // namespace corvane::plist

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+#include "plist/value.h"
+
+/// The texts of leaf elements, white space around them included. Nothing where the text is not one, or its
+/// value out of range.
+namespace corvane::plist {
+
+std::string_view trimmed(std::string_view text);
+
+/// Decimal, or hexadecimal behind 0x; -2^63 to 2^64-1.
+Ref<Number> parse_integer(std::string_view text);
+/// Decimal, or nan, inf, infinity in any case.
+Ref<Number> parse_real(std::string_view text);
+/// "2026-11-21T03:04:05Z", years 0001 to 9999, where a decimal fraction may follow the seconds. The result
+/// is in seconds since 2001.
+std::optional<double> parse_date(std::string_view text);
+
+}  // namespace corvane::plist
