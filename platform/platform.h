@@ -1,0 +1,54 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace corvane {
+
+class DeviceProperties;
+class Files;
+class Logger;
+class RunLoop;
+class ServiceListener;
+class TelephonyCentre;
+class WorkQueue;
+enum class ServiceAccess;
+
+/// What the daemon asks of its system, one accessor per facility. `main` installs the one platform before
+/// anything else; tests install their own. The facilities live as long as the platform.
+class Platform {
+ public:
+  virtual ~Platform() = default;
+
+  virtual Logger& logger() = 0;
+  virtual Files& files() = 0;
+  virtual DeviceProperties& device_properties() = 0;
+  /// Null where the device has no telephony service.
+  virtual TelephonyCentre* telephony_centre() = 0;
+
+  virtual RunLoop& main_run_loop() = 0;
+  /// Work for the main thread.
+  virtual WorkQueue& main_queue() = 0;
+  /// Work for the one serial queue that touches the daemon's state.
+  virtual WorkQueue& request_queue() = 0;
+
+  /// A listener for a named local service; it accepts nobody before it is resumed.
+  virtual std::unique_ptr<ServiceListener> create_listener(std::string_view service_name,
+                                                           ServiceAccess access) = 0;
+
+  /// The folder below which all of the daemon's paths lie: absolute, fully resolved, no slash at its end;
+  /// empty where that is the real root.
+  virtual const std::string& root() const = 0;
+};
+
+/// The installed platform. Precondition: there is one.
+Platform& platform();
+
+/// Makes `installed` the platform that `platform()` answers. It must outlive every use; null takes it away.
+void install_platform(Platform* installed);
+
+/// Where one of the system's fixed absolute paths lies on this platform: below its root.
+std::string system_path(std::string_view absolute_path);
+
+}  // namespace corvane

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <functional>
+
+namespace corvane {
+
+/// Work that runs in the order given, one piece at a time, on one thread.
+class WorkQueue {
+ public:
+  virtual ~WorkQueue() = default;
+
+  /// Any thread. Never waits for the work, but for the request queue before it is created: start-up runs
+  /// on one thread, and the work is done before this returns.
+  virtual void submit(std::function<void()> work) = 0;
+
+  /// Gives the queue its thread, named `label`. Once, on the main thread; the main queue needs none.
+  virtual void create(const char* label) = 0;
+};
+
+/// The main thread's event loop.
+class RunLoop {
+ public:
+  virtual ~RunLoop() = default;
+
+  /// Runs until the process is asked to end (SIGTERM, SIGINT). Main thread.
+  virtual void run() = 0;
+};
+
+}  // namespace corvane
