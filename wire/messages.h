@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "plist/value.h"
+
+/// The shapes of request and response: dictionaries that travel as the bodies of raw-data frames. Both ends
+/// build and read them here.
+namespace corvane::wire {
+
+/// The services' socket names and selectors.
+inline constexpr std::string_view public_service = "com.norvane.corvaned";
+inline constexpr std::string_view admin_service = "com.norvane.corvaned.admin";
+inline constexpr std::string_view copy_regulatory_images = "copyRegulatoryImagesWithCompletionBlock:";
+inline constexpr std::string_view store_regulatory_images = "storeRegulatoryImages:withCompletionBlock:";
+
+/// The folder of the sockets, below the platform's root.
+inline constexpr std::string_view socket_folder = "/run/corvaned";
+
+inline constexpr std::string_view request_key = "Request";
+inline constexpr std::string_view images_key = "Images";
+inline constexpr std::string_view reply_key = "Reply";
+inline constexpr std::string_view error_key = "Error";
+inline constexpr std::string_view error_object_key = "ErrorObject";
+inline constexpr std::string_view error_domain_key = "Domain";
+inline constexpr std::string_view error_code_key = "Code";
+inline constexpr std::string_view error_user_info_key = "UserInfo";
+inline constexpr std::string_view error_description_key = "ErrorDescription";
+
+/// A request for a method; its arguments are further entries.
+plist::Ref<plist::MutableDictionary> make_request(std::string_view selector);
+
+/// The selector that a request asks for, borrowed; null when it is missing or not a string.
+plist::String* request_selector(const plist::Dictionary& request);
+
+/// An error object as it travels.
+plist::Ref<plist::Dictionary> make_error_object(plist::Ref<plist::String> domain, int32_t code,
+                                                plist::Ref<plist::Dictionary> user_info);
+
+/// A response as a client sees it.
+struct Response {
+  plist::Ref<plist::Dictionary> reply;  ///< null: no dictionary
+  bool failed = false;                  ///< the daemon answered with an error object
+  std::string domain;
+  int64_t code = 0;
+  std::string description;
+};
+
+/// False where the dictionary is no response.
+bool read_response(const plist::Dictionary& dictionary, Response& response);
+
+}  // namespace corvane::wire

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+namespace corvane::wire {
+
+/// The address of a local socket at any path. A path longer than sun_path takes is reached as
+/// /proc/self/fd/<its folder, held open>/<name>, so the address is good for as long as the object lives.
+class SocketAddress {
+ public:
+  explicit SocketAddress(const std::string& path);
+  ~SocketAddress();
+  SocketAddress(const SocketAddress&) = delete;
+  SocketAddress& operator=(const SocketAddress&) = delete;
+
+  /// 0, or the errno that says why there is no address.
+  int error() const { return error_; }
+  const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&address_); }
+  socklen_t size() const { return sizeof(address_); }
+  /// The path by which this address names the socket file.
+  const char* path() const { return address_.sun_path; }
+
+ private:
+  bool fits(const std::string& path);
+
+  sockaddr_un address_{};
+  int folder_ = -1;
+  int error_ = 0;
+};
+
+}  // namespace corvane::wire
