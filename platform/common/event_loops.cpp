@@ -1,0 +1,61 @@
+#include "platform/common/event_loops.h"
+
+#include <asio/post.hpp>
+
+#include <csignal>
+#include <new>
+#include <pthread.h>
+#include <utility>
+
+#include "platform/report.h"
+
+namespace corvane {
+
+namespace {
+
+// Work for which memory runs out is lost, and the loop goes on with the next.
+void run_to_the_end(asio::io_context& context) {
+  for (;;) {
+    try {
+      context.run();
+      return;
+    } catch (const std::bad_alloc&) {
+      report("out of memory: a piece of work was dropped");
+    }
+  }
+}
+
+}  // namespace
+
+MainLoop::MainLoop() {
+  end_signals_.add(SIGTERM);
+  end_signals_.add(SIGINT);
+  end_signals_.async_wait([this](const std::error_code& error, int) {
+    if (!error) context_.stop();
+  });
+}
+
+void MainLoop::run() {
+  const auto stay = asio::make_work_guard(context_);
+  run_to_the_end(context_);
+}
+
+void MainLoop::submit(std::function<void()> work) { asio::post(context_, std::move(work)); }
+
+RequestQueue::~RequestQueue() {
+  context_.stop();
+  if (thread_.joinable()) thread_.join();
+}
+
+void RequestQueue::submit(std::function<void()> work) {
+  if (!stay_) return work();
+  asio::post(context_, std::move(work));
+}
+
+void RequestQueue::create(const char* label) {
+  stay_.emplace(asio::make_work_guard(context_));
+  thread_ = std::thread([this] { run_to_the_end(context_); });
+  pthread_setname_np(thread_.native_handle(), label);
+}
+
+}  // namespace corvane

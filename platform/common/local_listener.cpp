@@ -1,0 +1,269 @@
+#include "platform/common/local_listener.h"
+
+#include <asio/local/stream_protocol.hpp>
+#include <asio/steady_timer.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <future>
+#include <new>
+#include <optional>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+#include "platform/common/service_connection.h"
+#include "platform/report.h"
+#include "wire/limits.h"
+#include "wire/socket_address.h"
+
+// The listener that the daemon holds is a handle; the work is done by a LocalService on the request queue,
+// which its pending socket and timer operations keep alive until the last of them has been told to stop.
+
+namespace corvane {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Policy {
+  mode_t socket_mode;
+  uint32_t request_limit;
+  size_t connection_limit;
+  bool evicts;  ///< the connection silent for longest makes room for a newcomer
+};
+
+size_t public_connections() {
+  rlimit descriptors{};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  const rlim_t spare =
+      descriptors.rlim_cur > wire::descriptor_reserve ? descriptors.rlim_cur - wire::descriptor_reserve : 1;
+  return static_cast<size_t>(std::min<rlim_t>(wire::public_connection_limit, spare));
+}
+
+Policy policy_for(ServiceAccess access) {
+  if (access == ServiceAccess::owner)
+    return {0600, wire::admin_request_limit, wire::admin_connection_limit, false};
+  return {0666, wire::public_request_limit, public_connections(), true};
+}
+
+class LocalService final : public ConnectionOwner, public std::enable_shared_from_this<LocalService> {
+ public:
+  LocalService(std::string path, ServiceAccess access, RequestQueue& queue, ServiceListener& listener)
+      : path_(std::move(path)), policy_(policy_for(access)), queue_(queue), listener_(listener) {}
+
+  void set_delegate(ServiceListenerDelegate& delegate) { delegate_ = &delegate; }
+  void open();
+  void shut_down();
+
+  void connection_was_active(LocalConnection& connection) override;
+  void connection_has_deadline() override;
+  void connection_closed(LocalConnection& connection) override;
+
+ private:
+  using Socket = LocalConnection::Socket;
+
+  int bind_socket(int socket);
+  int listening_socket();
+  void accept_next();
+  void accepted(const std::error_code& error, Socket socket);
+  void admit_newcomer();
+  bool make_room();
+  void set_up(Socket socket);
+  void tick();
+  void after(Clock::duration delay, void (LocalService::*then)());
+
+  const std::string path_;
+  const Policy policy_;
+  RequestQueue& queue_;
+  ServiceListener& listener_;
+  ServiceListenerDelegate* delegate_ = nullptr;
+
+  asio::local::stream_protocol::acceptor acceptor_{queue_.context()};
+  asio::steady_timer retry_timer_{queue_.context()};
+  asio::steady_timer tick_timer_{queue_.context()};
+  bool ticking_ = false;
+  bool shut_down_ = false;
+
+  std::optional<Socket> newcomer_;     ///< accepted, and waiting for room
+  LocalConnection::List connections_;  ///< the one silent for longest first
+};
+
+// ---- the socket ---------------------------------------------------------------------------------------
+
+// The mode is set before anybody can connect, and a socket file that a killed daemon left is replaced: the
+// process lock says that no other daemon uses it.
+int LocalService::bind_socket(int socket) {
+  const wire::SocketAddress address(path_);
+  if (address.error() != 0) return address.error();
+  if (unlink(address.path()) != 0 && errno != ENOENT) return errno;
+  if (bind(socket, address.get(), address.size()) != 0) return errno;
+  if (chmod(address.path(), policy_.socket_mode) != 0) return errno;
+  if (listen(socket, SOMAXCONN) != 0) return errno;
+  return 0;
+}
+
+// The listening socket, or -1 with errno set.
+int LocalService::listening_socket() {
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (socket < 0) return -1;
+  const int error = bind_socket(socket);
+  if (error == 0) return socket;
+  close(socket);
+  errno = error;
+  return -1;
+}
+
+void LocalService::open() {
+  if (shut_down_) return;
+  const int socket = listening_socket();
+  if (socket < 0) {
+    report("could not listen on " + path_ + ": " + std::strerror(errno));
+    return after(wire::bind_retry, &LocalService::open);
+  }
+  std::error_code error;
+  acceptor_.assign(asio::local::stream_protocol(), socket, error);
+  if (error) return report("could not serve " + path_ + ": " + error.message());
+  accept_next();
+}
+
+void LocalService::shut_down() {
+  shut_down_ = true;
+  if (acceptor_.is_open()) unlink(wire::SocketAddress(path_).path());
+  std::error_code ignored;
+  acceptor_.close(ignored);
+  retry_timer_.cancel();
+  tick_timer_.cancel();
+  newcomer_.reset();
+  while (!connections_.empty()) connections_.front()->close("");
+}
+
+void LocalService::after(Clock::duration delay, void (LocalService::*then)()) {
+  retry_timer_.expires_after(delay);
+  retry_timer_.async_wait([self = shared_from_this(), then](const std::error_code& error) {
+    if (!error && !self->shut_down_) (self.get()->*then)();
+  });
+}
+
+// ---- newcomers ----------------------------------------------------------------------------------------
+
+void LocalService::accept_next() {
+  acceptor_.async_accept([self = shared_from_this()](const std::error_code& error, Socket socket) {
+    if (!self->shut_down_) self->accepted(error, std::move(socket));
+  });
+}
+
+void LocalService::accepted(const std::error_code& error, Socket socket) {
+  // Most likely there are no descriptors left; newcomers wait in the socket's queue meanwhile.
+  if (error) return after(wire::accept_retry, &LocalService::accept_next);
+  newcomer_ = std::move(socket);
+  admit_newcomer();
+}
+
+void LocalService::admit_newcomer() {
+  if (!newcomer_) return;
+  if (!make_room()) return;
+  try {
+    set_up(*std::exchange(newcomer_, std::nullopt));
+  } catch (const std::bad_alloc&) {
+    report("out of memory: a newcomer was turned away");
+  }
+  accept_next();
+}
+
+// False: the newcomer has been turned away, or waits.
+bool LocalService::make_room() {
+  if (connections_.size() < policy_.connection_limit) return true;
+  if (!policy_.evicts) {
+    newcomer_.reset();
+    report("turned a newcomer away from " + path_ + ": too many connections");
+    accept_next();
+    return false;
+  }
+  LocalConnection& oldest = *connections_.front();
+  const Clock::duration silence = Clock::now() - oldest.silent_since;
+  if (silence < wire::eviction_grace) {
+    after(wire::eviction_grace - silence, &LocalService::admit_newcomer);
+    return false;
+  }
+  oldest.close("");
+  return true;
+}
+
+void LocalService::set_up(Socket socket) {
+  fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
+  const auto connection =
+      std::make_shared<LocalConnection>(std::move(socket), queue_, policy_.request_limit, *this);
+  connection->place = connections_.insert(connections_.end(), connection);
+  if (!delegate_->listener_shouldAcceptNewConnection(listener_, *connection)) connection->close("");
+}
+
+// ---- what connections tell ----------------------------------------------------------------------------
+
+void LocalService::connection_was_active(LocalConnection& connection) {
+  connection.silent_since = Clock::now();
+  connections_.splice(connections_.end(), connections_, connection.place);
+}
+
+void LocalService::connection_closed(LocalConnection& connection) {
+  connections_.erase(connection.place);
+  // Its room goes to the newcomer that waits; the timer it waits on would only come later.
+  if (newcomer_ && !shut_down_) after(Clock::duration::zero(), &LocalService::admit_newcomer);
+}
+
+void LocalService::connection_has_deadline() {
+  if (std::exchange(ticking_, true)) return;
+  tick_timer_.expires_after(LocalConnection::tick_interval);
+  tick_timer_.async_wait([self = shared_from_this()](const std::error_code& error) {
+    if (!error && !self->shut_down_) self->tick();
+  });
+}
+
+void LocalService::tick() {
+  ticking_ = false;
+  bool more = false;
+  for (auto next = connections_.begin(); next != connections_.end();) {
+    const std::shared_ptr<LocalConnection> connection = *next++;
+    more |= connection->tick();
+  }
+  if (more) connection_has_deadline();
+}
+
+// ---- the handle ---------------------------------------------------------------------------------------
+
+class LocalListener final : public ServiceListener {
+ public:
+  LocalListener(std::string path, ServiceAccess access, RequestQueue& queue)
+      : queue_(queue), service_(std::make_shared<LocalService>(std::move(path), access, queue, *this)) {}
+
+  ~LocalListener() override {
+    std::promise<void> done;
+    queue_.submit([&] {
+      service_->shut_down();
+      done.set_value();
+    });
+    done.get_future().wait();
+  }
+
+  void set_delegate(ServiceListenerDelegate& delegate) override { service_->set_delegate(delegate); }
+  void resume() override {
+    queue_.submit([service = service_] { service->open(); });
+  }
+
+ private:
+  RequestQueue& queue_;
+  const std::shared_ptr<LocalService> service_;
+};
+
+}  // namespace
+
+std::unique_ptr<ServiceListener> create_local_listener(std::string path, ServiceAccess access,
+                                                       RequestQueue& queue) {
+  return std::make_unique<LocalListener>(std::move(path), access, queue);
+}
+
+}  // namespace corvane

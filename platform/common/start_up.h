@@ -1,0 +1,24 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace corvane {
+
+/// What the environment says about where and on what the daemon runs.
+struct Environment {
+  std::string root;            ///< CORVANE_ROOT, or empty
+  std::string profile;         ///< CORVANE_PROFILE on the simulated device; empty on Linux
+  bool simulated = false;      ///< CORVANE_PLATFORM is "simulated" rather than "linux"
+  bool log_to_stderr = false;  ///< CORVANE_LOG_STDERR is "1"
+};
+
+/// Nothing where the environment makes no sense; `refusal` says why in one line.
+std::optional<Environment> read_environment(std::string& refusal);
+
+/// Makes the process fit to be a daemon: umask 022, descriptors 0 to 2 open, SIGPIPE and SIGXFSZ ignored,
+/// and the lock <root>/run/corvaned/corvaned.lock taken for the life of the process. False: `refusal` says why
+/// in one line; a held lock is left as it is.
+bool prepare_process(const std::string& root, std::string& refusal);
+
+}  // namespace corvane

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/common/device.h"
+#include "platform/common/event_loops.h"
+#include "platform/common/preferences.h"
+#include "platform/common/start_up.h"
+#include "platform/common/system_files.h"
+#include "platform/common/system_logger.h"
+#include "platform/platform.h"
+
+namespace corvane {
+
+/// The platform of a running daemon: the facilities that are the same everywhere, and those of the device
+/// it was given.
+class SystemPlatform final : public Platform {
+ public:
+  SystemPlatform(const Environment& environment, std::unique_ptr<Device> device);
+
+  Logger& logger() override { return logger_; }
+  Files& files() override { return files_; }
+  DeviceProperties& device_properties() override { return device_->properties(); }
+  TelephonyCentre* telephony_centre() override { return nullptr; }
+  RunLoop& main_run_loop() override { return main_loop_; }
+  WorkQueue& main_queue() override { return main_loop_; }
+  WorkQueue& request_queue() override { return request_queue_; }
+  std::unique_ptr<ServiceListener> create_listener(std::string_view service_name, ServiceAccess access) override;
+  const std::string& root() const override { return root_; }
+
+ private:
+  const std::string root_;
+  SystemFiles files_;
+  PreferenceFiles preferences_;
+  SystemLogger logger_;
+  const std::unique_ptr<Device> device_;
+  MainLoop main_loop_;
+  RequestQueue request_queue_;
+};
+
+}  // namespace corvane

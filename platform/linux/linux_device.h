@@ -1,0 +1,38 @@
+#pragma once
+
+#include <string>
+
+#include "platform/common/device.h"
+#include "platform/common/small_file.h"
+#include "platform/device_properties.h"
+
+namespace corvane {
+
+/// Answers from a table, the dictionary in <root>/etc/corvaned/properties.plist, and for names that it does
+/// not hold from what the running system knows: "ProductVersion" is VERSION_ID of os-release(5). Both files
+/// may change at any time; a missing or bad one has no answers.
+class LinuxDeviceProperties final : public DeviceProperties {
+ public:
+  explicit LinuxDeviceProperties(const std::string& root);
+
+  plist::Ref<plist::Value> copy_answer(const plist::String& name) override;
+
+ private:
+  plist::Ref<plist::Value> system_version() const;
+
+  const std::string root_;
+  DictionaryFile table_;
+};
+
+/// The device that a Linux system runs on.
+class LinuxDevice final : public Device {
+ public:
+  explicit LinuxDevice(const std::string& root) : properties_(root) {}
+
+  DeviceProperties& properties() override { return properties_; }
+
+ private:
+  LinuxDeviceProperties properties_;
+};
+
+}  // namespace corvane

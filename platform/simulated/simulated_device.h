@@ -1,0 +1,40 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "platform/common/device.h"
+#include "platform/device_properties.h"
+#include "platform/simulated/profile.h"
+
+namespace corvane {
+
+/// Answers from the profile's dictionary "Properties".
+class SimulatedDeviceProperties final : public DeviceProperties {
+ public:
+  /// The profile must outlive this.
+  explicit SimulatedDeviceProperties(Profile& profile) : profile_(profile) {}
+
+  plist::Ref<plist::Value> copy_answer(const plist::String& name) override;
+
+ private:
+  Profile& profile_;
+};
+
+/// A device that answers everything from one profile.
+class SimulatedDevice final : public Device {
+ public:
+  /// Null, and in `fault` one line that says why, where the profile cannot be read.
+  static std::unique_ptr<SimulatedDevice> open(const std::string& profile_path, std::string& fault);
+
+  DeviceProperties& properties() override { return properties_; }
+
+ private:
+  explicit SimulatedDevice(std::unique_ptr<Profile> profile) : profile_(std::move(profile)), properties_(*profile_) {}
+
+  const std::unique_ptr<Profile> profile_;
+  SimulatedDeviceProperties properties_;
+};
+
+}  // namespace corvane
