@@ -1,0 +1,114 @@
+#include "state/plist_file.h"
+
+#include <cstdint>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+
+#include "daemon/log.h"
+#include "plist/reader.h"
+#include "plist/writer.h"
+#include "state/descriptor.h"
+#include "state/safe_file.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr off_t too_big = off_t{1} << 32;
+
+// In one piece, because it is written with one call.
+bool encode(const plist::Value& value, plist::ByteChain& bytes) {
+  try {
+    return !plist::encode_binary(value, bytes, SIZE_MAX);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+int write_file(const char* path, std::string_view bytes) {
+  const Descriptor file(_safe_open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644, S_IFREG));
+  if (!file.is_open()) {
+    cv_log("store_dict", 0, "Could not create %s: %s", path, std::strerror(errno));
+    log_path_and_parent(path);
+    return -1;
+  }
+  if (::write(file.number(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+    cv_log("store_dict", 0, "Could not write to %s: %s", path, std::strerror(errno));
+    log_path_and_parent(path);
+    return -1;
+  }
+  return 0;
+}
+
+plist::Ref<plist::MutableData> allocate_buffer(size_t size) {
+  try {
+    return plist::MutableData::create(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+plist::Ref<plist::Data> read_file(const char* path, int descriptor, size_t size) {
+  auto buffer = allocate_buffer(size);
+  if (!buffer) {
+    cv_log("_load_dict", 0, "Could not allocate buffer");
+    return nullptr;
+  }
+  if (::read(descriptor, buffer->mutable_bytes(), size) != static_cast<ssize_t>(size)) {
+    cv_log("_load_dict", 0, "Could not read %s: %s", path, std::strerror(errno));
+    return nullptr;
+  }
+  return buffer;
+}
+
+plist::Ref<plist::Value> parse(const plist::Ref<plist::Data>& bytes, bool immutable) {
+  const auto containers = immutable ? plist::Containers::immutable : plist::Containers::made_mutable;
+  plist::Decoded decoded = plist::decode(bytes, containers);
+  if (!decoded.value) cv_log("_load_dict", 0, "Could not create dictionary from stream");
+  return std::move(decoded.value);
+}
+
+}  // namespace
+
+int store_dict(const char* path, const plist::Value& value) {
+  plist::ByteChain bytes;
+  if (!encode(value, bytes)) {
+    cv_log("store_dict", 0, "Could not serialize dictionary to stream");
+    return -1;
+  }
+  try {
+    return write_file(path, bytes.pieces().front());
+  } catch (const std::bad_alloc&) {
+    cv_log("store_dict", 0, "Could not get serialized data from stream");
+    return -1;
+  }
+}
+
+plist::Ref<plist::Value> _load_dict(const char* path, bool immutable) {
+  Descriptor file(_safe_open(path, O_RDONLY | O_NOFOLLOW, 0, S_IFREG));
+  if (!file.is_open()) {
+    cv_log("_load_dict", 0, "Could not open %s: %s", path, std::strerror(errno));
+    log_path_and_parent(path);
+    return nullptr;
+  }
+  struct stat status;
+  if (fstat(file.number(), &status) != 0) {
+    cv_log("_load_dict", 0, "Could not fstat %s: %s", path, std::strerror(errno));
+    log_path_and_parent(path);
+    return nullptr;
+  }
+  if (status.st_size >= too_big) {
+    cv_log("_load_dict", 0, "too big for our purposes");
+    file.detach();
+    return nullptr;
+  }
+  const auto bytes = read_file(path, file.number(), static_cast<size_t>(status.st_size));
+  return bytes ? parse(bytes, immutable) : nullptr;
+}
+
+plist::Ref<plist::Value> load_dict(const char* path) { return _load_dict(path, true); }
+
+plist::Ref<plist::Value> load_mutable_dict(const char* path) { return _load_dict(path, false); }
+
+}  // namespace corvane
