@@ -1,0 +1,19 @@
+#pragma once
+
+#include "daemon/service.h"
+#include "platform/named_service.h"
+
+namespace corvane {
+
+/// What the daemon's own user may ask for besides: the delegate of the admin listener and the object that
+/// its connections export. Runs on the request queue.
+class CorvaneAdmin final : public ServiceListenerDelegate, public ExportedObject {
+ public:
+  bool listener_shouldAcceptNewConnection(ServiceListener& listener, ServiceConnection& connection) override;
+
+  /// Replaces the stored regulatory images. Answers no dictionary, and an error where they could not be
+  /// stored.
+  void storeRegulatoryImages_withCompletionBlock(plist::Value& images, const CompletionBlock& completion);
+};
+
+}  // namespace corvane

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+
+#include "plist/value.h"
+
+namespace corvane {
+
+/// What a reply callback is given when a request failed.
+struct ErrorObject {
+  plist::Ref<plist::String> domain;
+  int32_t code;
+  plist::Ref<plist::Dictionary> user_info;  ///< {"ErrorDescription": text}
+};
+
+/// The daemon's error domain, its codes and their texts, which clients see and which stay letter for letter.
+class CorvaneError {
+ public:
+  static constexpr const char* domain = "com.norvane.corvaned.error";
+  static constexpr int32_t success = 0;
+  static constexpr int32_t unexpected_parameter = 1;
+  static constexpr int32_t operation_failed = 2;
+
+  static ErrorObject getError(int32_t code);
+  /// {"ErrorDescription": text}; codes without a text of their own share one.
+  static plist::Ref<plist::Dictionary> getErrorDescription(int32_t code);
+};
+
+}  // namespace corvane

@@ -1,0 +1,47 @@
+#include "daemon/lockstart.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "daemon/log.h"
+#include "platform/files.h"
+#include "platform/platform.h"
+#include "state/safe_file.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr mode_t state_directory_mode = 0700;
+
+void create_state_directory(const char* path) {
+  if (mkdir(path, state_directory_mode) == 0 || errno == EEXIST) return;
+  cv_log("lockstart_local", 0, "Could not mkdir %s : %s", path, std::strerror(errno));
+  log_path_and_parent(path);
+}
+
+// A directory that an earlier version or a hand made keeps its own mode until it is forced here.
+void force_state_directory_mode(const char* path) {
+  const int directory = safe_open(path, O_NOFOLLOW, S_IFDIR);
+  if (directory < 0) return cv_log("lockstart_local", 0, "couldn't open %s", path);
+  if (fchmod(directory, state_directory_mode) != 0) {
+    cv_log("lockstart_local", 0, "Could not chmod %s: %s", path, std::strerror(errno));
+  }
+  close(directory);
+}
+
+}  // namespace
+
+void lockstart_local() {
+  char path[path_limit + 1];
+  std::snprintf(path, sizeof(path), "%s", system_path("/private/var/mobile").c_str());
+  std::strncat(path, "/Library/cvd", path_limit - std::strlen(path));
+  create_state_directory(path);
+  force_state_directory_mode(path);
+}
+
+}  // namespace corvane

@@ -1,0 +1,81 @@
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "daemon/admin.h"
+#include "daemon/lockstart.h"
+#include "daemon/log.h"
+#include "daemon/service.h"
+#include "platform/common/start_up.h"
+#include "platform/common/system_platform.h"
+#include "platform/linux/linux_device.h"
+#include "platform/named_service.h"
+#include "platform/report.h"
+#include "platform/run_loop.h"
+#include "platform/simulated/simulated_device.h"
+#include "platform/telephony.h"
+#include "wire/messages.h"
+
+namespace corvane {
+
+namespace {
+
+// Null, and one line in `refusal`, where the daemon cannot run here.
+std::unique_ptr<Device> open_device(const Environment& environment, std::string& refusal) {
+  if (environment.simulated) return SimulatedDevice::open(environment.profile, refusal);
+  return std::make_unique<LinuxDevice>(environment.root);
+}
+
+std::unique_ptr<Platform> start_platform(std::string& refusal) {
+  const std::optional<Environment> environment = read_environment(refusal);
+  if (!environment) return nullptr;
+  std::unique_ptr<Device> device = open_device(*environment, refusal);
+  if (device == nullptr || !prepare_process(environment->root, refusal)) return nullptr;
+  return std::make_unique<SystemPlatform>(*environment, std::move(device));
+}
+
+void log_report(const std::string& text) { cv_log("platform", 0, "%s", text.c_str()); }
+
+// What lives as long as the process.
+std::unique_ptr<CorvaneDaemon> daemon_object;
+std::unique_ptr<CorvaneAdmin> admin_object;
+
+int run_daemon() {
+  cv_log("main", 0, "____________________ Corvane startup _____________________");
+
+  if (TelephonyCentre* centre = TelvoTelephonyCenterGetDefault()) {
+    TelvoTelephonyCenterSetDefaultRunloop(*centre, platform().main_run_loop());
+  }
+
+  daemon_object = std::make_unique<CorvaneDaemon>();
+  admin_object = std::make_unique<CorvaneAdmin>();
+  lockstart_local();
+
+  const auto admin_listener = platform().create_listener(wire::admin_service, ServiceAccess::owner);
+  const auto listener = platform().create_listener(wire::public_service, ServiceAccess::everyone);
+  platform().request_queue().create("CVPortHandler");
+  admin_listener->set_delegate(*admin_object);
+  listener->set_delegate(*daemon_object);
+  admin_listener->resume();
+  listener->resume();
+
+  platform().main_run_loop().run();
+  return 0;
+}
+
+}  // namespace
+
+}  // namespace corvane
+
+int main() {
+  std::string refusal;
+  const std::unique_ptr<corvane::Platform> platform = corvane::start_platform(refusal);
+  if (platform == nullptr) {
+    std::fprintf(stderr, "corvaned: %s\n", refusal.c_str());
+    return 1;
+  }
+  corvane::install_platform(platform.get());
+  corvane::set_report_sink(corvane::log_report);
+  return corvane::run_daemon();
+}

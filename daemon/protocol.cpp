@@ -1,0 +1,95 @@
+#include "daemon/protocol.h"
+
+#include <new>
+
+#include "daemon/admin.h"
+#include "daemon/log.h"
+#include "daemon/request.h"
+#include "wire/limits.h"
+#include "wire/messages.h"
+
+namespace corvane {
+
+using plist::Ref;
+
+namespace {
+
+void set_error(plist::MutableDictionary& response, const char* reason, const ErrorObject& error) {
+  response.set(wire::error_object_key, wire::make_error_object(error.domain, error.code, error.user_info));
+  set_response_error(reason, response, error.user_info->get(wire::error_description_key));
+}
+
+void encode(const plist::Dictionary& response, plist::ByteChain& out) {
+  const Ref<plist::String> fault = plist::encode_binary(response, out);
+  if (!fault && out.size() <= wire::response_limit) return;
+
+  cv_log("encode", 0, "could not send a response: %@", fault ? fault : plist::String::create("it is too long"));
+  out = plist::ByteChain();
+  Ref<plist::MutableDictionary> failure = create_response(wire::request_selector(response));
+  set_error(*failure, "response", CorvaneError::getError(CorvaneError::operation_failed));
+  plist::encode_binary(*failure, out);
+}
+
+}  // namespace
+
+bool MethodTable::deliver(ExportedObject& object, const Message& message, plist::ByteChain& response) const {
+  if (message.kind != Message::raw_data) return false;
+  encode(*answer(object, message), response);
+  return true;
+}
+
+const MethodTable::Method* MethodTable::find(const plist::String* selector) const {
+  if (selector == nullptr) return nullptr;
+  for (const Method& method : methods_) {
+    if (method.selector == selector->view()) return &method;
+  }
+  return nullptr;
+}
+
+Ref<plist::MutableDictionary> MethodTable::answer(ExportedObject& object, const Message& message) const {
+  const Ref<plist::Dictionary> request = copy_dict_from_port_data(&message);
+  const Ref<plist::String> selector = request ? wire::request_selector(*request) : nullptr;
+  Ref<plist::MutableDictionary> response = create_response(selector ? selector : plist::String::create(""));
+
+  const Method* method = find(selector.get());
+  if (method == nullptr) {
+    const char* reason = request ? "no such request" : "unreadable request";
+    set_error(*response, reason, CorvaneError::getError(CorvaneError::unexpected_parameter));
+    return response;
+  }
+  method->call(object, *request, [&](plist::Dictionary* reply, const ErrorObject* error) {
+    if (reply != nullptr) response->set(wire::reply_key, reply);
+    if (error != nullptr) set_error(*response, selector->c_string(), *error);
+  });
+  return response;
+}
+
+// ---- the protocols ------------------------------------------------------------------------------------
+
+const ExportedInterface& corvane_protocol() {
+  static const MethodTable protocol{
+      {wire::copy_regulatory_images,
+       [](ExportedObject& object, const plist::Dictionary&, const CompletionBlock& completion) {
+         static_cast<CorvaneDaemon&>(object).copyRegulatoryImagesWithCompletionBlock(completion);
+       }},
+  };
+  return protocol;
+}
+
+const ExportedInterface& corvane_admin_protocol() {
+  static const MethodTable protocol{
+      {wire::store_regulatory_images,
+       [](ExportedObject& object, const plist::Dictionary& request, const CompletionBlock& completion) {
+         plist::Value* images = request.get(wire::images_key);
+         if (images != nullptr) {
+           return static_cast<CorvaneAdmin&>(object).storeRegulatoryImages_withCompletionBlock(*images,
+                                                                                               completion);
+         }
+         const ErrorObject error = CorvaneError::getError(CorvaneError::unexpected_parameter);
+         completion(nullptr, &error);
+       }},
+  };
+  return protocol;
+}
+
+}  // namespace corvane

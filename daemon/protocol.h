@@ -1,0 +1,39 @@
+#pragma once
+
+#include <initializer_list>
+#include <string_view>
+#include <vector>
+
+#include "daemon/service.h"
+#include "platform/named_service.h"
+#include "plist/value.h"
+
+namespace corvane {
+
+/// An exported interface as a table of methods. A message becomes a request, the request finds its method,
+/// and what the method's completion block is given becomes the response; requests that cannot be read, name
+/// no method or lack an argument are answered with the error "Unexpeceted parameter".
+class MethodTable final : public ExportedInterface {
+ public:
+  struct Method {
+    std::string_view selector;
+    void (*call)(ExportedObject& object, const plist::Dictionary& request, const CompletionBlock& completion);
+  };
+
+  MethodTable(std::initializer_list<Method> methods) : methods_(methods) {}
+
+  bool deliver(ExportedObject& object, const Message& message, plist::ByteChain& response) const override;
+
+ private:
+  const Method* find(const plist::String* selector) const;
+  plist::Ref<plist::MutableDictionary> answer(ExportedObject& object, const Message& message) const;
+
+  const std::vector<Method> methods_;
+};
+
+/// `CorvaneProtocol`, the methods of CorvaneDaemon.
+const ExportedInterface& corvane_protocol();
+/// `CorvaneAdminProtocol`, the methods of CorvaneAdmin.
+const ExportedInterface& corvane_admin_protocol();
+
+}  // namespace corvane

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <functional>
+
+#include "daemon/error.h"
+#include "platform/named_service.h"
+#include "plist/value.h"
+
+namespace corvane {
+
+/// Takes a method's answer: a dictionary or null, and an error or null, both borrowed. Called once, before
+/// the method returns. An empty one is allowed, and the answer is dropped.
+using CompletionBlock = std::function<void(plist::Dictionary* reply, const ErrorObject* error)>;
+
+/// The one service object: the listeners' delegate, and what every connection exports. Its methods run on
+/// the request queue.
+class CorvaneDaemon final : public ServiceListenerDelegate, public ExportedObject {
+ public:
+  /// A number: 1 where `value` is the very object that stands for Boolean true, 0 for everything else, null
+  /// and a number 1 included.
+  static plist::Ref<plist::Number> booleanToNumber(const plist::Value* value);
+
+  /// Accepts everyone: who may connect is decided by the sockets' modes.
+  bool listener_shouldAcceptNewConnection(ServiceListener& listener, ServiceConnection& connection) override;
+
+  /// The stored regulatory images as they were read, or null. Never an error.
+  void copyRegulatoryImagesWithCompletionBlock(const CompletionBlock& completion);
+};
+
+}  // namespace corvane
