@@ -1,0 +1,217 @@
+#include "client/client.h"
+
+#include <climits>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <optional>
+#include <poll.h>
+#include <span>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include "plist/reader.h"
+#include "plist/writer.h"
+#include "wire/frame.h"
+#include "wire/frame_reader.h"
+#include "wire/limits.h"
+#include "wire/socket_address.h"
+
+namespace corvane::client {
+
+using plist::Ref;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+Answer failure(Outcome outcome, std::string detail) { return {outcome, std::move(detail), {}}; }
+
+/// One call on a connected socket, up to its deadline.
+class Call {
+ public:
+  Call(int socket, Clock::time_point deadline) : socket_(socket), deadline_(deadline) {}
+
+  /// Nothing when the request was sent.
+  std::optional<Answer> send(const plist::ByteChain& body);
+  Answer receive(const plist::String* selector);
+  /// Whether any byte of an answer came.
+  bool heard() const { return heard_; }
+
+ private:
+  std::optional<Answer> wait_for(short events);
+  std::optional<Answer> read_frame(wire::Frame& frame);
+
+  const int socket_;
+  const Clock::time_point deadline_;
+  bool heard_ = false;
+};
+
+std::optional<Answer> Call::wait_for(short events) {
+  for (;;) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline_ - Clock::now()).count();
+    if (left <= 0) return failure(Outcome::timed_out, "no answer in time");
+    pollfd waiting{socket_, events, 0};
+    const int ready = poll(&waiting, 1, static_cast<int>(std::min<long long>(left, INT_MAX)));
+    if (ready > 0) return std::nullopt;
+    if (ready < 0 && errno != EINTR) return failure(Outcome::closed, std::strerror(errno));
+  }
+}
+
+std::vector<iovec> vectors_of(std::array<char, wire::header_size>& header, const plist::ByteChain& body) {
+  std::vector<iovec> vectors{{header.data(), header.size()}};
+  for (const std::string_view piece : body.pieces()) {
+    vectors.push_back({const_cast<char*>(piece.data()), piece.size()});
+  }
+  return vectors;
+}
+
+std::optional<Answer> Call::send(const plist::ByteChain& body) {
+  auto header = wire::encode_header({wire::raw_data_kind, static_cast<uint32_t>(body.size())});
+  std::vector<iovec> rest = vectors_of(header, body);
+  size_t first = 0;
+  while (first < rest.size()) {
+    msghdr message{};
+    message.msg_iov = &rest[first];
+    message.msg_iovlen = std::min<size_t>(rest.size() - first, IOV_MAX);
+    const ssize_t sent = sendmsg(socket_, &message, MSG_NOSIGNAL);
+    if (sent < 0 && (errno == EAGAIN || errno == EINTR)) {
+      if (auto failed = wait_for(POLLOUT)) return failed;
+      continue;
+    }
+    if (sent < 0) return failure(Outcome::closed, std::strerror(errno));
+    for (auto left = static_cast<size_t>(sent); first < rest.size();) {
+      const size_t taken = std::min(left, rest[first].iov_len);
+      rest[first].iov_base = static_cast<char*>(rest[first].iov_base) + taken;
+      rest[first].iov_len -= taken;
+      left -= taken;
+      if (rest[first].iov_len != 0) break;
+      ++first;
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<Answer> Call::read_frame(wire::Frame& frame) {
+  wire::FrameReader reader(wire::response_limit);
+  for (;;) {
+    switch (reader.next(frame)) {
+      case wire::FrameReader::Status::frame:
+        return std::nullopt;
+      case wire::FrameReader::Status::not_ours:
+        return failure(Outcome::bad_answer, "the answer is no frame");
+      case wire::FrameReader::Status::too_long:
+        return failure(Outcome::bad_answer, "the answer is too long");
+      case wire::FrameReader::Status::incomplete:
+        break;
+    }
+    const std::span<char> space = reader.space();
+    const ssize_t count = recv(socket_, space.data(), space.size(), 0);
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
+      if (auto failed = wait_for(POLLIN)) return failed;
+      continue;
+    }
+    if (count < 0) return failure(Outcome::closed, std::strerror(errno));
+    if (count == 0) return failure(Outcome::closed, "the daemon closed the connection");
+    heard_ = true;
+    reader.added(static_cast<size_t>(count));
+  }
+}
+
+Answer Call::receive(const plist::String* selector) {
+  wire::Frame frame;
+  if (auto failed = read_frame(frame)) return *failed;
+  const plist::Decoded decoded = plist::decode(frame.body, plist::Containers::immutable);
+  const auto* dictionary = plist::cast<plist::Dictionary>(decoded.value.get());
+  if (decoded.error) return failure(Outcome::bad_answer, std::string(decoded.error->view()));
+  Answer answer;
+  if (frame.kind != wire::raw_data_kind || dictionary == nullptr ||
+      !wire::read_response(*dictionary, answer.response)) {
+    return failure(Outcome::bad_answer, "the answer is no response");
+  }
+  if (selector != nullptr && !plist::equal(wire::request_selector(*dictionary), selector)) {
+    return failure(Outcome::bad_answer, "the answer is to another request");
+  }
+  return answer;
+}
+
+// The connected socket, or -1 with errno set. A full queue of newcomers is waited for until the deadline.
+int connect_to(const std::string& path, std::chrono::milliseconds timeout) {
+  const wire::SocketAddress address(path);
+  if (address.error() != 0) {
+    errno = address.error();
+    return -1;
+  }
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (socket < 0) return -1;
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout);
+  const auto rest = std::chrono::duration_cast<std::chrono::microseconds>(timeout - seconds);
+  const timeval limit{static_cast<time_t>(seconds.count()), static_cast<suseconds_t>(rest.count())};
+  setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+  while (connect(socket, address.get(), address.size()) != 0) {
+    if (errno == EINTR) continue;
+    const int error = errno;
+    close(socket);
+    errno = error;
+    return -1;
+  }
+  fcntl(socket, F_SETFL, fcntl(socket, F_GETFL) | O_NONBLOCK);
+  return socket;
+}
+
+}  // namespace
+
+Connection::Connection(std::string_view service_name, const std::string& root, std::chrono::milliseconds timeout)
+    : path_(root + std::string(wire::socket_folder) + "/" + std::string(service_name)), timeout_(timeout) {}
+
+Connection::~Connection() { disconnect(); }
+
+std::string Connection::root_from_environment() {
+  const char* root = std::getenv("CORVANE_ROOT");
+  return root == nullptr ? "" : root;
+}
+
+void Connection::disconnect() {
+  if (socket_ >= 0) close(std::exchange(socket_, -1));
+}
+
+Answer Connection::ask(const plist::Dictionary& request) {
+  plist::ByteChain body;
+  if (const Ref<plist::String> fault = plist::encode_binary(request, body)) {
+    return failure(Outcome::bad_request, std::string(fault->view()));
+  }
+  const auto deadline = Clock::now() + timeout_;
+  for (;;) {
+    const bool fresh = socket_ < 0;
+    if (fresh) socket_ = connect_to(path_, timeout_);
+    if (socket_ < 0 && errno == EAGAIN) return failure(Outcome::timed_out, "the daemon takes no newcomers");
+    if (socket_ < 0) return failure(Outcome::refused, path_ + ": " + std::strerror(errno));
+
+    Call call(socket_, deadline);
+    std::optional<Answer> failed = call.send(body);
+    const Answer answer = failed ? *failed : call.receive(wire::request_selector(request));
+    if (answer.outcome == Outcome::answered) return answer;
+    disconnect();
+    const bool was_stale = !fresh && answer.outcome == Outcome::closed && !call.heard();
+    if (!was_stale) return answer;
+  }
+}
+
+Answer copy_regulatory_images(Connection& connection) {
+  return connection.ask(*wire::make_request(wire::copy_regulatory_images));
+}
+
+Answer store_regulatory_images(Connection& admin_connection, Ref<plist::Value> images) {
+  Ref<plist::MutableDictionary> request = wire::make_request(wire::store_regulatory_images);
+  request->set(wire::images_key, std::move(images));
+  return admin_connection.ask(*request);
+}
+
+}  // namespace corvane::client

@@ -1,0 +1,153 @@
+#include <CLI/CLI.hpp>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "client/client.h"
+#include "plist/reader.h"
+#include "plist/writer.h"
+#include "tools/images.h"
+#include "tools/json.h"
+#include "tools/print.h"
+
+// The operator's command. Exit status: 0 done, 1 the daemon answered an error or nothing, 2 wrong usage,
+// 3 no daemon to talk to.
+
+namespace corvane::tools {
+
+namespace {
+
+using plist::Ref;
+
+enum Status { done = 0, not_answered = 1, wrong_usage = 2, no_daemon = 3 };
+
+/// Ends a command with one line on standard error.
+struct Failure {
+  Status status;
+  std::string text;
+};
+
+struct Format {
+  bool json = false;
+  bool xml = false;
+};
+
+Ref<plist::Value> read_plist(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+  if (!file.is_open() || file.bad()) throw Failure{wrong_usage, path + ": " + std::strerror(errno)};
+  plist::Decoded decoded = plist::decode(plist::Data::create(bytes), plist::Containers::immutable);
+  if (decoded.error) throw Failure{wrong_usage, path + ": " + std::string(decoded.error->view())};
+  return std::move(decoded.value);
+}
+
+std::string formatted(const plist::Value& value, const Format& format) {
+  if (format.json) return to_json(value) + "\n";
+  if (!format.xml) return to_text(value) + "\n";
+  std::string text;
+  if (const Ref<plist::String> fault = plist::encode_xml(value, text)) {
+    throw Failure{wrong_usage, "this has no XML form: " + std::string(fault->view())};
+  }
+  return text;
+}
+
+void print(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
+
+// What the daemon answered, which may be nothing.
+Ref<plist::Dictionary> answered(const client::Answer& answer) {
+  if (answer.outcome == client::Outcome::refused) throw Failure{no_daemon, "no daemon: " + answer.detail};
+  if (answer.outcome != client::Outcome::answered) throw Failure{not_answered, answer.detail};
+  const wire::Response& response = answer.response;
+  if (response.failed) {
+    throw Failure{not_answered,
+                  "the daemon answered error " + std::to_string(response.code) + ": " + response.description};
+  }
+  return response.reply;
+}
+
+void show_images(const Format& format, const std::string& save_folder) {
+  client::Connection connection(wire::public_service);
+  const Ref<plist::Dictionary> images = answered(client::copy_regulatory_images(connection));
+  if (!images) throw Failure{not_answered, "no regulatory images are stored"};
+  if (save_folder.empty()) return print(formatted(*images, format));
+  for (const std::string& path : save_data_values(*images, save_folder)) print(path + "\n");
+}
+
+void store_images(const std::string& path) {
+  client::Connection connection(wire::admin_service);
+  answered(client::store_regulatory_images(connection, read_plist(path)));
+}
+
+void add_format(CLI::App& command, Format& format) {
+  CLI::Option* json = command.add_flag("--json", format.json, "Print JSON");
+  command.add_flag("--xml", format.xml, "Print an XML property list")->excludes(json);
+}
+
+void add_images(CLI::App& app) {
+  struct Options {
+    Format format;
+    std::string save_folder;
+    std::string store;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App* command = app.add_subcommand("images", "Ask the daemon for the regulatory images, or store them");
+  add_format(*command, options->format);
+  command->add_option("--save", options->save_folder, "Write each data value found in them as a file")
+      ->type_name("DIR")
+      ->check(CLI::ExistingDirectory)
+      ->excludes("--json", "--xml");
+  command->add_option("--store", options->store, "Store the value of this property-list file as the images")
+      ->type_name("PLIST")
+      ->excludes("--json", "--xml", "--save");
+  command->callback([options] {
+    if (options->store.empty()) return show_images(options->format, options->save_folder);
+    store_images(options->store);
+  });
+}
+
+void add_show(CLI::App& app) {
+  struct Options {
+    Format format;
+    std::string path;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App* command = app.add_subcommand("show", "Print any property-list file, binary or XML");
+  add_format(*command, options->format);
+  command->add_option("FILE", options->path, "The file")->required();
+  command->callback([options] { print(formatted(*read_plist(options->path), options->format)); });
+}
+
+int run(int argc, char** argv) {
+  CLI::App app{
+      "Ask corvaned, and look at its files.\nThe daemon is the one below the folder CORVANE_ROOT, where "
+      "that is set."};
+  app.require_subcommand(1);
+  add_images(app);
+  add_show(app);
+  try {
+    app.parse(argc, argv);
+    return done;
+  } catch (const Failure& failure) {
+    std::fprintf(stderr, "corvanectl: %s\n", failure.text.c_str());
+    return failure.status;
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) return app.exit(error);
+    std::fprintf(stderr, "corvanectl: %s\n", error.what());
+    return wrong_usage;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "corvanectl: %s\n", error.what());
+    return not_answered;
+  }
+}
+
+}  // namespace
+
+}  // namespace corvane::tools
+
+int main(int argc, char** argv) { return corvane::tools::run(argc, argv); }

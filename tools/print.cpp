@@ -1,0 +1,57 @@
+#include "tools/print.h"
+
+#include <map>
+
+#include "plist/describe.h"
+#include "tools/json.h"
+
+namespace corvane::tools {
+
+using plist::cast;
+
+namespace {
+
+void print(const plist::Value& value, const std::string& indent, std::string& out);
+
+void print_items(std::span<const plist::Ref<plist::Value>> items, const std::string& indent, const char* brackets,
+                 std::string& out) {
+  out += brackets[0];
+  for (const plist::Ref<plist::Value>& item : items) {
+    out += "\n" + indent + "  ";
+    print(*item, indent + "  ", out);
+  }
+  if (!items.empty()) out += "\n" + indent;
+  out += brackets[1];
+}
+
+void print_entries(const plist::Dictionary& dictionary, const std::string& indent, std::string& out) {
+  std::map<std::string_view, const plist::Value*> sorted;
+  for (const plist::Dictionary::Entry& entry : dictionary.entries()) {
+    sorted.emplace(entry.key->view(), entry.value.get());
+  }
+  out += '{';
+  for (const auto& [key, value] : sorted) {
+    out += "\n" + indent + "  " + json_quoted(key) + ": ";
+    print(*value, indent + "  ", out);
+  }
+  if (!sorted.empty()) out += "\n" + indent;
+  out += '}';
+}
+
+void print(const plist::Value& value, const std::string& indent, std::string& out) {
+  if (const auto* dictionary = cast<plist::Dictionary>(&value)) return print_entries(*dictionary, indent, out);
+  if (const auto* array = cast<plist::Array>(&value)) return print_items(array->items(), indent, "[]", out);
+  if (const auto* set = cast<plist::Set>(&value)) return print_items(set->items(), indent, "()", out);
+  const auto* string = cast<plist::String>(&value);
+  out += string != nullptr ? json_quoted(string->view()) : plist::describe(&value);
+}
+
+}  // namespace
+
+std::string to_text(const plist::Value& value) {
+  std::string out;
+  print(value, "", out);
+  return out;
+}
+
+}  // namespace corvane::tools
