@@ -73,27 +73,33 @@ std::vector<iovec> vectors_of(std::array<char, wire::header_size>& header, const
   return vectors;
 }
 
+// Takes `count` bytes that were sent from the front.
+void drop_sent(std::span<iovec>& vectors, size_t count) {
+  while (!vectors.empty()) {
+    iovec& front = vectors.front();
+    const size_t taken = std::min(count, front.iov_len);
+    front.iov_base = static_cast<char*>(front.iov_base) + taken;
+    front.iov_len -= taken;
+    count -= taken;
+    if (front.iov_len != 0) return;
+    vectors = vectors.subspan(1);
+  }
+}
+
 std::optional<Answer> Call::send(const plist::ByteChain& body) {
   auto header = wire::encode_header({wire::raw_data_kind, static_cast<uint32_t>(body.size())});
-  std::vector<iovec> rest = vectors_of(header, body);
-  size_t first = 0;
-  while (first < rest.size()) {
+  std::vector<iovec> vectors = vectors_of(header, body);
+  for (std::span<iovec> unsent = vectors; !unsent.empty();) {
     msghdr message{};
-    message.msg_iov = &rest[first];
-    message.msg_iovlen = std::min<size_t>(rest.size() - first, IOV_MAX);
+    message.msg_iov = unsent.data();
+    message.msg_iovlen = std::min<size_t>(unsent.size(), IOV_MAX);
     const ssize_t sent = sendmsg(socket_, &message, MSG_NOSIGNAL);
-    if (sent < 0 && (errno == EAGAIN || errno == EINTR)) {
-      if (auto failed = wait_for(POLLOUT)) return failed;
-      continue;
-    }
-    if (sent < 0) return failure(Outcome::closed, std::strerror(errno));
-    for (auto left = static_cast<size_t>(sent); first < rest.size();) {
-      const size_t taken = std::min(left, rest[first].iov_len);
-      rest[first].iov_base = static_cast<char*>(rest[first].iov_base) + taken;
-      rest[first].iov_len -= taken;
-      left -= taken;
-      if (rest[first].iov_len != 0) break;
-      ++first;
+    if (sent >= 0) {
+      drop_sent(unsent, static_cast<size_t>(sent));
+    } else if (errno != EAGAIN && errno != EINTR) {
+      return failure(Outcome::closed, std::strerror(errno));
+    } else if (auto failed = wait_for(POLLOUT)) {
+      return failed;
     }
   }
   return std::nullopt;

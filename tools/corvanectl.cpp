@@ -126,7 +126,8 @@ void add_show(CLI::App& app) {
 int run(int argc, char** argv) {
   CLI::App app{
       "Ask corvaned, and look at its files.\nThe daemon is the one below the folder CORVANE_ROOT, where "
-      "that is set."};
+      "that is set.",
+      "corvanectl"};
   app.require_subcommand(1);
   add_images(app);
   add_show(app);

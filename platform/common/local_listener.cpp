@@ -152,9 +152,13 @@ void LocalService::after(Clock::duration delay, void (LocalService::*then)()) {
 // ---- newcomers ----------------------------------------------------------------------------------------
 
 void LocalService::accept_next() {
-  acceptor_.async_accept([self = shared_from_this()](const std::error_code& error, Socket socket) {
-    if (!self->shut_down_) self->accepted(error, std::move(socket));
-  });
+  try {
+    acceptor_.async_accept([self = shared_from_this()](const std::error_code& error, Socket socket) {
+      if (!self->shut_down_) self->accepted(error, std::move(socket));
+    });
+  } catch (const std::bad_alloc&) {
+    after(wire::accept_retry, &LocalService::accept_next);
+  }
 }
 
 void LocalService::accepted(const std::error_code& error, Socket socket) {
@@ -199,7 +203,11 @@ void LocalService::set_up(Socket socket) {
   const auto connection =
       std::make_shared<LocalConnection>(std::move(socket), queue_, policy_.request_limit, *this);
   connection->place = connections_.insert(connections_.end(), connection);
-  if (!delegate_->listener_shouldAcceptNewConnection(listener_, *connection)) connection->close("");
+  try {
+    if (!delegate_->listener_shouldAcceptNewConnection(listener_, *connection)) connection->close("");
+  } catch (const std::bad_alloc&) {
+    connection->close("out of memory");
+  }
 }
 
 // ---- what connections tell ----------------------------------------------------------------------------
