@@ -23,11 +23,12 @@ void* operator new(size_t size) {
   ++live_allocations;
   return memory;
 }
-void operator delete(void* memory) noexcept {
+// Inlined without its counterpart, g++ takes it for a mismatch.
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
   if (memory != nullptr) --live_allocations;
   std::free(memory);
 }
-void operator delete(void* memory, size_t) noexcept { operator delete(memory); }
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { operator delete(memory); }
 
 namespace corvane {
 namespace {

@@ -82,6 +82,7 @@ int TestPlatform::configured_level(const char*) { return level; }
 void TestPlatform::write(Handle*, int line_level, const char*, const char*, const plist::String& line) {
   const std::lock_guard lock(lines_mutex_);
   if (dying_) std::fprintf(stderr, "%d %s\n", line_level, line.c_string());
+  errno = ENOSPC;  // a logger whose disk is full; nobody's failure but its own
   lines_.push_back({line_level, std::string(line.view())});
 }
 
