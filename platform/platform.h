@@ -9,6 +9,7 @@ namespace corvane {
 class DeviceProperties;
 class Files;
 class Logger;
+class Notifications;
 class RunLoop;
 class ServiceListener;
 class TelephonyCentre;
@@ -24,6 +25,7 @@ class Platform {
   virtual Logger& logger() = 0;
   virtual Files& files() = 0;
   virtual DeviceProperties& device_properties() = 0;
+  virtual Notifications& notifications() = 0;
   /// Null where the device has no telephony service.
   virtual TelephonyCentre* telephony_centre() = 0;
 

@@ -13,6 +13,10 @@ class WorkQueue {
   /// on one thread, and the work is done before this returns.
   virtual void submit(std::function<void()> work) = 0;
 
+  /// Whether the calling thread is the one that the queue's work runs on; before the request queue is created,
+  /// the one that starts the daemon.
+  virtual bool is_current() const = 0;
+
   /// Gives the queue its thread, named `label`. Once, on the main thread; the main queue needs none.
   virtual void create(const char* label) = 0;
 };

@@ -32,6 +32,11 @@ inline constexpr size_t admin_connection_limit = 8;
 /// newcomers cannot push out a client that is about to ask.
 inline constexpr std::chrono::milliseconds eviction_grace{50};
 
+/// Subscribers to notifications are not closed for newcomers. While one has more than this unread it misses
+/// what is posted.
+inline constexpr size_t subscriber_limit = 64;
+inline constexpr size_t unread_notifications_limit = 64 * 1024;
+
 /// How long the daemon waits before it tries again to bind a socket that could not be bound, and to accept
 /// after it ran out of descriptors.
 inline constexpr std::chrono::seconds bind_retry{5};

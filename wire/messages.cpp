@@ -56,4 +56,25 @@ bool read_response(const plist::Dictionary& dictionary, Response& response) {
   return fields != nullptr && read_error_object(*fields, response);
 }
 
+Ref<plist::Dictionary> make_notification(const plist::String& name) {
+  const Ref<plist::String> copy = plist::String::create(name.view());
+  Ref<plist::MutableDictionary> notification = plist::MutableDictionary::create(2);
+  notification->set(notification_key, copy);
+  notification->set(object_key, copy);
+  return notification;
+}
+
+Ref<plist::Dictionary> make_missed(int64_t count) {
+  Ref<plist::MutableDictionary> missed = plist::MutableDictionary::create(1);
+  missed->set(missed_key, plist::Number::create_int64(count));
+  return missed;
+}
+
+bool read_notification(const plist::Dictionary& dictionary, Notification& notification) {
+  const auto* missed = cast<plist::Number>(dictionary.get(missed_key));
+  notification.name = text(dictionary.get(notification_key));
+  notification.missed = missed != nullptr && missed->is_integer() ? missed->int64() : 0;
+  return notification.name.empty() == (notification.missed > 0);
+}
+
 }  // namespace corvane::wire

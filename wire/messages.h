@@ -13,6 +13,7 @@ namespace corvane::wire {
 /// The services' socket names and selectors.
 inline constexpr std::string_view public_service = "com.norvane.corvaned";
 inline constexpr std::string_view admin_service = "com.norvane.corvaned.admin";
+inline constexpr std::string_view notification_service = "com.norvane.notifications";
 inline constexpr std::string_view copy_regulatory_images = "copyRegulatoryImagesWithCompletionBlock:";
 inline constexpr std::string_view store_regulatory_images = "storeRegulatoryImages:withCompletionBlock:";
 
@@ -28,6 +29,10 @@ inline constexpr std::string_view error_domain_key = "Domain";
 inline constexpr std::string_view error_code_key = "Code";
 inline constexpr std::string_view error_user_info_key = "UserInfo";
 inline constexpr std::string_view error_description_key = "ErrorDescription";
+
+inline constexpr std::string_view notification_key = "Notification";
+inline constexpr std::string_view object_key = "Object";
+inline constexpr std::string_view missed_key = "Missed";
 
 /// A request for a method; its arguments are further entries.
 plist::Ref<plist::MutableDictionary> make_request(std::string_view selector);
@@ -50,5 +55,17 @@ struct Response {
 
 /// False where the dictionary is no response.
 bool read_response(const plist::Dictionary& dictionary, Response& response);
+
+/// What a subscriber is sent: a notification, or how many it has missed before the next one.
+plist::Ref<plist::Dictionary> make_notification(const plist::String& name);
+plist::Ref<plist::Dictionary> make_missed(int64_t count);
+
+struct Notification {
+  std::string name;  ///< empty where `missed` is not 0
+  int64_t missed = 0;
+};
+
+/// False where the dictionary is neither.
+bool read_notification(const plist::Dictionary& dictionary, Notification& notification);
 
 }  // namespace corvane::wire

@@ -3,6 +3,7 @@
 #include <asio/post.hpp>
 
 #include <csignal>
+#include <future>
 #include <new>
 #include <pthread.h>
 #include <utility>
@@ -52,9 +53,19 @@ void RequestQueue::submit(std::function<void()> work) {
   asio::post(context_, std::move(work));
 }
 
+void RequestQueue::submit_and_wait(const std::function<void()>& work) {
+  std::promise<void> done;
+  submit([&] {
+    work();
+    done.set_value();
+  });
+  done.get_future().wait();
+}
+
 void RequestQueue::create(const char* label) {
   stay_.emplace(asio::make_work_guard(context_));
   thread_ = std::thread([this] { run_to_the_end(context_); });
+  owner_ = thread_.get_id();
   pthread_setname_np(thread_.native_handle(), label);
 }
 

@@ -3,6 +3,7 @@
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 
+#include <atomic>
 #include <functional>
 #include <optional>
 #include <thread>
@@ -18,11 +19,13 @@ class MainLoop final : public RunLoop, public WorkQueue {
 
   void run() override;
   void submit(std::function<void()> work) override;
+  bool is_current() const override { return std::this_thread::get_id() == main_thread_; }
   void create(const char*) override {}
 
  private:
   asio::io_context context_{1};
   asio::signal_set end_signals_{context_};
+  const std::thread::id main_thread_ = std::this_thread::get_id();
 };
 
 class RequestQueue final : public WorkQueue {
@@ -32,16 +35,20 @@ class RequestQueue final : public WorkQueue {
   ~RequestQueue() override;
 
   void submit(std::function<void()> work) override;
+  bool is_current() const override { return std::this_thread::get_id() == owner_; }
   void create(const char* label) override;
+
+  /// `submit`, and waits until the work is done. Not from the queue itself.
+  void submit_and_wait(const std::function<void()>& work);
 
   /// Where sockets and timers that belong to the queue live.
   asio::io_context& context() { return context_; }
-  bool is_current() const { return std::this_thread::get_id() == thread_.get_id(); }
 
  private:
   asio::io_context context_{1};
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> stay_;
   std::thread thread_;
+  std::atomic<std::thread::id> owner_{std::this_thread::get_id()};
 };
 
 }  // namespace corvane

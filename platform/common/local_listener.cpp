@@ -1,25 +1,17 @@
 #include "platform/common/local_listener.h"
 
-#include <asio/local/stream_protocol.hpp>
 #include <asio/steady_timer.hpp>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
-#include <future>
 #include <new>
 #include <optional>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <utility>
 
+#include "platform/common/listening_socket.h"
 #include "platform/common/service_connection.h"
 #include "platform/report.h"
 #include "wire/limits.h"
-#include "wire/socket_address.h"
 
 // The listener that the daemon holds is a handle; the work is done by a LocalService on the request queue,
 // which its pending socket and timer operations keep alive until the last of them has been told to stop.
@@ -54,7 +46,10 @@ Policy policy_for(ServiceAccess access) {
 class LocalService final : public ConnectionOwner, public std::enable_shared_from_this<LocalService> {
  public:
   LocalService(std::string path, ServiceAccess access, RequestQueue& queue, ServiceListener& listener)
-      : path_(std::move(path)), policy_(policy_for(access)), queue_(queue), listener_(listener) {}
+      : policy_(policy_for(access)),
+        queue_(queue),
+        listener_(listener),
+        listening_(std::make_shared<ListeningSocket>(std::move(path), policy_.socket_mode, queue.context())) {}
 
   void set_delegate(ServiceListenerDelegate& delegate) { delegate_ = &delegate; }
   void open();
@@ -67,24 +62,19 @@ class LocalService final : public ConnectionOwner, public std::enable_shared_fro
  private:
   using Socket = LocalConnection::Socket;
 
-  int bind_socket(int socket);
-  int listening_socket();
-  void accept_next();
-  void accepted(const std::error_code& error, Socket socket);
   void admit_newcomer();
   bool make_room();
+  void look_for_room_after(Clock::duration delay);
   void set_up(Socket socket);
   void tick();
-  void after(Clock::duration delay, void (LocalService::*then)());
 
-  const std::string path_;
   const Policy policy_;
   RequestQueue& queue_;
   ServiceListener& listener_;
   ServiceListenerDelegate* delegate_ = nullptr;
 
-  asio::local::stream_protocol::acceptor acceptor_{queue_.context()};
-  asio::steady_timer retry_timer_{queue_.context()};
+  const std::shared_ptr<ListeningSocket> listening_;
+  asio::steady_timer room_timer_{queue_.context()};
   asio::steady_timer tick_timer_{queue_.context()};
   bool ticking_ = false;
   bool shut_down_ = false;
@@ -93,79 +83,30 @@ class LocalService final : public ConnectionOwner, public std::enable_shared_fro
   LocalConnection::List connections_;  ///< the one silent for longest first
 };
 
-// ---- the socket ---------------------------------------------------------------------------------------
-
-// The mode is set before anybody can connect, and a socket file that a killed daemon left is replaced: the
-// process lock says that no other daemon uses it.
-int LocalService::bind_socket(int socket) {
-  const wire::SocketAddress address(path_);
-  if (address.error() != 0) return address.error();
-  if (unlink(address.path()) != 0 && errno != ENOENT) return errno;
-  if (bind(socket, address.get(), address.size()) != 0) return errno;
-  if (chmod(address.path(), policy_.socket_mode) != 0) return errno;
-  if (listen(socket, SOMAXCONN) != 0) return errno;
-  return 0;
-}
-
-// The listening socket, or -1 with errno set.
-int LocalService::listening_socket() {
-  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (socket < 0) return -1;
-  const int error = bind_socket(socket);
-  if (error == 0) return socket;
-  close(socket);
-  errno = error;
-  return -1;
-}
-
 void LocalService::open() {
   if (shut_down_) return;
-  const int socket = listening_socket();
-  if (socket < 0) {
-    report("could not listen on " + path_ + ": " + std::strerror(errno));
-    return after(wire::bind_retry, &LocalService::open);
-  }
-  std::error_code error;
-  acceptor_.assign(asio::local::stream_protocol(), socket, error);
-  if (error) return report("could not serve " + path_ + ": " + error.message());
-  accept_next();
+  listening_->open([self = shared_from_this()](Socket socket) {
+    self->newcomer_ = std::move(socket);
+    self->admit_newcomer();
+  });
 }
 
 void LocalService::shut_down() {
   shut_down_ = true;
-  if (acceptor_.is_open()) unlink(wire::SocketAddress(path_).path());
-  std::error_code ignored;
-  acceptor_.close(ignored);
-  retry_timer_.cancel();
+  listening_->shut_down();
+  room_timer_.cancel();
   tick_timer_.cancel();
   newcomer_.reset();
   while (!connections_.empty()) connections_.front()->close("");
 }
 
-void LocalService::after(Clock::duration delay, void (LocalService::*then)()) {
-  retry_timer_.expires_after(delay);
-  retry_timer_.async_wait([self = shared_from_this(), then](const std::error_code& error) {
-    if (!error && !self->shut_down_) (self.get()->*then)();
-  });
-}
-
 // ---- newcomers ----------------------------------------------------------------------------------------
 
-void LocalService::accept_next() {
-  try {
-    acceptor_.async_accept([self = shared_from_this()](const std::error_code& error, Socket socket) {
-      if (!self->shut_down_) self->accepted(error, std::move(socket));
-    });
-  } catch (const std::bad_alloc&) {
-    after(wire::accept_retry, &LocalService::accept_next);
-  }
-}
-
-void LocalService::accepted(const std::error_code& error, Socket socket) {
-  // Most likely there are no descriptors left; newcomers wait in the socket's queue meanwhile.
-  if (error) return after(wire::accept_retry, &LocalService::accept_next);
-  newcomer_ = std::move(socket);
-  admit_newcomer();
+void LocalService::look_for_room_after(Clock::duration delay) {
+  room_timer_.expires_after(delay);
+  room_timer_.async_wait([self = shared_from_this()](const std::error_code& error) {
+    if (!error && !self->shut_down_) self->admit_newcomer();
+  });
 }
 
 void LocalService::admit_newcomer() {
@@ -176,7 +117,7 @@ void LocalService::admit_newcomer() {
   } catch (const std::bad_alloc&) {
     report("out of memory: a newcomer was turned away");
   }
-  accept_next();
+  listening_->accept_next();
 }
 
 // False: the newcomer has been turned away, or waits.
@@ -184,14 +125,14 @@ bool LocalService::make_room() {
   if (connections_.size() < policy_.connection_limit) return true;
   if (!policy_.evicts) {
     newcomer_.reset();
-    report("turned a newcomer away from " + path_ + ": too many connections");
-    accept_next();
+    report("turned a newcomer away from " + listening_->path() + ": too many connections");
+    listening_->accept_next();
     return false;
   }
   LocalConnection& oldest = *connections_.front();
   const Clock::duration silence = Clock::now() - oldest.silent_since;
   if (silence < wire::eviction_grace) {
-    after(wire::eviction_grace - silence, &LocalService::admit_newcomer);
+    look_for_room_after(wire::eviction_grace - silence);
     return false;
   }
   oldest.close("");
@@ -199,7 +140,6 @@ bool LocalService::make_room() {
 }
 
 void LocalService::set_up(Socket socket) {
-  fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
   const auto connection =
       std::make_shared<LocalConnection>(std::move(socket), queue_, policy_.request_limit, *this);
   connection->place = connections_.insert(connections_.end(), connection);
@@ -220,7 +160,7 @@ void LocalService::connection_was_active(LocalConnection& connection) {
 void LocalService::connection_closed(LocalConnection& connection) {
   connections_.erase(connection.place);
   // Its room goes to the newcomer that waits; the timer it waits on would only come later.
-  if (newcomer_ && !shut_down_) after(Clock::duration::zero(), &LocalService::admit_newcomer);
+  if (newcomer_ && !shut_down_) look_for_room_after(Clock::duration::zero());
 }
 
 void LocalService::connection_has_deadline() {
@@ -249,12 +189,7 @@ class LocalListener final : public ServiceListener {
       : queue_(queue), service_(std::make_shared<LocalService>(std::move(path), access, queue, *this)) {}
 
   ~LocalListener() override {
-    std::promise<void> done;
-    queue_.submit([&] {
-      service_->shut_down();
-      done.set_value();
-    });
-    done.get_future().wait();
+    queue_.submit_and_wait([this] { service_->shut_down(); });
   }
 
   void set_delegate(ServiceListenerDelegate& delegate) override { service_->set_delegate(delegate); }

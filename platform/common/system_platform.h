@@ -5,6 +5,7 @@
 
 #include "platform/common/device.h"
 #include "platform/common/event_loops.h"
+#include "platform/common/notification_service.h"
 #include "platform/common/preferences.h"
 #include "platform/common/start_up.h"
 #include "platform/common/system_files.h"
@@ -22,6 +23,7 @@ class SystemPlatform final : public Platform {
   Logger& logger() override { return logger_; }
   Files& files() override { return files_; }
   DeviceProperties& device_properties() override { return device_->properties(); }
+  Notifications& notifications() override { return notifications_; }
   TelephonyCentre* telephony_centre() override { return nullptr; }
   RunLoop& main_run_loop() override { return main_loop_; }
   WorkQueue& main_queue() override { return main_loop_; }
@@ -30,6 +32,8 @@ class SystemPlatform final : public Platform {
   const std::string& root() const override { return root_; }
 
  private:
+  std::string socket_path(std::string_view service_name) const;
+
   const std::string root_;
   SystemFiles files_;
   PreferenceFiles preferences_;
@@ -37,6 +41,7 @@ class SystemPlatform final : public Platform {
   const std::unique_ptr<Device> device_;
   MainLoop main_loop_;
   RequestQueue request_queue_;
+  NotificationService notifications_;
 };
 
 }  // namespace corvane

@@ -34,6 +34,8 @@ TestPlatform& TestPlatform::fresh() {
   test_platform.properties_asked = 0;
   test_platform.level = no_level;
   test_platform.locate_error = 0;
+  test_platform.posted.clear();
+  test_platform.main_queue_.waiting.clear();
   test_platform.take_lines();
   return test_platform;
 }
@@ -65,6 +67,10 @@ std::vector<std::string> TestPlatform::take_texts() {
 void TestPlatform::prepare_to_die() {
   fs::remove_all(base_);
   dying_ = true;
+}
+
+void TestPlatform::run_main_queue() {
+  for (const std::function<void()>& work : std::exchange(main_queue_.waiting, {})) work();
 }
 
 Logger::Handle* TestPlatform::open(const char*, int) {

@@ -4,12 +4,14 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/device_properties.h"
 #include "platform/files.h"
 #include "platform/logger.h"
 #include "platform/named_service.h"
+#include "platform/notifications.h"
 #include "platform/platform.h"
 #include "platform/run_loop.h"
 #include "platform/telephony.h"
@@ -17,10 +19,11 @@
 namespace corvane::testing {
 
 /// A platform for unit tests: a root of its own in a temporary folder, real files whose facility can be made
-/// to fail, device properties from a map, a log that is kept, and queues that do their work at once.
+/// to fail, device properties from a map, a log and posts that are kept, a request queue that does its work at
+/// once and a main queue that does it when told.
 ///
 /// There is one per process, installed at first use, because the daemon's log keeps its handle for life.
-class TestPlatform final : public Platform, Logger, Files, DeviceProperties, WorkQueue, RunLoop {
+class TestPlatform final : public Platform, Logger, Files, DeviceProperties, Notifications, WorkQueue, RunLoop {
  public:
   struct Line {
     int level;
@@ -50,20 +53,33 @@ class TestPlatform final : public Platform, Logger, Files, DeviceProperties, Wor
   bool refuse_log_handle = false;
   size_t handles_opened = 0;
   std::vector<std::string> disk_copies;
+  /// The names of what was posted.
+  std::vector<std::string> posted;
+  /// Does the main queue's work, which waits until here.
+  void run_main_queue();
   /// When set, `locate` fails with this errno.
   int locate_error = 0;
 
   Logger& logger() override { return *this; }
   Files& files() override { return *this; }
   DeviceProperties& device_properties() override { return *this; }
+  Notifications& notifications() override { return *this; }
   TelephonyCentre* telephony_centre() override { return nullptr; }
   RunLoop& main_run_loop() override { return *this; }
-  WorkQueue& main_queue() override { return *this; }
+  WorkQueue& main_queue() override { return main_queue_; }
   WorkQueue& request_queue() override { return *this; }
   std::unique_ptr<ServiceListener> create_listener(std::string_view, ServiceAccess) override { return nullptr; }
   const std::string& root() const override { return root_; }
 
  private:
+  struct MainQueue final : WorkQueue {
+    void submit(std::function<void()> work) override { waiting.push_back(std::move(work)); }
+    bool is_current() const override { return true; }
+    void create(const char*) override {}
+
+    std::vector<std::function<void()>> waiting;
+  };
+
   TestPlatform();
 
   Handle* open(const char* name, int options) override;
@@ -76,10 +92,15 @@ class TestPlatform final : public Platform, Logger, Files, DeviceProperties, Wor
 
   plist::Ref<plist::Value> copy_answer(const plist::String& name) override;
 
+  void resume() override {}
+  void post(const plist::String& name) override { posted.emplace_back(name.view()); }
+
   void submit(std::function<void()> work) override { work(); }
+  bool is_current() const override { return true; }
   void create(const char*) override {}
   void run() override {}
 
+  MainQueue main_queue_;
   std::string base_;
   std::string root_;
   std::mutex lines_mutex_;

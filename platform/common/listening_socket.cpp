@@ -1,0 +1,106 @@
+#include "platform/common/listening_socket.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+#include "platform/report.h"
+#include "wire/limits.h"
+#include "wire/socket_address.h"
+
+namespace corvane {
+
+namespace {
+
+// The mode is set before anybody can connect, and a socket file that a killed daemon left is replaced: the
+// process lock says that no other daemon uses it.
+int bind_and_listen(int socket, const std::string& path, mode_t mode) {
+  const wire::SocketAddress address(path);
+  if (address.error() != 0) return address.error();
+  if (unlink(address.path()) != 0 && errno != ENOENT) return errno;
+  if (bind(socket, address.get(), address.size()) != 0) return errno;
+  if (chmod(address.path(), mode) != 0) return errno;
+  return ::listen(socket, SOMAXCONN) == 0 ? 0 : errno;
+}
+
+// -1 with errno set where it fails.
+int create_listening_socket(const std::string& path, mode_t mode) {
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (socket < 0) return -1;
+  const int error = bind_and_listen(socket, path, mode);
+  if (error == 0) return socket;
+  close(socket);
+  errno = error;
+  return -1;
+}
+
+}  // namespace
+
+ListeningSocket::ListeningSocket(std::string path, mode_t mode, asio::io_context& context)
+    : path_(std::move(path)), mode_(mode), acceptor_(context), retry_timer_(context) {}
+
+void ListeningSocket::open(Newcomer newcomer) {
+  newcomer_ = std::move(newcomer);
+  listen();
+}
+
+void ListeningSocket::listen() {
+  const int socket = create_listening_socket(path_, mode_);
+  if (socket < 0) {
+    report("could not listen on " + path_ + ": " + std::strerror(errno));
+    return try_again(wire::bind_retry, &ListeningSocket::listen);
+  }
+  std::error_code error;
+  acceptor_.assign(asio::local::stream_protocol(), socket, error);
+  if (!error) acceptor_.non_blocking(true, error);
+  if (error) return report("could not serve " + path_ + ": " + error.message());
+  accept_next();
+}
+
+void ListeningSocket::accept_next() {
+  try {
+    acceptor_.async_accept([self = shared_from_this()](const std::error_code& error, Socket socket) {
+      self->accepted(error, std::move(socket));
+    });
+  } catch (const std::bad_alloc&) {
+    try_again(wire::accept_retry, &ListeningSocket::accept_next);
+  }
+}
+
+void ListeningSocket::accepted(const std::error_code& error, Socket socket) {
+  if (!newcomer_) return;
+  // Most likely there are no descriptors left.
+  if (error) return try_again(wire::accept_retry, &ListeningSocket::accept_next);
+  fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
+  newcomer_(std::move(socket));
+}
+
+std::optional<ListeningSocket::Socket> ListeningSocket::accept_waiting() {
+  std::error_code error;
+  Socket socket = acceptor_.accept(error);
+  if (error) return std::nullopt;
+  fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
+  return socket;
+}
+
+void ListeningSocket::try_again(std::chrono::milliseconds delay, void (ListeningSocket::*what)()) {
+  retry_timer_.expires_after(delay);
+  retry_timer_.async_wait([self = shared_from_this(), what](const std::error_code& error) {
+    if (!error && self->newcomer_) (self.get()->*what)();
+  });
+}
+
+void ListeningSocket::shut_down() {
+  newcomer_ = nullptr;
+  if (acceptor_.is_open()) unlink(wire::SocketAddress(path_).path());
+  std::error_code ignored;
+  acceptor_.close(ignored);
+  retry_timer_.cancel();
+}
+
+}  // namespace corvane

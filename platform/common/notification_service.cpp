@@ -1,0 +1,165 @@
+#include "platform/common/notification_service.h"
+
+#include <asio/buffer.hpp>
+#include <asio/error.hpp>
+
+#include <list>
+#include <new>
+#include <optional>
+#include <poll.h>
+#include <utility>
+
+#include "platform/common/listening_socket.h"
+#include "platform/report.h"
+#include "wire/frame.h"
+#include "wire/limits.h"
+#include "wire/messages.h"
+
+namespace corvane {
+
+namespace {
+
+using Socket = ListeningSocket::Socket;
+
+std::string frame_of(const plist::Dictionary& message) {
+  plist::ByteChain body;
+  plist::encode_binary(message, body, SIZE_MAX);
+  const auto header = wire::encode_header({wire::raw_data_kind, static_cast<uint32_t>(body.size())});
+  std::string frame(header.begin(), header.end());
+  for (const std::string_view piece : body.pieces()) frame += piece;
+  return frame;
+}
+
+/// One connection of a subscriber, who may say nothing to the daemon.
+class Subscriber : public std::enable_shared_from_this<Subscriber> {
+ public:
+  explicit Subscriber(Socket socket) : socket_(std::move(socket)) {}
+
+  bool is_open() const { return socket_.is_open(); }
+  void watch_for_the_end();
+  void send(const std::string& frame);
+  void close();
+
+ private:
+  bool peer_is_gone();
+  void write_unsent();
+
+  Socket socket_;
+  char unwanted_[1];
+  std::string unsent_;
+  int64_t missed_ = 0;
+  bool waits_to_write_ = false;
+};
+
+// Whoever has only closed its sending side still listens.
+bool Subscriber::peer_is_gone() {
+  pollfd state{socket_.native_handle(), 0, 0};
+  return poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLERR)) != 0;
+}
+
+void Subscriber::watch_for_the_end() {
+  socket_.async_read_some(asio::buffer(unwanted_),
+                          [self = shared_from_this()](const std::error_code& error, size_t) {
+                            if (self->is_open() && (!error || self->peer_is_gone())) self->close();
+                          });
+}
+
+void Subscriber::send(const std::string& frame) {
+  if (unsent_.size() > wire::unread_notifications_limit) {
+    ++missed_;
+    return;
+  }
+  if (missed_ != 0) unsent_ += frame_of(*wire::make_missed(std::exchange(missed_, 0)));
+  unsent_ += frame;
+  write_unsent();
+}
+
+void Subscriber::write_unsent() {
+  if (waits_to_write_) return;
+  std::error_code error;
+  unsent_.erase(0, socket_.write_some(asio::buffer(unsent_), error));
+  if (error && error != asio::error::would_block) return close();
+  if (unsent_.empty()) return;
+  waits_to_write_ = true;
+  socket_.async_wait(Socket::wait_write, [self = shared_from_this()](const std::error_code& failed) {
+    self->waits_to_write_ = false;
+    if (!failed && self->is_open()) self->write_unsent();
+  });
+}
+
+void Subscriber::close() {
+  std::error_code ignored;
+  socket_.close(ignored);
+}
+
+}  // namespace
+
+/// The subscribers and the socket they come through. Request queue.
+class NotificationService::Hub : public std::enable_shared_from_this<Hub> {
+ public:
+  Hub(std::string path, RequestQueue& queue)
+      : listening_(std::make_shared<ListeningSocket>(std::move(path), 0666, queue.context())) {}
+
+  void open() {
+    listening_->open([self = shared_from_this()](Socket socket) {
+      self->add(std::move(socket));
+      self->listening_->accept_next();
+    });
+  }
+
+  void post(const plist::String& name) {
+    while (std::optional<Socket> waiting = listening_->accept_waiting()) add(std::move(*waiting));
+    drop_closed();
+    if (subscribers_.empty()) return;
+    const std::string frame = frame_of(*wire::make_notification(name));
+    for (const auto& subscriber : subscribers_) subscriber->send(frame);
+  }
+
+  void shut_down() {
+    listening_->shut_down();
+    for (const auto& subscriber : subscribers_) subscriber->close();
+    subscribers_.clear();
+  }
+
+ private:
+  void add(Socket socket) {
+    drop_closed();
+    if (subscribers_.size() == wire::subscriber_limit) {
+      return report("turned a subscriber away: there are " + std::to_string(wire::subscriber_limit));
+    }
+    std::error_code error;
+    socket.non_blocking(true, error);
+    const auto subscriber = std::make_shared<Subscriber>(std::move(socket));
+    subscriber->watch_for_the_end();
+    subscribers_.push_back(subscriber);
+  }
+
+  void drop_closed() {
+    subscribers_.remove_if([](const auto& subscriber) { return !subscriber->is_open(); });
+  }
+
+  const std::shared_ptr<ListeningSocket> listening_;
+  std::list<std::shared_ptr<Subscriber>> subscribers_;
+};
+
+NotificationService::NotificationService(std::string path, RequestQueue& queue)
+    : queue_(queue), hub_(std::make_shared<Hub>(std::move(path), queue)) {}
+
+NotificationService::~NotificationService() {
+  queue_.submit_and_wait([this] { hub_->shut_down(); });
+}
+
+void NotificationService::resume() {
+  queue_.submit([hub = hub_] { hub->open(); });
+}
+
+// A notification for which memory runs out is lost to whoever had not got it yet.
+void NotificationService::post(const plist::String& name) {
+  try {
+    hub_->post(name);
+  } catch (const std::bad_alloc&) {
+    report("out of memory: a notification was lost");
+  }
+}
+
+}  // namespace corvane
