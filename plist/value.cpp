@@ -295,6 +295,11 @@ void MutableDictionary::set(std::string_view key, Ref<Value> value) {
   entries_[position].value = std::move(value);
 }
 
+Ref<Value>* MutableDictionary::find_value(std::string_view key) {
+  const size_t position = find(key);
+  return position == not_found ? nullptr : &entries_[position].value;
+}
+
 void MutableDictionary::add(std::string_view key, Ref<Value> value) {
   if (find(key) == not_found) append(String::create(key), std::move(value));
 }

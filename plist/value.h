@@ -329,6 +329,9 @@ class MutableDictionary final : public Dictionary {
   /// Replaces the value of an equal key; the key object that was there stays.
   void set(Ref<String> key, Ref<Value> value);
   void set(std::string_view key, Ref<Value> value);
+  /// Where the value of an entry stands, for replacing it by another; null where there is no entry. Valid
+  /// until an entry is added or removed.
+  Ref<Value>* find_value(std::string_view key);
   /// Adds only if the key is absent.
   void add(std::string_view key, Ref<Value> value);
   /// Answers whether there was an entry.

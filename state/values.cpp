@@ -9,12 +9,6 @@ namespace corvane {
 
 namespace {
 
-// No destructors: the other thread may still be using what they would take away.
-[[noreturn]] void end_process(const char* function, const char* reason) {
-  cv_log(function, 0, "%s", reason);
-  _exit(-1);
-}
-
 plist::Ref<plist::Value> mutable_copy(const plist::Value* value) {
   if (const auto* dictionary = plist::cast<plist::Dictionary>(value)) {
     return plist::MutableDictionary::copy(*dictionary);
@@ -27,6 +21,12 @@ plist::Ref<plist::Value> mutable_copy(const plist::Value* value) {
 }
 
 }  // namespace
+
+// No destructors: the other thread may still be using what they would take away.
+void end_process(const char* function, const char* reason) {
+  cv_log(function, 0, "%s", reason);
+  _exit(-1);
+}
 
 plist::Ref<plist::MutableDictionary> create_dict() {
   try {

@@ -1,0 +1,308 @@
+#include "state/data_ark.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cmath>
+#include <limits>
+#include <new>
+#include <utility>
+
+#include "daemon/log.h"
+#include "platform/notifications.h"
+#include "platform/platform.h"
+#include "platform/run_loop.h"
+#include "state/data_ark_state.h"
+#include "state/values.h"
+
+namespace corvane {
+
+using plist::Ref;
+using plist::String;
+
+namespace {
+
+// A change of an entry with one of these does not count as unsaved.
+constexpr uint16_t clean_attributes = transient_attributes | attribute_bit(5);
+
+void compose(std::string& composed, const String* domain, const String* key) {
+  composed.clear();
+  if (domain != nullptr) composed += domain->view();
+  composed += '-';
+  if (key != nullptr) composed += key->view();
+}
+
+/// A composed key and its domain's own one. The text is valid until the next one is made: operations on the
+/// ark do not nest, and so share one buffer.
+class ComposedKey {
+ public:
+  ComposedKey(const String* domain, const String* key)
+      : own_size_((domain == nullptr ? 0 : domain->view().size()) + 1) {
+    compose(text_, domain, key);
+  }
+
+  std::string_view full() const { return text_; }
+  std::string_view domains_own() const { return full().substr(0, own_size_); }
+
+ private:
+  static inline thread_local std::string text_;
+  const size_t own_size_;
+};
+
+void post(data_ark& ark, ArkEvent event, std::string_view key) {
+  const auto& names = ark.notifications[static_cast<size_t>(event)];
+  if (names.empty()) return;
+  const auto found = names.find(key);
+  if (found != names.end()) platform().notifications().post(*found->second);
+}
+
+void schedule(data_ark& ark, ArkEvent event, std::string_view key) {
+  const auto& callbacks = ark.callbacks[static_cast<size_t>(event)];
+  if (callbacks.empty()) return;
+  const auto found = callbacks.find(key);
+  if (found == callbacks.end()) return;
+  platform().main_queue().submit([callback = found->second] { (*callback)(); });
+}
+
+void announce(data_ark& ark, ArkEvent event, const ComposedKey& key) {
+  post(ark, event, key.full());
+  post(ark, event, key.domains_own());
+  schedule(ark, event, key.full());
+  schedule(ark, event, key.domains_own());
+}
+
+// Answers whether the value is another one than before.
+bool store_value(data_ark& ark, const ComposedKey& key, plist::Value* value, bool inherits) {
+  if (Ref<plist::Value>* entry = ark.values->find_value(key.full())) {
+    const bool changed = !plist::equal(entry->get(), value);
+    *entry = value;
+    return changed;
+  }
+  const Ref<String> key_object = String::create(key.full());
+  if (ark.ordered != nullptr) ark.ordered->insert(key_object->view());
+  try {
+    ark.values->set(key_object, value);
+  } catch (const std::bad_alloc&) {
+    if (ark.ordered != nullptr) ark.ordered->erase(key_object->view());
+    throw;
+  }
+  const uint16_t inherited = inherits ? ark.attributes_of(key.domains_own()) : uint16_t{0};
+  if (inherited != 0) ark.attributes[key.full()] |= inherited;
+  return true;
+}
+
+int set(data_ark& ark, const ComposedKey& key, plist::Value* value, bool inherits) {
+  if (!ark.values) ark.values = plist::MutableDictionary::create();
+  const bool changed = store_value(ark, key, value, inherits);
+  if (changed) announce(ark, ArkEvent::change, key);
+  announce(ark, ArkEvent::set, key);
+  if (changed && (ark.attributes_of(key.full()) & clean_attributes) == 0) {
+    cv_log("data_ark_set", 0, "dirtied by changing %@", String::create(key.full()));
+    ++ark.dirty;
+  }
+  return 0;
+}
+
+template <class Create>
+void set_number(const char* function, data_ark* ark, const String* domain, const String* key, Create create) {
+  Ref<plist::Number> number;
+  try {
+    number = create();
+  } catch (const std::bad_alloc&) {
+    end_process(function, "Out of Memory!");
+  }
+  data_ark_set(ark, domain, key, number.get());
+}
+
+Ref<plist::Value> copy_domain(data_ark& ark, std::string_view prefix) {
+  if (ark.ordered == nullptr) {
+    auto ordered = std::make_unique<absl::btree_set<std::string_view>>();
+    for (const plist::Dictionary::Entry& entry : ark.values->entries()) ordered->insert(entry.key->view());
+    ark.ordered = std::move(ordered);
+  }
+  Ref<plist::MutableDictionary> domain = plist::MutableDictionary::create();
+  for (auto next = ark.ordered->lower_bound(prefix); next != ark.ordered->end() && next->starts_with(prefix);
+       ++next) {
+    domain->set(next->substr(prefix.size()), ark.values->get(*next));
+  }
+  return domain;
+}
+
+// ---- conversions --------------------------------------------------------------------------------------
+
+template <class Integer>
+Integer leading_integer(std::string_view text) {
+  constexpr int64_t limit = int64_t{1} << 31;
+  size_t at = std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size());
+  const bool negative = text.substr(at).starts_with('-');
+  if (negative || text.substr(at).starts_with('+')) ++at;
+  int64_t value = 0;
+  for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) {
+    value = std::min(value * 10 + (text[at] - '0'), limit);
+  }
+  return static_cast<Integer>(negative ? -value : std::min(value, limit - 1));
+}
+
+template <class Integer>
+Integer whole_part(double real) {
+  if (std::isnan(real)) return 0;
+  // The largest integers have no double of their own; the bound is the power of two above them.
+  const double bound = std::ldexp(1.0, std::numeric_limits<Integer>::digits);
+  if (real >= bound) return std::numeric_limits<Integer>::max();
+  if (real < -bound) return std::numeric_limits<Integer>::min();
+  return static_cast<Integer>(real);
+}
+
+template <class Integer>
+Integer to_integer(plist::Value* value) {
+  if (const auto* boolean = as_boolean(value)) return boolean->value() ? 1 : 0;
+  if (const auto* string = as_string(value)) return leading_integer<Integer>(string->view());
+  const auto* number = as_number(value);
+  if (number == nullptr) return 0;
+  return number->is_integer() ? static_cast<Integer>(number->int64()) : whole_part<Integer>(number->real());
+}
+
+template <class Integer>
+Integer get_integer(data_ark* ark, const String* domain, const String* key) {
+  assert_ark_owner();
+  if (!ark->values) return 0;
+  return to_integer<Integer>(ark->values->get(ComposedKey(domain, key).full()));
+}
+
+// ---- watches ------------------------------------------------------------------------------------------
+
+struct Registration {
+  unsigned flag;
+  ArkEvent event;
+};
+
+constexpr Registration registrations[] = {
+    {ARK_WATCH_CHANGE, ArkEvent::change}, {ARK_WATCH_SET, ArkEvent::set}, {ARK_WATCH_REMOVE, ArkEvent::remove}};
+
+template <class Watches, class Watch>
+int register_watch(Watches& watches, std::string_view key, const Watch& watch, unsigned flags) {
+  try {
+    for (const Registration& registration : registrations) {
+      if ((flags & registration.flag) == 0) continue;
+      watches[static_cast<size_t>(registration.event)].insert_or_assign(std::string(key), watch);
+    }
+    return 0;
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
+}
+
+}  // namespace
+
+void assert_ark_owner() {
+  assert(platform().request_queue().is_current() && "the ark belongs to the request queue");
+}
+
+void DataArkDeleter::operator()(data_ark* ark) const { delete ark; }
+
+int data_ark_set(data_ark* ark, const String* domain, const String* key, plist::Value* value) {
+  assert_ark_owner();
+  if (value == nullptr) {
+    cv_log("data_ark_set", 0, "data_ark_set: value is NULL");
+    return -1;
+  }
+  try {
+    return set(*ark, ComposedKey(domain, key), value, key != nullptr);
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
+}
+
+void data_ark_set_int(data_ark* ark, const String* domain, const String* key, int32_t value) {
+  set_number("data_ark_set_int", ark, domain, key, [value] { return plist::Number::create_int32(value); });
+}
+
+void data_ark_set_int64(data_ark* ark, const String* domain, const String* key, int64_t value) {
+  set_number("data_ark_set_int64", ark, domain, key, [value] { return plist::Number::create_int64(value); });
+}
+
+Ref<plist::Value> data_ark_copy(data_ark* ark, const String* domain, const String* key) {
+  assert_ark_owner();
+  if (!ark->values) return nullptr;
+  const ComposedKey composed(domain, key);
+  if (key != nullptr) return ark->values->get(composed.full());
+  return copy_domain(*ark, composed.full());
+}
+
+int32_t data_ark_get_int(data_ark* ark, const String* domain, const String* key) {
+  return get_integer<int32_t>(ark, domain, key);
+}
+
+int64_t data_ark_get_int64(data_ark* ark, const String* domain, const String* key) {
+  return get_integer<int64_t>(ark, domain, key);
+}
+
+int data_ark_remove(data_ark* ark, const String* domain, const String* key) {
+  assert_ark_owner();
+  if (!ark->values) return -1;
+  const ComposedKey composed(domain, key);
+  if (ark->ordered != nullptr) ark->ordered->erase(composed.full());
+  if (!ark->values->remove(composed.full())) return 0;
+  const bool transient = (ark->attributes_of(composed.full()) & transient_attributes) != 0;
+  ark->attributes.erase(composed.full());
+  post(*ark, ArkEvent::remove, composed.full());
+  schedule(*ark, ArkEvent::remove, composed.full());
+  if (!transient) ++ark->dirty;
+  return 0;
+}
+
+bool data_ark_exists(data_ark* ark, const String* domain, const String* key) {
+  assert_ark_owner();
+  return ark->values && ark->values->get(ComposedKey(domain, key).full()) != nullptr;
+}
+
+int data_ark_set_attribute(data_ark* ark, const String* domain, const String* key, unsigned index) {
+  assert_ark_owner();
+  if (index >= ark_attributes) return -1;
+  try {
+    ark->attributes[ComposedKey(domain, key).full()] |= attribute_bit(index);
+    return 0;
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
+}
+
+bool data_ark_has_attribute(data_ark* ark, const String* domain, const String* key, unsigned index) {
+  assert_ark_owner();
+  if (index >= ark_attributes) return false;
+  return (ark->attributes_of(ComposedKey(domain, key).full()) & attribute_bit(index)) != 0;
+}
+
+int data_ark_clear_attribute(data_ark* ark, const String* domain, const String* key, unsigned index) {
+  assert_ark_owner();
+  if (index >= ark_attributes) return -1;
+  const auto found = ark->attributes.find(ComposedKey(domain, key).full());
+  if (found == ark->attributes.end()) return 0;
+  found->second &= static_cast<uint16_t>(~attribute_bit(index));
+  if (found->second == 0) ark->attributes.erase(found);
+  return 0;
+}
+
+uint32_t data_ark_dirty_count(data_ark* ark) {
+  assert_ark_owner();
+  return ark->dirty;
+}
+
+int data_ark_watch(data_ark* ark, const String* domain, const String* key, Ref<String> notification_name,
+                   unsigned flags) {
+  assert_ark_owner();
+  return register_watch(ark->notifications, ComposedKey(domain, key).full(), notification_name, flags);
+}
+
+int data_ark_watch_block(data_ark* ark, const String* domain, const String* key,
+                         const std::function<void()>& callback, unsigned flags) {
+  assert_ark_owner();
+  const std::function<void()>* copy = nullptr;
+  try {
+    copy = &ark->callback_copies.emplace_back(callback);
+  } catch (const std::bad_alloc&) {
+    return 0;
+  }
+  return register_watch(ark->callbacks, ComposedKey(domain, key).full(), copy, flags);
+}
+
+}  // namespace corvane

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <absl/container/btree_set.h>
+#include <absl/container/flat_hash_map.h>
+
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "plist/bytes_hash.h"
+#include "plist/value.h"
+#include "state/data_ark.h"
+
+// What an ark is made of, for the two sources that implement it.
+
+namespace corvane {
+
+template <class T>
+using ByComposedKey = absl::flat_hash_map<std::string, T, plist::BytesHash, std::equal_to<>>;
+
+/// What can happen to an entry, in the order in which watches for it are registered.
+enum class ArkEvent { change, set, remove };
+
+struct data_ark {
+  /// Entries are looked up and changed through the ark's operations only, which keep `ordered` with it.
+  plist::Ref<plist::MutableDictionary> values;
+  uint32_t dirty = 0;
+
+  /// A bit for each attribute. Keys without one are absent.
+  ByComposedKey<uint16_t> attributes;
+  std::array<ByComposedKey<plist::Ref<plist::String>>, 3> notifications;  ///< by ArkEvent
+  std::array<ByComposedKey<const std::function<void()>*>, 3> callbacks;   ///< by ArkEvent
+  std::deque<std::function<void()>> callback_copies;
+
+  /// The composed keys in order, for copying a domain; built for the first such copy. The text is the key
+  /// objects' own.
+  std::unique_ptr<absl::btree_set<std::string_view>> ordered;
+
+  /// The file could be neither read nor moved aside.
+  bool unreadable_in_place = false;
+
+  uint16_t attributes_of(std::string_view composed_key) const {
+    const auto found = attributes.find(composed_key);
+    return found == attributes.end() ? uint16_t{0} : found->second;
+  }
+};
+
+constexpr uint16_t attribute_bit(unsigned index) { return static_cast<uint16_t>(1u << index); }
+
+/// Fails, where assertions are compiled in, on a thread that must not touch the ark.
+void assert_ark_owner();
+
+/// Entries with one of these are not stored.
+inline constexpr uint16_t transient_attributes = attribute_bit(1) | attribute_bit(7);
+
+}  // namespace corvane
