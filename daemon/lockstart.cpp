@@ -36,12 +36,16 @@ void force_state_directory_mode(const char* path) {
 
 }  // namespace
 
-void lockstart_local() {
+DataArk lockstart_local() {
   char path[path_limit + 1];
   std::snprintf(path, sizeof(path), "%s", system_path("/private/var/mobile").c_str());
   std::strncat(path, "/Library/cvd", path_limit - std::strlen(path));
   create_state_directory(path);
   force_state_directory_mode(path);
+
+  DataArk ark = data_ark_load();
+  if (ark != nullptr) data_ark_store(ark.get());
+  return ark;
 }
 
 }  // namespace corvane

@@ -1,9 +1,12 @@
 #pragma once
 
+#include "state/data_ark.h"
+
 namespace corvane {
 
-/// Prepares the state directory /private/var/mobile/Library/cvd, mode 0700. Every failure is logged, and
-/// start-up goes on. Main thread, once, before any client is served.
-void lockstart_local();
+/// Prepares the state directory /private/var/mobile/Library/cvd, mode 0700, loads the data ark and stores it
+/// once, so that what start-up changed is on disk before any client is served. Every failure is logged, and
+/// start-up goes on. The ark is null only where memory is out. Main thread, once.
+DataArk lockstart_local();
 
 }  // namespace corvane

@@ -11,6 +11,7 @@
 #include "platform/common/system_platform.h"
 #include "platform/linux/linux_device.h"
 #include "platform/named_service.h"
+#include "platform/notifications.h"
 #include "platform/report.h"
 #include "platform/run_loop.h"
 #include "platform/simulated/simulated_device.h"
@@ -40,6 +41,7 @@ void log_report(const std::string& text) { cv_log("platform", 0, "%s", text.c_st
 // What lives as long as the process.
 std::unique_ptr<CorvaneDaemon> daemon_object;
 std::unique_ptr<CorvaneAdmin> admin_object;
+DataArk ark;
 
 int run_daemon() {
   cv_log("main", 0, "____________________ Corvane startup _____________________");
@@ -50,13 +52,15 @@ int run_daemon() {
 
   daemon_object = std::make_unique<CorvaneDaemon>();
   admin_object = std::make_unique<CorvaneAdmin>();
-  lockstart_local();
+  ark = lockstart_local();
+  daemon_object->setDark(ark.get());
 
   const auto admin_listener = platform().create_listener(wire::admin_service, ServiceAccess::owner);
   const auto listener = platform().create_listener(wire::public_service, ServiceAccess::everyone);
   platform().request_queue().create("CVPortHandler");
   admin_listener->set_delegate(*admin_object);
   listener->set_delegate(*daemon_object);
+  platform().notifications().resume();
   admin_listener->resume();
   listener->resume();
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 
 #include "daemon/error.h"
@@ -16,6 +17,10 @@ using CompletionBlock = std::function<void(plist::Dictionary* reply, const Error
 /// the request queue.
 class CorvaneDaemon final : public ServiceListenerDelegate, public ExportedObject {
  public:
+  /// The data ark, a `data_ark*`, which the object does not own; null until start-up has set it. Any thread.
+  void* dark() const { return _dark; }
+  void setDark(void* dark) { _dark = dark; }
+
   /// A number: 1 where `value` is the very object that stands for Boolean true, 0 for everything else, null
   /// and a number 1 included.
   static plist::Ref<plist::Number> booleanToNumber(const plist::Value* value);
@@ -25,6 +30,9 @@ class CorvaneDaemon final : public ServiceListenerDelegate, public ExportedObjec
 
   /// The stored regulatory images as they were read, or null. Never an error.
   void copyRegulatoryImagesWithCompletionBlock(const CompletionBlock& completion);
+
+ private:
+  std::atomic<void*> _dark{nullptr};
 };
 
 }  // namespace corvane

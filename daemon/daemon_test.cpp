@@ -1,0 +1,114 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "daemon/error.h"
+#include "daemon/request.h"
+#include "daemon/service.h"
+#include "device/regulatory_images.h"
+#include "plist/describe.h"
+#include "plist/reader.h"
+#include "tests/support/test_platform.h"
+
+namespace corvane {
+namespace {
+
+using plist::Ref;
+using testing::TestPlatform;
+using Lines = std::vector<std::string>;
+
+Ref<plist::String> text(std::string_view utf8) { return plist::String::create(utf8); }
+
+TEST(CorvaneError, DescribesEveryCode) {
+  const char* const unknown = R"({"ErrorDescription": "No error description, use the force"})";
+  const std::pair<int32_t, std::string> descriptions[] = {
+      {0, R"({"ErrorDescription": "Success"})"},
+      {1, R"({"ErrorDescription": "Unexpeceted parameter"})"},
+      {2, unknown},
+      {10, unknown},
+      {1000, unknown},
+      {-1, unknown},
+  };
+  for (const auto& [code, description] : descriptions) {
+    const ErrorObject error = CorvaneError::getError(code);
+    EXPECT_EQ(error.domain->view(), "com.norvane.corvaned.error");
+    EXPECT_EQ(error.code, code);
+    EXPECT_EQ(plist::describe(error.user_info.get()), description);
+  }
+}
+
+TEST(Request, ReadsADictionaryAndLogsWhyItDoesNot) {
+  TestPlatform& platform = TestPlatform::fresh();
+  const auto read = [](std::string_view bytes, uint8_t kind = Message::raw_data) {
+    const Message message{kind, plist::Data::create(bytes)};
+    return plist::describe(copy_dict_from_port_data(&message).get());
+  };
+  const std::string good = "<plist><dict><key>Request</key><string>r</string></dict></plist>";
+  EXPECT_EQ(read(good), R"({"Request": "r"})");
+  EXPECT_EQ(read(good, 2), "(null)");
+  EXPECT_FALSE(copy_dict_from_port_data(nullptr));
+  EXPECT_EQ(platform.take_texts(), Lines{});
+
+  EXPECT_EQ(read("<plist><array/></plist>"), "(null)");
+  EXPECT_EQ(platform.take_texts(), Lines{"copy_dict_from_port_data: got something other than a dictionary"});
+
+  for (const std::string& bad : {std::string(), std::string("bplist00"), good.substr(0, good.size() - 1)}) {
+    EXPECT_EQ(read(bad), "(null)");
+    const auto error = plist::decode(plist::Data::create(bad), plist::Containers::immutable).error;
+    EXPECT_EQ(platform.take_texts(),
+              Lines{"copy_dict_from_port_data: PlistCreateWithData failed: " + std::string(error->view())});
+  }
+}
+
+TEST(Request, NestsLessDeeplyThanAnAnswerMay) {
+  TestPlatform::fresh();
+  for (const int depth : {120, 121}) {
+    std::string xml = "<plist><dict><key>Images</key>";
+    for (int i = 1; i < depth; ++i) xml += "<array>";
+    for (int i = 1; i < depth; ++i) xml += "</array>";
+    const Message message{Message::raw_data, plist::Data::create(xml + "</dict></plist>")};
+    EXPECT_EQ(static_cast<bool>(copy_dict_from_port_data(&message)), depth == 120);
+  }
+}
+
+TEST(Response, NamesItsRequestAndHoldsTheLastError) {
+  TestPlatform& platform = TestPlatform::fresh();
+  const auto response = create_response(text("someRequest:"));
+  EXPECT_EQ(plist::describe(response.get()), R"({"Request": "someRequest:"})");
+
+  set_response_error("reason", *response, text("100% wrong"));
+  set_response_error(nullptr, *response, text("Text"));
+  set_response_error("reason", *response, plist::Number::create_int32(7));
+  EXPECT_EQ(platform.take_texts(), (Lines{"set_response_error: reason 100% wrong", "set_response_error:   Text",
+                                          "set_response_error: reason NULL"}));
+  EXPECT_EQ(plist::describe(response.get()), R"({"Error": 7, "Request": "someRequest:"})");
+}
+
+TEST(CorvaneDaemon, KnowsTrueByItsIdentity) {
+  const auto one = plist::Number::create_int32(1);
+  const auto word = text("true");
+  const std::pair<const plist::Value*, int64_t> values[] = {
+      {nullptr, 0}, {plist::Boolean::yes(), 1}, {plist::Boolean::no(), 0}, {one.get(), 0}, {word.get(), 0}};
+  for (const auto& [value, number] : values) {
+    EXPECT_EQ(CorvaneDaemon::booleanToNumber(value)->int64(), number) << plist::describe(value);
+  }
+}
+
+TEST(CorvaneDaemon, AnswersTheImagesOnceAndBearsALackingCallback) {
+  TestPlatform& platform = TestPlatform::fresh();
+  platform.properties["ProductVersion"] = text("9.1");
+  std::filesystem::create_directory(platform.root() + "/private/var/mobile/Library/cvd");
+  const auto images = text("images");
+  ASSERT_EQ(store_regulatory_images(*images), 0);
+
+  CorvaneDaemon daemon;
+  Lines answers;
+  daemon.copyRegulatoryImagesWithCompletionBlock(nullptr);
+  daemon.copyRegulatoryImagesWithCompletionBlock([&](plist::Dictionary* reply, const ErrorObject* error) {
+    answers.push_back(plist::describe(reply) + (error == nullptr ? "" : " and an error"));
+  });
+  EXPECT_EQ(answers, Lines{R"({"ProductVersion": "9.1", "RegulatoryImages": "images"})"});
+}
+
+}  // namespace
+}  // namespace corvane
