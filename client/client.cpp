@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <optional>
 #include <poll.h>
 #include <span>
@@ -17,12 +16,12 @@
 #include <utility>
 #include <vector>
 
+#include "client/socket.h"
 #include "plist/reader.h"
 #include "plist/writer.h"
 #include "wire/frame.h"
 #include "wire/frame_reader.h"
 #include "wire/limits.h"
-#include "wire/socket_address.h"
 
 namespace corvane::client {
 
@@ -148,34 +147,10 @@ Answer Call::receive(const plist::String* selector) {
   return answer;
 }
 
-// The connected socket, or -1 with errno set. A full queue of newcomers is waited for until the deadline.
-int connect_to(const std::string& path, std::chrono::milliseconds timeout) {
-  const wire::SocketAddress address(path);
-  if (address.error() != 0) {
-    errno = address.error();
-    return -1;
-  }
-  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (socket < 0) return -1;
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout);
-  const auto rest = std::chrono::duration_cast<std::chrono::microseconds>(timeout - seconds);
-  const timeval limit{static_cast<time_t>(seconds.count()), static_cast<suseconds_t>(rest.count())};
-  setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-  while (connect(socket, address.get(), address.size()) != 0) {
-    if (errno == EINTR) continue;
-    const int error = errno;
-    close(socket);
-    errno = error;
-    return -1;
-  }
-  fcntl(socket, F_SETFL, fcntl(socket, F_GETFL) | O_NONBLOCK);
-  return socket;
-}
-
 }  // namespace
 
 Connection::Connection(std::string_view service_name, const std::string& root, std::chrono::milliseconds timeout)
-    : path_(root + std::string(wire::socket_folder) + "/" + std::string(service_name)), timeout_(timeout) {}
+    : path_(socket_path(service_name, root)), timeout_(timeout) {}
 
 Connection::~Connection() { disconnect(); }
 

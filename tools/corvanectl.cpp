@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -10,6 +11,7 @@
 #include <string>
 
 #include "client/client.h"
+#include "client/subscription.h"
 #include "plist/reader.h"
 #include "plist/writer.h"
 #include "tools/images.h"
@@ -84,6 +86,33 @@ void store_images(const std::string& path) {
   answered(client::store_regulatory_images(connection, read_plist(path)));
 }
 
+// As a person reads a clock: local time, to the millisecond.
+std::string time_of_day() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm local{};
+  localtime_r(&now.tv_sec, &local);
+  char text[32];
+  const size_t length = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+  std::snprintf(text + length, sizeof text - length, ".%03ld", now.tv_nsec / 1000000);
+  return text;
+}
+
+// Until the daemon ends, or whoever watches.
+void show_notifications() {
+  client::Subscription subscription;
+  std::string detail;
+  if (subscription.open(detail) != client::Outcome::answered) throw Failure{no_daemon, "no daemon: " + detail};
+  wire::Notification notification;
+  while (subscription.next(notification, detail) == client::Outcome::answered) {
+    const std::string text =
+        notification.missed > 0 ? "missed " + std::to_string(notification.missed) : notification.name;
+    print(time_of_day() + " " + text + "\n");
+    std::fflush(stdout);
+  }
+  throw Failure{not_answered, detail};
+}
+
 void add_format(CLI::App& command, Format& format) {
   CLI::Option* json = command.add_flag("--json", format.json, "Print JSON");
   command.add_flag("--xml", format.xml, "Print an XML property list")->excludes(json);
@@ -123,6 +152,11 @@ void add_show(CLI::App& app) {
   command->callback([options] { print(formatted(*read_plist(options->path), options->format)); });
 }
 
+void add_notifications(CLI::App& app) {
+  app.add_subcommand("notifications", "Print each system-wide notification as it is posted")
+      ->callback(show_notifications);
+}
+
 int run(int argc, char** argv) {
   CLI::App app{
       "Ask corvaned, and look at its files.\nThe daemon is the one below the folder CORVANE_ROOT, where "
@@ -131,6 +165,7 @@ int run(int argc, char** argv) {
   app.require_subcommand(1);
   add_images(app);
   add_show(app);
+  add_notifications(app);
   try {
     app.parse(argc, argv);
     return done;
