@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are missing for a purpose. Usage: install_packages.sh run|test|asan
+# Installs the Debian packages that are missing for a purpose. Usage: install_packages.sh run|test|asan|bench
 set -euo pipefail
 
 packages=(g++ cmake ninja-build libasio-dev libabsl-dev libexpat1-dev libspdlog-dev libcli11-dev nlohmann-json3-dev)
@@ -7,7 +7,8 @@ case "$1" in
   run) ;;
   test) packages+=(libgtest-dev) ;;
   asan) packages+=(libgtest-dev clang-14 libclang-rt-14-dev llvm-14) ;;
-  *) echo "usage: $0 run|test|asan" >&2; exit 2 ;;
+  bench) packages+=(libsqlite3-dev liblmdb-dev) ;;
+  *) echo "usage: $0 run|test|asan|bench" >&2; exit 2 ;;
 esac
 
 missing=()

@@ -112,6 +112,7 @@ void BinaryWriter::number_dictionary(const Dictionary& dictionary, unsigned dept
   const size_t keys = references_.size();
   const size_t values = keys + dictionary.size();
   references_.resize(values + dictionary.size());
+  leaves_.expect_strings(2 * dictionary.size());
   size_t at = keys;
   for (const Dictionary::Entry& entry : dictionary.entries()) references_[at++] = number(*entry.key, depth);
   for (const Dictionary::Entry& entry : dictionary.entries()) {

@@ -14,6 +14,9 @@ namespace corvane::plist {
 /// The leaves that a binary property list holds, each equal one once. What it saw must outlive it.
 class LeafTable {
  public:
+  /// Says that up to `count` more strings may follow, so that the table need not grow step by step.
+  void expect_strings(size_t count) { strings_.reserve(strings_.size() + count); }
+
   /// The number of the equal leaf seen before; otherwise `next`, which is the leaf's number from then on.
   uint32_t number_of(const Value& leaf, uint32_t next);
 

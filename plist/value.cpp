@@ -256,7 +256,8 @@ Ref<MutableDictionary> MutableDictionary::create(size_t capacity) {
 
 Ref<MutableDictionary> MutableDictionary::copy(const Dictionary& other) {
   Ref<MutableDictionary> dictionary = create(other.size());
-  for (const Entry& entry : other.entries()) dictionary->append(entry.key, entry.value);
+  dictionary->entries_.assign(other.entries().begin(), other.entries().end());
+  dictionary->build_index();
   return dictionary;
 }
 
@@ -265,34 +266,50 @@ Ref<Dictionary> MutableDictionary::freeze(Ref<MutableDictionary> dictionary) {
   return dictionary;
 }
 
-void MutableDictionary::append(Ref<String> key, Ref<Value> value) {
-  const std::string_view bytes = key->view();
+void MutableDictionary::build_index() {
+  if (entries_.size() <= scan_limit) return;
+  auto index = std::make_unique<Index>();
+  index->reserve(entries_.capacity());
+  for (size_t i = 0; i < entries_.size(); ++i) index->emplace(entries_[i].key->view(), i);
+  index_ = std::move(index);
+}
+
+void MutableDictionary::set(Ref<String> key, Ref<Value> value) {
+  if (index_ == nullptr) return set_without_index(std::move(key), std::move(value));
+  const auto [entry, is_new] = index_->try_emplace(key->view(), entries_.size());
+  if (!is_new) {
+    entries_[entry->second].value = std::move(value);
+    return;
+  }
+  try {
+    entries_.push_back({std::move(key), std::move(value)});
+  } catch (...) {
+    index_->erase(entry);
+    throw;
+  }
+}
+
+void MutableDictionary::set_without_index(Ref<String> key, Ref<Value> value) {
+  const size_t position = find(key->view());
+  if (position != not_found) {
+    entries_[position].value = std::move(value);
+    return;
+  }
   entries_.push_back({std::move(key), std::move(value)});
   try {
-    if (index_ != nullptr) {
-      index_->emplace(bytes, entries_.size() - 1);
-    } else if (entries_.size() > scan_limit) {
-      auto index = std::make_unique<Index>();
-      index->reserve(entries_.capacity());
-      for (size_t i = 0; i < entries_.size(); ++i) index->emplace(entries_[i].key->view(), i);
-      index_ = std::move(index);
-    }
+    build_index();
   } catch (...) {
     entries_.pop_back();
     throw;
   }
 }
 
-void MutableDictionary::set(Ref<String> key, Ref<Value> value) {
-  const size_t position = find(key->view());
-  if (position == not_found) return append(std::move(key), std::move(value));
-  entries_[position].value = std::move(value);
-}
-
 void MutableDictionary::set(std::string_view key, Ref<Value> value) {
-  const size_t position = find(key);
-  if (position == not_found) return append(String::create(key), std::move(value));
-  entries_[position].value = std::move(value);
+  if (Ref<Value>* entry = find_value(key)) {
+    *entry = std::move(value);
+  } else {
+    set(String::create(key), std::move(value));
+  }
 }
 
 Ref<Value>* MutableDictionary::find_value(std::string_view key) {
@@ -301,7 +318,7 @@ Ref<Value>* MutableDictionary::find_value(std::string_view key) {
 }
 
 void MutableDictionary::add(std::string_view key, Ref<Value> value) {
-  if (find(key) == not_found) append(String::create(key), std::move(value));
+  if (find(key) == not_found) set(String::create(key), std::move(value));
 }
 
 bool MutableDictionary::remove(std::string_view key) {

@@ -325,6 +325,15 @@ class MutableDictionary final : public Dictionary {
   /// One level: the entries are shared, not copied.
   static Ref<MutableDictionary> copy(const Dictionary& other);
   static Ref<Dictionary> freeze(Ref<MutableDictionary> dictionary);
+  /// The entries that `wanted` says true of, immutable. Meant for being walked: a lookup in it scans.
+  template <class Wanted>
+  static Ref<Dictionary> select(const Dictionary& other, Wanted wanted) {
+    Ref<MutableDictionary> selection = create(other.size());
+    for (const Entry& entry : other.entries()) {
+      if (wanted(entry)) selection->entries_.push_back(entry);
+    }
+    return freeze(std::move(selection));
+  }
 
   /// Replaces the value of an equal key; the key object that was there stays.
   void set(Ref<String> key, Ref<Value> value);
@@ -339,7 +348,8 @@ class MutableDictionary final : public Dictionary {
 
  private:
   MutableDictionary() = default;
-  void append(Ref<String> key, Ref<Value> value);
+  void set_without_index(Ref<String> key, Ref<Value> value);
+  void build_index();
 };
 
 // ---- checked downcasts ------------------------------------------------------------------------------

@@ -113,16 +113,22 @@ void set_number(const char* function, data_ark* ark, const String* domain, const
   data_ark_set(ark, domain, key, number.get());
 }
 
+void build_order(data_ark& ark) {
+  auto ordered = std::make_unique<absl::btree_set<std::string_view>>();
+  for (const plist::Dictionary::Entry& entry : ark.values->entries()) ordered->insert(entry.key->view());
+  ark.ordered = std::move(ordered);
+}
+
 Ref<plist::Value> copy_domain(data_ark& ark, std::string_view prefix) {
-  if (ark.ordered == nullptr) {
-    auto ordered = std::make_unique<absl::btree_set<std::string_view>>();
-    for (const plist::Dictionary::Entry& entry : ark.values->entries()) ordered->insert(entry.key->view());
-    ark.ordered = std::move(ordered);
-  }
-  Ref<plist::MutableDictionary> domain = plist::MutableDictionary::create();
-  for (auto next = ark.ordered->lower_bound(prefix); next != ark.ordered->end() && next->starts_with(prefix);
-       ++next) {
-    domain->set(next->substr(prefix.size()), ark.values->get(*next));
+  if (ark.ordered == nullptr) build_order(ark);
+  const auto first = ark.ordered->lower_bound(prefix);
+  auto last = first;
+  size_t count = 0;
+  for (; last != ark.ordered->end() && last->starts_with(prefix); ++last) ++count;
+
+  Ref<plist::MutableDictionary> domain = plist::MutableDictionary::create(count);
+  for (auto next = first; next != last; ++next) {
+    domain->set(String::create(next->substr(prefix.size())), ark.values->get(*next));
   }
   return domain;
 }

@@ -51,18 +51,11 @@ bool set_aside(const char* path) {
   return false;
 }
 
-// The entries that are stored: all of them, without a copy, where none is transient.
 Ref<plist::Dictionary> persistent_entries(const data_ark& ark) {
   if (!ark.values) return plist::MutableDictionary::create();
-  bool any_transient = false;
-  for (const auto& [key, attributes] : ark.attributes) any_transient |= (attributes & transient_attributes) != 0;
-  if (!any_transient) return ark.values;
-
-  Ref<plist::MutableDictionary> entries = plist::MutableDictionary::create(ark.values->size());
-  for (const plist::Dictionary::Entry& entry : ark.values->entries()) {
-    if ((ark.attributes_of(entry.key->view()) & transient_attributes) == 0) entries->set(entry.key, entry.value);
-  }
-  return entries;
+  return plist::MutableDictionary::select(*ark.values, [&ark](const plist::Dictionary::Entry& entry) {
+    return (ark.attributes_of(entry.key->view()) & transient_attributes) == 0;
+  });
 }
 
 bool replace_file(const ArkPath& path, const plist::Dictionary& entries) {

@@ -44,6 +44,7 @@ struct data_ark {
   bool unreadable_in_place = false;
 
   uint16_t attributes_of(std::string_view composed_key) const {
+    if (attributes.empty()) return 0;
     const auto found = attributes.find(composed_key);
     return found == attributes.end() ? uint16_t{0} : found->second;
   }
