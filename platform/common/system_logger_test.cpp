@@ -172,6 +172,10 @@ TEST_F(SystemLoggerTest, FolderGoesAndComesBack) {
   fs::remove(log_);
   write("new file");
   EXPECT_EQ(disk_lines(), Lines{"new file"});
+  fs::rename(log_, log_ + ".saved");
+  write_file(log_, "");
+  write("another file");
+  EXPECT_EQ(disk_lines(), Lines{"another file"});
   fs::remove_all(logs_ + "/corvaned");
   write("new folder");
   EXPECT_EQ(disk_lines(), Lines{"new folder"});
