@@ -10,6 +10,8 @@
 
 #include "plist/binary_reader.h"
 
+#include <absl/container/flat_hash_map.h>
+
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -28,6 +30,13 @@ constexpr size_t trailer_size = 32;
 constexpr size_t slice_from = 4096;
 constexpr uint64_t compared_per_byte = 256;
 
+// The bytes that hashing or comparing a leaf takes.
+size_t content_of(const Value& leaf) {
+  if (leaf.kind() == Kind::string) return static_cast<const String&>(leaf).view().size();
+  if (leaf.kind() == Kind::data) return static_cast<const Data&>(leaf).bytes().size();
+  return 0;
+}
+
 class BinaryReader {
  public:
   BinaryReader(const Ref<Data>& input, Containers containers, unsigned depth_limit)
@@ -42,12 +51,11 @@ class BinaryReader {
   Decoded read();
 
  private:
-  /// An object that was built. `height` 0 is a leaf; what the rest counts includes all that lies below.
-  struct Memo {
-    Ref<Value> value;
-    uint32_t height = 0;
-    uint32_t visits = 0;
-    uint64_t content = 0;
+  /// What a container that was built counts for, all that lies below it included.
+  struct Extent {
+    unsigned height;
+    uint64_t visits;
+    uint64_t content;
   };
 
   struct References {
@@ -57,8 +65,9 @@ class BinaryReader {
 
   bool read_trailer();
   Ref<Value> read_value(uint64_t number, unsigned depth, bool share);
-  Ref<Value> recall(const Memo& memo, unsigned depth);
+  Ref<Value> recall(uint64_t number, unsigned depth);
 
+  Ref<Value> read_and_measure_container(uint64_t number, size_t offset, unsigned depth, bool share);
   Ref<Value> read_container(size_t offset, unsigned depth, bool share);
   Ref<Value> read_array(References items, unsigned depth, bool share);
   Ref<Value> read_set(References items, unsigned depth, bool share);
@@ -102,10 +111,11 @@ class BinaryReader {
   size_t objects_end_ = 0;  // where the offset table begins
   uint64_t top_ = 0;
 
-  std::vector<Memo> memo_;
-  uint64_t visits_ = 1;           // the top object's
-  uint64_t visited_content_ = 0;  // bytes in leaves, each counted at every visit
-  uint64_t content_ = 0;          // bytes in leaves, each counted once
+  std::vector<Ref<Value>> memo_;                   // objects that were built, by number
+  absl::flat_hash_map<uint64_t, Extent> extents_;  // of the containers among them
+  uint64_t visits_ = 1;                            // the top object's
+  uint64_t visited_content_ = 0;                   // bytes in leaves, each counted at every visit
+  uint64_t content_ = 0;                           // bytes in leaves, each counted once
   uint64_t compared_ = 0;
   unsigned deepest_ = 0;  // depth of the deepest container since the one being read began
   Ref<String> error_;
@@ -150,40 +160,44 @@ bool BinaryReader::read_trailer() {
 // Precondition: the visit has been counted.
 Ref<Value> BinaryReader::read_value(uint64_t number, unsigned depth, bool share) {
   if (number >= memo_.size()) return fail("a reference to an object that is not there", objects_end_);
-  Memo& memo = memo_[number];
-  if (memo.value && (share || memo.height == 0)) return recall(memo, depth);
-
+  if (const Value* known = memo_[number].get(); known != nullptr && (share || !known->is_container())) {
+    return recall(number, depth);
+  }
   const uint64_t entry = objects_end_ + number * offset_size_;
   const uint64_t offset = load_big_endian(start_ + entry, offset_size_);
   if (offset < header_size || offset >= objects_end_) return fail("an offset outside of the objects", entry);
-  const uint64_t visited_content = visited_content_;
-  if (marker(offset) < 0xA0) {
-    const uint64_t content = content_;
-    memo.value = read_leaf(offset);
-    visited_content_ += content_ - content;
-  } else {
-    const uint64_t visits = visits_;
-    const unsigned deepest_before = std::exchange(deepest_, depth);
-    Ref<Value> container = read_container(offset, depth, share);
-    const unsigned deepest = std::exchange(deepest_, std::max(deepest_before, deepest_));
-    if (!share || !container) return container;
-    memo.value = std::move(container);
-    memo.height = deepest - depth + 1;
-    memo.visits = static_cast<uint32_t>(visits_ - visits);
-  }
-  memo.content = visited_content_ - visited_content;
-  return memo.value;
+  if (marker(offset) >= 0xA0) return read_and_measure_container(number, offset, depth, share);
+  memo_[number] = read_leaf(offset);
+  if (memo_[number]) visited_content_ += content_of(*memo_[number]);
+  return memo_[number];
 }
 
-Ref<Value> BinaryReader::recall(const Memo& memo, unsigned depth) {
-  visited_content_ += memo.content;
-  if (memo.height == 0) return memo.value;
-  visits_ += memo.visits;
+Ref<Value> BinaryReader::read_and_measure_container(uint64_t number, size_t offset, unsigned depth, bool share) {
+  const uint64_t visits = visits_;
+  const uint64_t content = visited_content_;
+  const unsigned deepest_before = std::exchange(deepest_, depth);
+  Ref<Value> container = read_container(offset, depth, share);
+  const unsigned deepest = std::exchange(deepest_, std::max(deepest_before, deepest_));
+  if (!share || !container) return container;
+  memo_[number] = container;
+  extents_[number] = {deepest - depth + 1, visits_ - visits, visited_content_ - content};
+  return container;
+}
+
+Ref<Value> BinaryReader::recall(uint64_t number, unsigned depth) {
+  const Ref<Value>& known = memo_[number];
+  if (!known->is_container()) {
+    visited_content_ += content_of(*known);
+    return known;
+  }
+  const Extent& extent = extents_[number];
+  visited_content_ += extent.content;
+  visits_ += extent.visits;
   if (visits_ > visit_limit_) return fail("more references than bytes", objects_end_);
-  const unsigned deepest = depth + memo.height - 1;
+  const unsigned deepest = depth + extent.height - 1;
   if (deepest > depth_limit_) return fail("nesting deeper than " + std::to_string(depth_limit_), objects_end_);
   deepest_ = std::max(deepest_, deepest);
-  return memo.value;
+  return known;
 }
 
 bool BinaryReader::charge_comparison(uint64_t bytes, size_t offset) {

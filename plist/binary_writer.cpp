@@ -20,8 +20,6 @@ size_t unsigned_size(uint64_t value) {
   return value <= 0xFF ? 1 : value <= 0xFFFF ? 2 : value <= 0xFFFFFFFF ? 4 : 8;
 }
 
-bool is_container(Kind kind) { return kind == Kind::dictionary || kind == Kind::array || kind == Kind::set; }
-
 class BinaryWriter {
  public:
   BinaryWriter(ByteChain& out, size_t share_from) : out_(out), base_(out.size()), share_from_(share_from) {}
@@ -54,8 +52,8 @@ class BinaryWriter {
   ByteChain& out_;
   const size_t base_;
   const size_t share_from_;
-  LeafTable leaves_;
   std::vector<const Value*> objects_;
+  LeafTable leaves_{objects_};
   std::vector<uint32_t> references_;  // of all containers, in the order of their numbers
   size_t next_reference_ = 0;         // in writing
   size_t reference_size_ = 0;
@@ -83,7 +81,7 @@ Ref<String> BinaryWriter::write(const Value& value) {
 
 uint32_t BinaryWriter::number(const Value& value, unsigned depth) {
   const auto next = static_cast<uint32_t>(objects_.size());
-  if (!is_container(value.kind())) {
+  if (!value.is_container()) {
     const uint32_t known = leaves_.number_of(value, next);
     return known == next ? add_object(value) : known;
   }

@@ -35,10 +35,14 @@ uint32_t LeafTable::number_of_bits(uint64_t bits, uint64_t kind, uint32_t next) 
 }
 
 uint32_t LeafTable::number_of_string(const String& string, uint32_t next) {
-  if (string.view().size() < long_from) return strings_.try_emplace(string.view(), next).first->second;
+  if (string.view().size() < long_from) return number_of_text(string.view(), next);
   const auto [known, is_new] = long_ones_.try_emplace(&string, next);
-  if (is_new) known->second = strings_.try_emplace(string.view(), next).first->second;
+  if (is_new) known->second = number_of_text(string.view(), next);
   return known->second;
+}
+
+uint32_t LeafTable::number_of_text(std::string_view text, uint32_t next) {
+  return *strings_.lazy_emplace(text, [next](const auto& emplace) { emplace(next); });
 }
 
 uint32_t LeafTable::number_of_data(const Data& data, uint32_t next) {

@@ -1,6 +1,5 @@
 #include "plist/value.h"
 
-#include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 #include <absl/hash/hash.h>
 
@@ -226,16 +225,40 @@ void MutableSet::add(Ref<Value> value) {
 
 // ---- dictionary ---------------------------------------------------------------------------------------
 
-// From the bytes of a key, which the entry's key object holds, to the entry's position.
-struct Dictionary::Index : absl::flat_hash_map<std::string_view, size_t, BytesHash, std::equal_to<>> {};
+// The positions of the entries, found by their keys. A position takes the least room, and a lookup misses the
+// cache least, that way.
+struct Dictionary::Index {
+  struct Slot {
+    mutable uint32_t position;  // follows an entry that moves; its hash, which is the key's, stays
+  };
+  struct Hash {
+    using is_transparent = void;
+    size_t operator()(std::string_view key) const { return BytesHash()(key); }
+    size_t operator()(Slot slot) const { return BytesHash()((*entries)[slot.position].key->view()); }
+    const std::vector<Entry>* entries;
+  };
+  struct Equal {
+    using is_transparent = void;
+    bool operator()(Slot a, Slot b) const { return a.position == b.position; }
+    bool operator()(Slot slot, std::string_view key) const { return (*entries)[slot.position].key->view() == key; }
+    const std::vector<Entry>* entries;
+  };
+
+  explicit Index(const std::vector<Entry>& entries)
+      : positions(entries.capacity(), Hash{&entries}, Equal{&entries}) {
+    for (uint32_t i = 0; i < entries.size(); ++i) positions.insert({i});
+  }
+
+  absl::flat_hash_set<Slot, Hash, Equal> positions;
+};
 
 Dictionary::Dictionary() : Container(Kind::dictionary, true) {}
 Dictionary::~Dictionary() = default;
 
 size_t Dictionary::find(std::string_view key) const {
   if (index_ != nullptr) {
-    const auto found = index_->find(key);
-    return found == index_->end() ? not_found : found->second;
+    const auto found = index_->positions.find(key);
+    return found == index_->positions.end() ? not_found : found->position;
   }
   for (size_t i = 0; i < entries_.size(); ++i) {
     if (entries_[i].key->view() == key) return i;
@@ -267,26 +290,24 @@ Ref<Dictionary> MutableDictionary::freeze(Ref<MutableDictionary> dictionary) {
 }
 
 void MutableDictionary::build_index() {
-  if (entries_.size() <= scan_limit) return;
-  auto index = std::make_unique<Index>();
-  index->reserve(entries_.capacity());
-  for (size_t i = 0; i < entries_.size(); ++i) index->emplace(entries_[i].key->view(), i);
-  index_ = std::move(index);
+  if (entries_.size() > scan_limit) index_ = std::make_unique<Index>(entries_);
 }
 
 void MutableDictionary::set(Ref<String> key, Ref<Value> value) {
   if (index_ == nullptr) return set_without_index(std::move(key), std::move(value));
-  const auto [entry, is_new] = index_->try_emplace(key->view(), entries_.size());
+  if (entries_.size() == std::numeric_limits<uint32_t>::max()) throw std::bad_alloc();
+  // Room first, so that nothing can fail once the index names the entry.
+  if (entries_.size() == entries_.capacity()) entries_.reserve(2 * entries_.size());
+  bool is_new = false;
+  const auto entry = index_->positions.lazy_emplace(key->view(), [&](const auto& emplace) {
+    emplace(Index::Slot{static_cast<uint32_t>(entries_.size())});
+    is_new = true;
+  });
   if (!is_new) {
-    entries_[entry->second].value = std::move(value);
+    entries_[entry->position].value = std::move(value);
     return;
   }
-  try {
-    entries_.push_back({std::move(key), std::move(value)});
-  } catch (...) {
-    index_->erase(entry);
-    throw;
-  }
+  entries_.push_back({std::move(key), std::move(value)});
 }
 
 void MutableDictionary::set_without_index(Ref<String> key, Ref<Value> value) {
@@ -324,11 +345,13 @@ void MutableDictionary::add(std::string_view key, Ref<Value> value) {
 bool MutableDictionary::remove(std::string_view key) {
   const size_t position = find(key);
   if (position == not_found) return false;
-  if (index_ != nullptr) index_->erase(key);
+  if (index_ != nullptr) index_->positions.erase(key);
   // The last entry takes the place, so that removal costs the same in every dictionary.
   if (position + 1 != entries_.size()) {
-    entries_[position] = std::move(entries_.back());
-    if (index_ != nullptr) (*index_)[entries_[position].key->view()] = position;
+    if (index_ != nullptr) {
+      index_->positions.find(entries_.back().key->view())->position = static_cast<uint32_t>(position);
+    }
+    std::swap(entries_[position], entries_.back());
   }
   entries_.pop_back();
   return true;

@@ -28,6 +28,7 @@ class Value {
   Value& operator=(const Value&) = delete;
 
   Kind kind() const { return kind_; }
+  bool is_container() const { return kind_ == Kind::dictionary || kind_ == Kind::array || kind_ == Kind::set; }
   /// True for a container or data value that was created mutable and has not been frozen.
   bool is_mutable() const { return mutable_; }
 
