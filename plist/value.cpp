@@ -240,7 +240,12 @@ struct Dictionary::Index {
   struct Equal {
     using is_transparent = void;
     bool operator()(Slot a, Slot b) const { return a.position == b.position; }
-    bool operator()(Slot slot, std::string_view key) const { return (*entries)[slot.position].key->view() == key; }
+    bool operator()(Slot slot, std::string_view key) const {
+      const Entry& entry = (*entries)[slot.position];
+      // Whoever looks an entry up wants its value, which comes in while the keys are compared.
+      __builtin_prefetch(entry.value.get());
+      return entry.key->view() == key;
+    }
     const std::vector<Entry>* entries;
   };
 
