@@ -1,0 +1,243 @@
+#include "tests/support/daemon_process.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <poll.h>
+#include <sstream>
+#include <stdexcept>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "client/client.h"
+#include "plist/describe.h"
+#include "plist/reader.h"
+#include "tests/support/test_platform.h"
+#include "wire/limits.h"
+#include "wire/socket_address.h"
+
+namespace corvane::testing {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char profile_text[] =
+    "<plist><dict><key>Properties</key><dict><key>ProductVersion</key><string>9.1</string></dict></dict></plist>";
+
+// The daemon dies with the test, however that ends.
+[[noreturn]] void become_daemon(const Environment& environment, int error_file, rlim_t descriptors) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  dup2(error_file, STDERR_FILENO);
+  const rlimit limit{descriptors, descriptors};
+  if (descriptors != 0) setrlimit(RLIMIT_NOFILE, &limit);
+  for (const char* name : {"CORVANE_ROOT", "CORVANE_PLATFORM", "CORVANE_PROFILE", "CORVANE_LOG_STDERR"}) {
+    unsetenv(name);
+  }
+  for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
+  execl(CORVANE_BIN_DIR "/corvaned", "corvaned", nullptr);
+  _exit(127);
+}
+
+}  // namespace
+
+// ---- the root -----------------------------------------------------------------------------------------
+
+DeviceRoot::DeviceRoot(const std::string& below) {
+  char name[] = "/tmp/corvane-test.XXXXXX";
+  if (mkdtemp(name) == nullptr) throw std::runtime_error("mkdtemp failed");
+  base_ = fs::canonical(name);
+  root_ = base_ + below;
+  for (const char* folder :
+       {"/private/var/mobile/Library/Logs", "/private/var/mobile/Library/Preferences", "/run/corvaned", "/var"}) {
+    fs::create_directories(at(folder));
+  }
+  fs::create_directory_symlink("../private/var/mobile", at("/var/mobile"));
+  write_file(profile(), profile_text);
+}
+
+DeviceRoot::~DeviceRoot() {
+  std::error_code ignored;
+  fs::remove_all(base_, ignored);
+}
+
+Environment DeviceRoot::environment() const {
+  return {{"CORVANE_ROOT", root_},
+          {"CORVANE_PLATFORM", "simulated"},
+          {"CORVANE_PROFILE", profile()},
+          {"CORVANE_LOG_STDERR", "1"}};
+}
+
+std::string DeviceRoot::socket(std::string_view service) const {
+  return at(wire::socket_folder) + "/" + std::string(service);
+}
+
+Lines DeviceRoot::listing() const {
+  Lines listing;
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(base_)) {
+    const auto mode = static_cast<unsigned>(entry.symlink_status().permissions());
+    listing.push_back(entry.path().string() + " " + std::to_string(mode));
+  }
+  std::sort(listing.begin(), listing.end());
+  return listing;
+}
+
+// ---- the process --------------------------------------------------------------------------------------
+
+DaemonProcess::DaemonProcess(const Environment& environment, rlim_t descriptors)
+    : error_file_(open("/tmp", O_TMPFILE | O_RDWR | O_APPEND | O_CLOEXEC, 0600)), pid_(fork()) {
+  if (pid_ == 0) become_daemon(environment, error_file_, descriptors);
+  if (pid_ < 0 || error_file_ < 0) throw std::runtime_error("the daemon could not be started");
+}
+
+DaemonProcess::DaemonProcess(const DeviceRoot& root, rlim_t descriptors)
+    : DaemonProcess(root.environment(), descriptors) {
+  client::Connection connection(wire::public_service, root.at(""));
+  EXPECT_TRUE(eventually([&] {
+    return client::copy_regulatory_images(connection).outcome == client::Outcome::answered;
+  })) << standard_error();
+}
+
+DaemonProcess::~DaemonProcess() {
+  if (pid_ > 0 && end(SIGTERM) != 0) ADD_FAILURE() << standard_error();
+  close(error_file_);
+}
+
+int DaemonProcess::end(int signal) {
+  if (signal != 0) kill(pid_, signal);
+  int status = 0;
+  if (!eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) {
+    ADD_FAILURE() << "the daemon did not end\n" << standard_error();
+    kill(pid_, SIGKILL);
+    waitpid(pid_, &status, 0);
+  }
+  pid_ = -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+std::string DaemonProcess::standard_error() const {
+  return read_file("/proc/self/fd/" + std::to_string(error_file_));
+}
+
+Lines DaemonProcess::log() const {
+  std::istringstream text(standard_error());
+  Lines lines;
+  for (std::string line; std::getline(text, line);) {
+    const size_t head = line.find("> CV: ");
+    lines.push_back(head == std::string::npos ? line : line.substr(head + 6));
+  }
+  return lines;
+}
+
+size_t DaemonProcess::descriptors() const {
+  const fs::directory_iterator entries("/proc/" + std::to_string(pid_) + "/fd");
+  return static_cast<size_t>(std::distance(fs::begin(entries), fs::end(entries)));
+}
+
+size_t DaemonProcess::resident_bytes() const {
+  std::ifstream sizes("/proc/" + std::to_string(pid_) + "/statm");
+  size_t pages = 0;
+  sizes >> pages >> pages;
+  return pages * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
+bool eventually(const std::function<bool()>& question) {
+  for (int attempt = 0; attempt < 2000; ++attempt) {
+    if (question()) return true;
+    usleep(10'000);
+  }
+  return false;
+}
+
+// ---- the client ---------------------------------------------------------------------------------------
+
+RawClient::RawClient(const std::string& socket) : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  const timeval patience{20, 0};
+  setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  const wire::SocketAddress address(socket);
+  if (connect(socket_, address.get(), address.size()) != 0) {
+    throw std::runtime_error(socket + ": " + std::strerror(errno));
+  }
+}
+
+RawClient::~RawClient() { close(socket_); }
+
+bool RawClient::send(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t sent = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (sent < 0) return false;
+    bytes.remove_prefix(static_cast<size_t>(sent));
+  }
+  return true;
+}
+
+void RawClient::finish() { shutdown(socket_, SHUT_WR); }
+
+bool RawClient::receive(char* bytes, size_t count) {
+  return recv(socket_, bytes, count, MSG_WAITALL) == static_cast<ssize_t>(count);
+}
+
+plist::Ref<plist::Dictionary> RawClient::response() {
+  std::array<char, wire::header_size> bytes;
+  if (!receive(bytes.data(), bytes.size())) return nullptr;
+  const auto header = wire::decode_header(bytes);
+  if (!header || header->kind != wire::raw_data_kind || header->length > wire::response_limit) return nullptr;
+  auto body = plist::MutableData::create(header->length);
+  if (!receive(body->mutable_bytes(), header->length)) return nullptr;
+  const auto decoded = plist::decode(plist::MutableData::freeze(body), plist::Containers::immutable);
+  return plist::cast<plist::Dictionary>(decoded.value.get());
+}
+
+std::string RawClient::answer() { return plist::describe(response().get()); }
+
+std::string RawClient::ask(std::string_view selector) {
+  return send(request(selector)) ? answer() : "(the connection is closed)";
+}
+
+// A peer that closes with requests unread resets the connection.
+bool RawClient::ends() {
+  char byte;
+  const ssize_t count = recv(socket_, &byte, 1, 0);
+  return count == 0 || (count < 0 && errno == ECONNRESET);
+}
+
+bool RawClient::has_news(int milliseconds) const {
+  pollfd waiting{socket_, POLLIN, 0};
+  return poll(&waiting, 1, milliseconds) > 0;
+}
+
+// ---- frames -------------------------------------------------------------------------------------------
+
+std::string frame(std::string_view body, uint8_t kind) {
+  const auto header = wire::encode_header({kind, static_cast<uint32_t>(body.size())});
+  return std::string(header.begin(), header.end()).append(body);
+}
+
+std::string frame(const plist::Value& value) {
+  plist::ByteChain chain;
+  plist::encode_binary(value, chain);
+  std::string body;
+  for (const std::string_view piece : chain.pieces()) body += piece;
+  return frame(body);
+}
+
+std::string request(std::string_view selector) { return frame(*wire::make_request(selector)); }
+
+std::string refusal(std::string_view selector) {
+  return R"({"Error": "Unexpeceted parameter", "ErrorObject": {"Code": 1, "Domain": "com.norvane.corvaned.error", )"
+         R"("UserInfo": {"ErrorDescription": "Unexpeceted parameter"}}, "Request": ")" +
+         std::string(selector) + "\"}";
+}
+
+}  // namespace corvane::testing
