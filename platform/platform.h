@@ -8,11 +8,13 @@ namespace corvane {
 
 class DeviceProperties;
 class Files;
+class HardwareRegistry;
 class Logger;
 class Notifications;
+class Preferences;
 class RunLoop;
 class ServiceListener;
-class TelephonyCentre;
+class Telephony;
 class WorkQueue;
 enum class ServiceAccess;
 
@@ -24,10 +26,11 @@ class Platform {
 
   virtual Logger& logger() = 0;
   virtual Files& files() = 0;
+  virtual Preferences& preferences() = 0;
   virtual DeviceProperties& device_properties() = 0;
   virtual Notifications& notifications() = 0;
-  /// Null where the device has no telephony service.
-  virtual TelephonyCentre* telephony_centre() = 0;
+  virtual HardwareRegistry& hardware_registry() = 0;
+  virtual Telephony& telephony() = 0;
 
   virtual RunLoop& main_run_loop() = 0;
   /// Work for the main thread.

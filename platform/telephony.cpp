@@ -4,10 +4,25 @@
 
 namespace corvane {
 
-TelephonyCentre* TelvoTelephonyCenterGetDefault() { return platform().telephony_centre(); }
+TelephonyCentre* TelvoTelephonyCenterGetDefault() { return platform().telephony().default_centre(); }
 
 void TelvoTelephonyCenterSetDefaultRunloop(TelephonyCentre& centre, RunLoop& run_loop) {
   centre.set_default_run_loop(run_loop);
 }
+
+void TelvoTelephonyCenterAddObserver(TelephonyCentre& centre, void* observer, TelephonyCentre::Callback callback,
+                                     std::string_view name) {
+  centre.add_observer(observer, callback, name);
+}
+
+std::unique_ptr<TelvoServerConnection> TelvoServerConnectionCreate(void (*callback)()) {
+  return platform().telephony().connect(callback);
+}
+
+TelvoRadioStatus TelvoCopyRadioStatus() { return platform().telephony().copy_radio_status(); }
+
+plist::Ref<plist::Value> TelvoSIMSupportGetSIMStatus() { return platform().telephony().sim_status(); }
+
+plist::Ref<plist::Value> TelvoSettingCopyMyPhoneNumber() { return platform().telephony().copy_my_phone_number(); }
 
 }  // namespace corvane

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "platform/device_properties.h"
+#include "platform/hardware_registry.h"
+#include "platform/telephony.h"
 
 namespace corvane {
 
@@ -10,6 +12,8 @@ class Device {
   virtual ~Device() = default;
 
   virtual DeviceProperties& properties() = 0;
+  virtual HardwareRegistry& registry() = 0;
+  virtual Telephony& telephony() = 0;
 };
 
 }  // namespace corvane

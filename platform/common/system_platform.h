@@ -22,9 +22,11 @@ class SystemPlatform final : public Platform {
 
   Logger& logger() override { return logger_; }
   Files& files() override { return files_; }
+  Preferences& preferences() override { return preferences_; }
   DeviceProperties& device_properties() override { return device_->properties(); }
   Notifications& notifications() override { return notifications_; }
-  TelephonyCentre* telephony_centre() override { return nullptr; }
+  HardwareRegistry& hardware_registry() override { return device_->registry(); }
+  Telephony& telephony() override { return device_->telephony(); }
   RunLoop& main_run_loop() override { return main_loop_; }
   WorkQueue& main_queue() override { return main_loop_; }
   WorkQueue& request_queue() override { return request_queue_; }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <sys/stat.h>
 
 namespace corvane {
 
@@ -52,6 +53,13 @@ std::string assigned_value(std::string_view file, std::string_view name) {
   return value;
 }
 
+// Empty for a path of another plane.
+std::string folder_of(std::string_view path) {
+  constexpr std::string_view plane = "HWTree:";
+  if (!path.starts_with(plane)) return "";
+  return "/sys/firmware/devicetree/base" + std::string(path.substr(plane.size()));
+}
+
 }  // namespace
 
 LinuxDeviceProperties::LinuxDeviceProperties(const std::string& root)
@@ -69,6 +77,18 @@ plist::Ref<plist::Value> LinuxDeviceProperties::system_version() const {
   const std::string version = assigned_value(file.bytes->bytes(), "VERSION_ID");
   if (version.empty()) return nullptr;
   return plist::String::create(version);
+}
+
+bool LinuxHardwareRegistry::has_node(std::string_view path) {
+  struct stat status {};
+  const std::string folder = folder_of(path);
+  return !folder.empty() && stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+plist::Ref<plist::Value> LinuxHardwareRegistry::copy_property(std::string_view path, std::string_view key) {
+  const std::string folder = folder_of(path);
+  if (folder.empty()) return nullptr;
+  return read_small_file(folder + "/" + std::string(key)).bytes;
 }
 
 }  // namespace corvane

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "platform/common/device.h"
+#include "platform/common/no_telephony.h"
 #include "platform/common/small_file.h"
 #include "platform/device_properties.h"
 
@@ -24,15 +25,28 @@ class LinuxDeviceProperties final : public DeviceProperties {
   DictionaryFile table_;
 };
 
+/// The flattened device tree of the running kernel: the node "HWTree:/baseband" is the folder baseband below
+/// /sys/firmware/devicetree/base, a property a file of raw bytes in it. Without a device tree there are no
+/// nodes.
+class LinuxHardwareRegistry final : public HardwareRegistry {
+ public:
+  bool has_node(std::string_view path) override;
+  plist::Ref<plist::Value> copy_property(std::string_view path, std::string_view key) override;
+};
+
 /// The device that a Linux system runs on.
 class LinuxDevice final : public Device {
  public:
   explicit LinuxDevice(const std::string& root) : properties_(root) {}
 
   DeviceProperties& properties() override { return properties_; }
+  HardwareRegistry& registry() override { return registry_; }
+  Telephony& telephony() override { return telephony_; }
 
  private:
   LinuxDeviceProperties properties_;
+  LinuxHardwareRegistry registry_;
+  NoTelephony telephony_;
 };
 
 }  // namespace corvane

@@ -8,6 +8,23 @@ plist::Ref<plist::Value> SimulatedDeviceProperties::copy_answer(const plist::Str
   return properties == nullptr ? nullptr : properties->get(name.view());
 }
 
+namespace {
+
+plist::Ref<plist::Dictionary> node_at(Profile& profile, std::string_view path) {
+  const auto now = profile.current();
+  const auto* const nodes = plist::cast<plist::Dictionary>(now->get("Registry"));
+  return nodes == nullptr ? nullptr : plist::cast<plist::Dictionary>(nodes->get(path));
+}
+
+}  // namespace
+
+bool SimulatedHardwareRegistry::has_node(std::string_view path) { return node_at(profile_, path) ? true : false; }
+
+plist::Ref<plist::Value> SimulatedHardwareRegistry::copy_property(std::string_view path, std::string_view key) {
+  const auto node = node_at(profile_, path);
+  return node ? node->get(key) : nullptr;
+}
+
 std::unique_ptr<SimulatedDevice> SimulatedDevice::open(const std::string& profile_path, std::string& fault) {
   std::unique_ptr<Profile> profile = Profile::open(profile_path, fault);
   if (profile == nullptr) return nullptr;

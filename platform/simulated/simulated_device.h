@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "platform/common/device.h"
+#include "platform/common/no_telephony.h"
 #include "platform/device_properties.h"
 #include "platform/simulated/profile.h"
 
@@ -22,6 +23,19 @@ class SimulatedDeviceProperties final : public DeviceProperties {
   Profile& profile_;
 };
 
+/// Answers from the profile's dictionary "Registry": paths to nodes, which are dictionaries of properties.
+class SimulatedHardwareRegistry final : public HardwareRegistry {
+ public:
+  /// The profile must outlive this.
+  explicit SimulatedHardwareRegistry(Profile& profile) : profile_(profile) {}
+
+  bool has_node(std::string_view path) override;
+  plist::Ref<plist::Value> copy_property(std::string_view path, std::string_view key) override;
+
+ private:
+  Profile& profile_;
+};
+
 /// A device that answers everything from one profile.
 class SimulatedDevice final : public Device {
  public:
@@ -29,12 +43,17 @@ class SimulatedDevice final : public Device {
   static std::unique_ptr<SimulatedDevice> open(const std::string& profile_path, std::string& fault);
 
   DeviceProperties& properties() override { return properties_; }
+  HardwareRegistry& registry() override { return registry_; }
+  Telephony& telephony() override { return telephony_; }
 
  private:
-  explicit SimulatedDevice(std::unique_ptr<Profile> profile) : profile_(std::move(profile)), properties_(*profile_) {}
+  explicit SimulatedDevice(std::unique_ptr<Profile> profile)
+      : profile_(std::move(profile)), properties_(*profile_), registry_(*profile_) {}
 
   const std::unique_ptr<Profile> profile_;
   SimulatedDeviceProperties properties_;
+  SimulatedHardwareRegistry registry_;
+  NoTelephony telephony_;
 };
 
 }  // namespace corvane

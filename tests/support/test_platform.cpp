@@ -35,6 +35,9 @@ TestPlatform& TestPlatform::fresh() {
   test_platform.level = no_level;
   test_platform.locate_error = 0;
   test_platform.posted.clear();
+  test_platform.preference_values.clear();
+  test_platform.registry.clear();
+  test_platform.telephony_service = &test_platform.no_telephony_;
   test_platform.main_queue_.waiting.clear();
   test_platform.take_lines();
   return test_platform;
@@ -106,6 +109,21 @@ int TestPlatform::locate(int descriptor, char (&path)[path_limit + 1]) {
   if (length < 0) return -1;
   path[length] = '\0';
   return 0;
+}
+
+plist::Ref<plist::Value> TestPlatform::copy_value(std::string_view domain, std::string_view key) {
+  const auto found = preference_values.find(std::string(domain) + "/" + std::string(key));
+  return found == preference_values.end() ? nullptr : found->second;
+}
+
+bool TestPlatform::has_node(std::string_view path) {
+  const auto next = registry.lower_bound(path);
+  return next != registry.end() && next->first.starts_with(path);
+}
+
+plist::Ref<plist::Value> TestPlatform::copy_property(std::string_view path, std::string_view key) {
+  const auto found = registry.find(std::string(path) + "/" + std::string(key));
+  return found == registry.end() ? nullptr : found->second;
 }
 
 plist::Ref<plist::Value> TestPlatform::copy_answer(const plist::String& name) {

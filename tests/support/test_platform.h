@@ -7,12 +7,15 @@
 #include <utility>
 #include <vector>
 
+#include "platform/common/no_telephony.h"
 #include "platform/device_properties.h"
 #include "platform/files.h"
+#include "platform/hardware_registry.h"
 #include "platform/logger.h"
 #include "platform/named_service.h"
 #include "platform/notifications.h"
 #include "platform/platform.h"
+#include "platform/preferences.h"
 #include "platform/run_loop.h"
 #include "platform/telephony.h"
 
@@ -23,7 +26,15 @@ namespace corvane::testing {
 /// once and a main queue that does it when told.
 ///
 /// There is one per process, installed at first use, because the daemon's log keeps its handle for life.
-class TestPlatform final : public Platform, Logger, Files, DeviceProperties, Notifications, WorkQueue, RunLoop {
+class TestPlatform final : public Platform,
+                           Logger,
+                           Files,
+                           DeviceProperties,
+                           Notifications,
+                           Preferences,
+                           HardwareRegistry,
+                           WorkQueue,
+                           RunLoop {
  public:
   struct Line {
     int level;
@@ -53,6 +64,11 @@ class TestPlatform final : public Platform, Logger, Files, DeviceProperties, Not
   bool refuse_log_handle = false;
   size_t handles_opened = 0;
   std::vector<std::string> disk_copies;
+  /// Preferences by "domain/key", and registry properties by "path/key"; "path" alone is a node without any.
+  std::map<std::string, plist::Ref<plist::Value>, std::less<>> preference_values;
+  std::map<std::string, plist::Ref<plist::Value>, std::less<>> registry;
+  /// A service that has nothing, unless a test brings its own.
+  Telephony* telephony_service;
   /// The names of what was posted.
   std::vector<std::string> posted;
   /// Does the main queue's work, which waits until here.
@@ -64,7 +80,9 @@ class TestPlatform final : public Platform, Logger, Files, DeviceProperties, Not
   Files& files() override { return *this; }
   DeviceProperties& device_properties() override { return *this; }
   Notifications& notifications() override { return *this; }
-  TelephonyCentre* telephony_centre() override { return nullptr; }
+  HardwareRegistry& hardware_registry() override { return *this; }
+  Telephony& telephony() override { return *telephony_service; }
+  Preferences& preferences() override { return *this; }
   RunLoop& main_run_loop() override { return *this; }
   WorkQueue& main_queue() override { return main_queue_; }
   WorkQueue& request_queue() override { return *this; }
@@ -91,6 +109,9 @@ class TestPlatform final : public Platform, Logger, Files, DeviceProperties, Not
   int locate(int descriptor, char (&path)[path_limit + 1]) override;
 
   plist::Ref<plist::Value> copy_answer(const plist::String& name) override;
+  plist::Ref<plist::Value> copy_value(std::string_view domain, std::string_view key) override;
+  bool has_node(std::string_view path) override;
+  plist::Ref<plist::Value> copy_property(std::string_view path, std::string_view key) override;
 
   void resume() override {}
   void post(const plist::String& name) override { posted.emplace_back(name.view()); }
@@ -101,6 +122,7 @@ class TestPlatform final : public Platform, Logger, Files, DeviceProperties, Not
   void run() override {}
 
   MainQueue main_queue_;
+  NoTelephony no_telephony_;
   std::string base_;
   std::string root_;
   std::mutex lines_mutex_;
