@@ -28,6 +28,10 @@ class RunLoop {
 
   /// Runs until the process is asked to end (SIGTERM, SIGINT). Main thread.
   virtual void run() = 0;
+
+  /// Takes over the descriptor and calls `readable` on the loop whenever it has something to read, for the
+  /// life of the loop. Main thread.
+  virtual void watch(int descriptor, std::function<void()> readable) = 0;
 };
 
 }  // namespace corvane

@@ -41,6 +41,19 @@ void MainLoop::run() {
   run_to_the_end(context_);
 }
 
+void MainLoop::watch(int descriptor, std::function<void()> readable) {
+  wait_for(watches_.emplace_back(Watch{{context_, descriptor}, std::move(readable)}));
+}
+
+void MainLoop::wait_for(Watch& watch) {
+  watch.descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
+                              [this, &watch](const std::error_code& error) {
+                                if (error) return;
+                                watch.readable();
+                                wait_for(watch);
+                              });
+}
+
 void MainLoop::submit(std::function<void()> work) { asio::post(context_, std::move(work)); }
 
 RequestQueue::~RequestQueue() {

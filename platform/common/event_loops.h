@@ -1,9 +1,11 @@
 #pragma once
 
 #include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
 #include <asio/signal_set.hpp>
 
 #include <atomic>
+#include <deque>
 #include <functional>
 #include <optional>
 #include <thread>
@@ -18,12 +20,20 @@ class MainLoop final : public RunLoop, public WorkQueue {
   MainLoop();
 
   void run() override;
+  void watch(int descriptor, std::function<void()> readable) override;
   void submit(std::function<void()> work) override;
   bool is_current() const override { return std::this_thread::get_id() == main_thread_; }
   void create(const char*) override {}
 
  private:
+  struct Watch {
+    asio::posix::stream_descriptor descriptor;
+    std::function<void()> readable;
+  };
+  void wait_for(Watch& watch);
+
   asio::io_context context_{1};
+  std::deque<Watch> watches_;
   asio::signal_set end_signals_{context_};
   const std::thread::id main_thread_ = std::this_thread::get_id();
 };

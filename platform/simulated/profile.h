@@ -16,6 +16,8 @@ class Profile {
   /// Null, and in `fault` one line that says why, where there is no dictionary to read.
   static std::unique_ptr<Profile> open(const std::string& path, std::string& fault);
 
+  const std::string& path() const { return file_.path(); }
+
   /// The profile at this moment. A version that is missing or bad is reported once, and the last good one
   /// stays.
   plist::Ref<plist::Dictionary> current();

@@ -5,9 +5,9 @@
 #include <utility>
 
 #include "platform/common/device.h"
-#include "platform/common/no_telephony.h"
 #include "platform/device_properties.h"
 #include "platform/simulated/profile.h"
+#include "platform/simulated/simulated_telephony.h"
 
 namespace corvane {
 
@@ -48,12 +48,12 @@ class SimulatedDevice final : public Device {
 
  private:
   explicit SimulatedDevice(std::unique_ptr<Profile> profile)
-      : profile_(std::move(profile)), properties_(*profile_), registry_(*profile_) {}
+      : profile_(std::move(profile)), properties_(*profile_), registry_(*profile_), telephony_(*profile_) {}
 
   const std::unique_ptr<Profile> profile_;
   SimulatedDeviceProperties properties_;
   SimulatedHardwareRegistry registry_;
-  NoTelephony telephony_;
+  SimulatedTelephony telephony_;
 };
 
 }  // namespace corvane

@@ -120,6 +120,7 @@ class TestPlatform final : public Platform,
   bool is_current() const override { return true; }
   void create(const char*) override {}
   void run() override {}
+  void watch(int, std::function<void()>) override {}
 
   MainQueue main_queue_;
   NoTelephony no_telephony_;

@@ -1,0 +1,163 @@
+#include "platform/simulated/simulated_telephony.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <set>
+#include <sys/inotify.h>
+#include <unistd.h>
+#include <utility>
+
+#include "platform/report.h"
+#include "platform/run_loop.h"
+
+namespace corvane {
+
+using plist::cast;
+using plist::Ref;
+
+namespace {
+
+// The profile's keys for the queries, in the order of TelvoServerConnection::Query.
+constexpr std::string_view query_keys[] = {"SIMIdentity",         "SubscriberIdentity", "FirmwareVersion",
+                                           "BootloaderVersion",   "GroupIdentifier1",   "GroupIdentifier2",
+                                           "FirmwareSecurityInfo"};
+
+// Null where the snapshot is or has no such entry.
+plist::Value* entry(const Ref<plist::Dictionary>& snapshot, std::string_view key) {
+  return snapshot ? snapshot->get(key) : nullptr;
+}
+
+bool is_set(const Ref<plist::Dictionary>& snapshot, std::string_view flag) {
+  return entry(snapshot, flag) == plist::Boolean::yes();
+}
+
+bool has_centre(const Ref<plist::Dictionary>& snapshot) { return snapshot && !is_set(snapshot, "NoCentre"); }
+
+int32_t integer(const plist::Value* value) {
+  const auto* number = cast<plist::Number>(value);
+  return number != nullptr && number->is_integer() ? static_cast<int32_t>(number->int64()) : 0;
+}
+
+class SimulatedConnection final : public TelvoServerConnection {
+ public:
+  explicit SimulatedConnection(Ref<plist::Dictionary> snapshot) : snapshot_(std::move(snapshot)) {}
+
+  TelvoStatus copy(Query query, Ref<plist::Value>& slot) override {
+    const std::string_view key = query_keys[static_cast<size_t>(query)];
+    const TelvoStatus status = status_of(key);
+    if (!status.failed()) slot = entry(snapshot_, key);
+    return status;
+  }
+
+ private:
+  TelvoStatus status_of(std::string_view key) const {
+    const auto* errors = cast<plist::Dictionary>(entry(snapshot_, "Errors"));
+    const auto* error = errors == nullptr ? nullptr : cast<plist::Dictionary>(errors->get(key));
+    if (error == nullptr) return {};
+    return {integer(error->get("Domain")), integer(error->get("Error"))};
+  }
+
+  const Ref<plist::Dictionary> snapshot_;
+};
+
+// -1 with errno set where the folder cannot be watched.
+int watch_folders_of(const std::string& path) {
+  const int watcher = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  if (watcher < 0) return -1;
+  // A profile that is a link may be changed on either side of it.
+  std::error_code ignored;
+  const std::filesystem::path itself = std::filesystem::absolute(path, ignored);
+  const std::set<std::filesystem::path> folders{itself.parent_path(),
+                                                std::filesystem::weakly_canonical(itself, ignored).parent_path()};
+  for (const std::filesystem::path& folder : folders) {
+    if (inotify_add_watch(watcher, folder.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE) < 0) {
+      const int error = errno;
+      close(watcher);
+      errno = error;
+      return -1;
+    }
+  }
+  return watcher;
+}
+
+void drain(int watcher) {
+  char events[4096];
+  while (read(watcher, events, sizeof events) > 0) {
+  }
+}
+
+}  // namespace
+
+SimulatedTelephony::SimulatedTelephony(Profile& profile) : profile_(profile) { take_new_snapshot(); }
+
+// The snapshot before, or null where there was none.
+Ref<plist::Dictionary> SimulatedTelephony::take_new_snapshot() {
+  const Ref<plist::Dictionary> profile = profile_.current();
+  Ref<plist::Dictionary> fresh = cast<plist::Dictionary>(profile->get("Telephony"));
+  const std::lock_guard lock(mutex_);
+  return std::exchange(snapshot_, std::move(fresh));
+}
+
+Ref<plist::Dictionary> SimulatedTelephony::snapshot() {
+  const std::lock_guard lock(mutex_);
+  return snapshot_;
+}
+
+Ref<plist::Value> SimulatedTelephony::copy_entry(std::string_view key) { return entry(snapshot(), key); }
+
+TelephonyCentre* SimulatedTelephony::default_centre() { return has_centre(snapshot()) ? this : nullptr; }
+
+std::unique_ptr<TelvoServerConnection> SimulatedTelephony::connect(void (*)()) {
+  Ref<plist::Dictionary> now = snapshot();
+  if (!now || is_set(now, "NoConnection")) return nullptr;
+  return std::make_unique<SimulatedConnection>(std::move(now));
+}
+
+TelvoRadioStatus SimulatedTelephony::copy_radio_status() {
+  const Ref<plist::Value> record = copy_entry("RadioStatus");
+  const auto* entries = cast<plist::Dictionary>(record.get());
+  if (entries == nullptr) return {};
+  return {entries->get("Readiness"), cast<plist::Dictionary>(entries->get("Properties"))};
+}
+
+Ref<plist::Value> SimulatedTelephony::sim_status() { return copy_entry("SIMStatus"); }
+
+Ref<plist::Value> SimulatedTelephony::copy_my_phone_number() { return copy_entry("PhoneNumber"); }
+
+void SimulatedTelephony::set_default_run_loop(RunLoop& run_loop) {
+  const int watcher = watch_folders_of(profile_.path());
+  if (watcher < 0) return report("could not watch the folder of " + profile_.path() + ": " + std::strerror(errno));
+  // What changed before the watch began is part of what there is to begin with.
+  take_new_snapshot();
+  run_loop.watch(watcher, [this, watcher] {
+    drain(watcher);
+    look_for_changes();
+  });
+}
+
+void SimulatedTelephony::add_observer(void* observer, Callback callback, std::string_view name) {
+  observers_.push_back({observer, callback, plist::String::create(name)});
+}
+
+void SimulatedTelephony::look_for_changes() {
+  const Ref<plist::Dictionary> before = take_new_snapshot();
+  const Ref<plist::Dictionary> now = snapshot();
+  if (!has_centre(now)) return;
+  const auto changed = [&](std::string_view key) { return !plist::equal(entry(before, key), entry(now, key)); };
+  const auto* identity = cast<plist::String>(entry(now, "SIMIdentity"));
+  const bool has_sim = identity != nullptr && !identity->view().empty();
+
+  if (has_sim && changed("SIMIdentity")) deliver(telvo_sim_inserted);
+  if (changed("SIMStatus")) deliver(telvo_sim_status_changed);
+  if (changed("PhoneNumber")) deliver(telvo_phone_number_changed);
+}
+
+void SimulatedTelephony::deliver(std::string_view name) {
+  for (const Observer& observer : observers_) {
+    if (observer.name->view() == name)
+      observer.callback(this, observer.observer, observer.name.get(), nullptr, nullptr);
+  }
+}
+
+}  // namespace corvane

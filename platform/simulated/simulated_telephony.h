@@ -1,0 +1,54 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/simulated/profile.h"
+#include "platform/telephony.h"
+
+namespace corvane {
+
+/// The telephony service of a simulated device: answers from the profile's dictionary "Telephony", and
+/// delivers the notifications that follow from an edit of the profile.
+///
+/// The dictionary of the last version that was looked at is the snapshot from which every question is
+/// answered; a connection keeps the one that it was made with. Without a "Telephony" there is no centre and no
+/// connection. Once the centre has its run loop, the profile's folder is watched there, so that a file that is
+/// replaced is seen as well as one that is written.
+class SimulatedTelephony final : public Telephony, public TelephonyCentre {
+ public:
+  /// The profile must outlive this.
+  explicit SimulatedTelephony(Profile& profile);
+
+  TelephonyCentre* default_centre() override;
+  std::unique_ptr<TelvoServerConnection> connect(void (*callback)()) override;
+  TelvoRadioStatus copy_radio_status() override;
+  plist::Ref<plist::Value> sim_status() override;
+  plist::Ref<plist::Value> copy_my_phone_number() override;
+
+  void set_default_run_loop(RunLoop& run_loop) override;
+  void add_observer(void* observer, Callback callback, std::string_view name) override;
+
+ private:
+  struct Observer {
+    void* observer;
+    Callback callback;
+    plist::Ref<plist::String> name;
+  };
+
+  plist::Ref<plist::Dictionary> snapshot();
+  plist::Ref<plist::Value> copy_entry(std::string_view key);
+  plist::Ref<plist::Dictionary> take_new_snapshot();
+  void look_for_changes();
+  void deliver(std::string_view name);
+
+  Profile& profile_;
+  std::vector<Observer> observers_;  // main thread
+  std::mutex mutex_;
+  plist::Ref<plist::Dictionary> snapshot_;
+};
+
+}  // namespace corvane
