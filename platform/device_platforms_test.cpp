@@ -59,8 +59,10 @@ TEST_P(DevicePlatformTest, AnswersWhatTheDeviceHasNow) {
   EXPECT_FALSE(ask(*device_, "ProductVersion"));
   for (const std::string version : {"9.1", "9.2", "9.3"}) {
     set_properties(dictionary_of("<key>ProductVersion</key><string>" + version + "</string>" +
-                                 "<key>HasBaseband</key><true/><key>Sizes</key><array/>"));
+                                 "<key>HasBaseband</key><true/><key>Sizes</key><array/>" +
+                                 "<key>ProductType</key><string>A</string>"));
     EXPECT_EQ(ask_text(*device_, "ProductVersion"), version);
+    EXPECT_EQ(ask_text(*device_, "ProductType"), "A");
     EXPECT_EQ(ask(*device_, "HasBaseband").get(), plist::Boolean::yes());
     EXPECT_NE(plist::cast<plist::Array>(ask(*device_, "Sizes").get()), nullptr);
     EXPECT_FALSE(ask(*device_, "DeviceClass"));
@@ -94,6 +96,29 @@ TEST(LinuxDeviceProperties, VersionOfTheRunningSystem) {
     write_file(root + "/etc/os-release", file);
     EXPECT_EQ(ask_text(properties, "ProductVersion"), version) << file;
   }
+}
+
+TEST(LinuxDevice, HasWhatTheRunningKernelKnows) {
+  EXPECT_EQ(first_string({"maker,board-2\0maker,board\0", 26}), "maker,board-2");
+  EXPECT_EQ(first_string("Board 2\n"), "Board 2");
+  LinuxDeviceProperties properties(testing::TestPlatform::fresh().root());
+  LinuxHardwareRegistry registry;
+  const bool has_tree = fs::exists("/sys/firmware/devicetree/base/compatible");
+  EXPECT_EQ(registry.copy_property("HWTree:", "compatible") ? true : false, has_tree);
+  EXPECT_FALSE(registry.has_node("HWTree:/none") || registry.copy_property("Other:", "compatible"));
+  const bool has_name = has_tree || testing::read_file("/sys/class/dmi/id/product_name").size() > 1;
+  EXPECT_EQ(ask(properties, "ProductType") ? true : false, has_name);
+}
+
+TEST(SimulatedHardwareRegistry, HasTheNodesOfTheProfile) {
+  const std::string path = testing::TestPlatform::fresh().root() + "/profile.plist";
+  write_file(path, file_of("<dict><key>Registry</key><dict><key>a</key><dict><key>class</key><data/></dict>"
+                           "<key>b</key><string>class</string></dict></dict>"));
+  std::string fault;
+  const auto profile = Profile::open(path, fault);
+  SimulatedHardwareRegistry registry(*profile);
+  EXPECT_TRUE(registry.has_node("a") && registry.copy_property("a", "class"));
+  EXPECT_FALSE(registry.has_node("b") || registry.copy_property("b", "class") || registry.copy_property("a", "b"));
 }
 
 std::vector<std::string> reports;

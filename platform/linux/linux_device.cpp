@@ -53,21 +53,42 @@ std::string assigned_value(std::string_view file, std::string_view name) {
   return value;
 }
 
+constexpr char device_tree[] = "/sys/firmware/devicetree/base";
+
+// Null where the file is missing or begins with no string.
+plist::Ref<plist::Value> first_string_of(const std::string& path) {
+  const SmallFile file = read_small_file(path);
+  const std::string_view string = file.bytes ? first_string(file.bytes->bytes()) : "";
+  if (string.empty()) return nullptr;
+  return plist::String::create(string);
+}
+
+plist::Ref<plist::Value> machine_name() {
+  if (auto name = first_string_of(std::string(device_tree) + "/compatible")) return name;
+  return first_string_of("/sys/class/dmi/id/product_name");
+}
+
 // Empty for a path of another plane.
 std::string folder_of(std::string_view path) {
   constexpr std::string_view plane = "HWTree:";
   if (!path.starts_with(plane)) return "";
-  return "/sys/firmware/devicetree/base" + std::string(path.substr(plane.size()));
+  return device_tree + std::string(path.substr(plane.size()));
 }
 
 }  // namespace
+
+std::string_view first_string(std::string_view bytes) {
+  return bytes.substr(0, bytes.find_first_of(std::string_view("\0\n", 2)));
+}
 
 LinuxDeviceProperties::LinuxDeviceProperties(const std::string& root)
     : root_(root), table_(root + "/etc/corvaned/properties.plist") {}
 
 plist::Ref<plist::Value> LinuxDeviceProperties::copy_answer(const plist::String& name) {
   if (auto value = table_.copy_value(name.view())) return value;
-  return name.view() == "ProductVersion" ? system_version() : nullptr;
+  if (name.view() == "ProductVersion") return system_version();
+  if (name.view() == "ProductType") return machine_name();
+  return nullptr;
 }
 
 plist::Ref<plist::Value> LinuxDeviceProperties::system_version() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "platform/common/device.h"
 #include "platform/common/no_telephony.h"
@@ -9,9 +10,14 @@
 
 namespace corvane {
 
+/// What stands before the first NUL or line feed: the first of a device tree's list of strings, or the one
+/// line of a DMI attribute.
+std::string_view first_string(std::string_view bytes);
+
 /// Answers from a table, the dictionary in <root>/etc/corvaned/properties.plist, and for names that it does
-/// not hold from what the running system knows: "ProductVersion" is VERSION_ID of os-release(5). Both files
-/// may change at any time; a missing or bad one has no answers.
+/// not hold from what the running system knows: "ProductVersion" is VERSION_ID of os-release(5), "ProductType"
+/// the first "compatible" string of the device tree or else the DMI product name, which are the running
+/// kernel's and not below the root. Files may change at any time; a missing or bad one has no answers.
 class LinuxDeviceProperties final : public DeviceProperties {
  public:
   explicit LinuxDeviceProperties(const std::string& root);
