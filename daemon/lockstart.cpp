@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "daemon/log.h"
+#include "device/telephony.h"
 #include "platform/files.h"
 #include "platform/platform.h"
 #include "state/safe_file.h"
@@ -44,7 +45,9 @@ DataArk lockstart_local() {
   force_state_directory_mode(path);
 
   DataArk ark = data_ark_load();
-  if (ark != nullptr) data_ark_store(ark.get());
+  if (ark == nullptr) return nullptr;
+  registerForTelvoCallNotifications(ark.get());
+  data_ark_store(ark.get());
   return ark;
 }
 

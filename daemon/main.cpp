@@ -7,6 +7,7 @@
 #include "daemon/lockstart.h"
 #include "daemon/log.h"
 #include "daemon/service.h"
+#include "device/telephony.h"
 #include "platform/common/start_up.h"
 #include "platform/common/system_platform.h"
 #include "platform/linux/linux_device.h"
@@ -38,6 +39,11 @@ std::unique_ptr<Platform> start_platform(std::string& refusal) {
 
 void log_report(const std::string& text) { cv_log("platform", 0, "%s", text.c_str()); }
 
+// So that what a client or a restart sees is what the SIM says.
+void store_changed_ark(data_ark* changed) {
+  if (data_ark_dirty_count(changed) != 0) data_ark_store(changed);
+}
+
 // What lives as long as the process.
 std::unique_ptr<CorvaneDaemon> daemon_object;
 std::unique_ptr<CorvaneAdmin> admin_object;
@@ -52,6 +58,7 @@ int run_daemon() {
 
   daemon_object = std::make_unique<CorvaneDaemon>();
   admin_object = std::make_unique<CorvaneAdmin>();
+  set_radio_change_hook(store_changed_ark);
   ark = lockstart_local();
   daemon_object->setDark(ark.get());
 
