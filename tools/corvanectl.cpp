@@ -1,11 +1,7 @@
 #include <CLI/CLI.hpp>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -16,6 +12,7 @@
 #include "plist/writer.h"
 #include "tools/images.h"
 #include "tools/json.h"
+#include "tools/plist_edit.h"
 #include "tools/print.h"
 
 // The operator's command. Exit status: 0 done, 1 the daemon answered an error or nothing, 2 wrong usage,
@@ -41,12 +38,7 @@ struct Format {
 };
 
 Ref<plist::Value> read_plist(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  const std::string bytes{std::istreambuf_iterator<char>(file), {}};
-  if (!file.is_open() || file.bad()) throw Failure{wrong_usage, path + ": " + std::strerror(errno)};
-  plist::Decoded decoded = plist::decode(plist::Data::create(bytes), plist::Containers::immutable);
-  if (decoded.error) throw Failure{wrong_usage, path + ": " + std::string(decoded.error->view())};
-  return std::move(decoded.value);
+  return read_plist_file(path, plist::Containers::immutable).value;
 }
 
 std::string formatted(const plist::Value& value, const Format& format) {
@@ -152,9 +144,45 @@ void add_show(CLI::App& app) {
   command->callback([options] { print(formatted(*read_plist(options->path), options->format)); });
 }
 
+void add_profile(CLI::App& app) {
+  struct Options {
+    std::string profile;
+    std::string key_path;
+    std::string value;
+    bool json = false;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App* command = app.add_subcommand("profile", "Edit the profile of a simulated device");
+  command->require_subcommand(1);
+  command->add_option("--profile", options->profile, "The profile's file")
+      ->type_name("FILE")
+      ->envname("CORVANE_PROFILE")
+      ->required();
+  const auto add = [&](const char* name, const char* help) {
+    CLI::App* edit = command->add_subcommand(name, help);
+    edit->fallthrough();
+    edit->add_option("KEY.PATH", options->key_path, "The keys that lead to the entry")->required();
+    return edit;
+  };
+  CLI::App* set = add("set", "Set an entry; what is missing on the way to it is made");
+  set->add_option("VALUE", options->value, "A string, unless --json")->required();
+  set->add_flag("--json", options->json, "VALUE is JSON, as show --json prints it");
+  set->callback([options] {
+    const Ref<plist::Value> value =
+        options->json ? from_json(options->value) : Ref<plist::Value>(plist::String::create(options->value));
+    set_entry(options->profile, options->key_path, value);
+  });
+  add("unset", "Remove an entry")->callback([options] { unset_entry(options->profile, options->key_path); });
+}
+
 void add_notifications(CLI::App& app) {
   app.add_subcommand("notifications", "Print each system-wide notification as it is posted")
       ->callback(show_notifications);
+}
+
+int complain(const std::string& text, Status status) {
+  std::fprintf(stderr, "corvanectl: %s\n", text.c_str());
+  return status;
 }
 
 int run(int argc, char** argv) {
@@ -166,19 +194,20 @@ int run(int argc, char** argv) {
   add_images(app);
   add_show(app);
   add_notifications(app);
+  add_profile(app);
   try {
     app.parse(argc, argv);
     return done;
   } catch (const Failure& failure) {
-    std::fprintf(stderr, "corvanectl: %s\n", failure.text.c_str());
-    return failure.status;
+    return complain(failure.text, failure.status);
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return app.exit(error);
-    std::fprintf(stderr, "corvanectl: %s\n", error.what());
-    return wrong_usage;
+    return error.get_exit_code() == 0 ? app.exit(error) : complain(error.what(), wrong_usage);
+  } catch (const FileFault& fault) {
+    return complain(fault.what(), wrong_usage);
+  } catch (const std::invalid_argument& error) {
+    return complain(error.what(), wrong_usage);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "corvanectl: %s\n", error.what());
-    return not_answered;
+    return complain(error.what(), not_answered);
   }
 }
 

@@ -3,14 +3,17 @@
 #include <nlohmann/json.hpp>
 
 #include <cmath>
+#include <stdexcept>
 
 #include "plist/base64_text.h"
 #include "plist/describe.h"
+#include "plist/xml_leaf.h"
 
 namespace corvane::tools {
 
 using nlohmann::json;
 using plist::cast;
+using plist::Ref;
 
 namespace {
 
@@ -72,7 +75,87 @@ json tree(const plist::Value& value) {
   return nullptr;
 }
 
+// ---- from JSON ----------------------------------------------------------------------------------------
+
+Ref<plist::Value> value_of(const json& tree);
+
+[[noreturn]] void refuse(const std::string& what) { throw std::invalid_argument(what); }
+
+Ref<plist::Value> date_of(const json& content) {
+  const auto seconds = plist::parse_date(content.get<std::string>());
+  if (!seconds) refuse("not a date: " + content.dump());
+  return plist::Date::create(*seconds);
+}
+
+Ref<plist::Value> data_of(const json& content) {
+  std::string bytes;
+  if (!plist::decode_base64(content.get<std::string>(), bytes)) refuse("not Base64: " + content.dump());
+  return plist::Data::create(bytes);
+}
+
+Ref<plist::Value> set_of(const json& content) {
+  Ref<plist::MutableSet> set = plist::MutableSet::create();
+  for (const json& member : content) set->add(value_of(member));
+  return set;
+}
+
+Ref<plist::Value> real_of(const json& content) {
+  const Ref<plist::Number> number = plist::parse_real(content.get<std::string>());
+  if (!number) refuse("not a real: " + content.dump());
+  return number;
+}
+
+// What JSON lacks is written as an object with one key; null for every other object.
+Ref<plist::Value> tagged_value(const json& object) {
+  if (object.size() != 1) return nullptr;
+  const auto entry = object.begin();
+  const bool is_text = entry->is_string();
+  if (entry.key() == "$data" && is_text) return data_of(*entry);
+  if (entry.key() == "$date" && is_text) return date_of(*entry);
+  if (entry.key() == "$date" && entry->is_number()) return plist::Date::create(entry->get<double>());
+  if (entry.key() == "$set" && entry->is_array()) return set_of(*entry);
+  if (entry.key() == "$real" && is_text) return real_of(*entry);
+  return nullptr;
+}
+
+Ref<plist::Value> dictionary_of(const json& object) {
+  if (Ref<plist::Value> value = tagged_value(object)) return value;
+  Ref<plist::MutableDictionary> dictionary = plist::MutableDictionary::create();
+  for (const auto& [key, content] : object.items()) dictionary->set(key, value_of(content));
+  return dictionary;
+}
+
+Ref<plist::Value> value_of(const json& tree) {
+  switch (tree.type()) {
+    case json::value_t::object:
+      return dictionary_of(tree);
+    case json::value_t::array: {
+      Ref<plist::MutableArray> array = plist::MutableArray::create();
+      for (const json& item : tree) array->append(value_of(item));
+      return array;
+    }
+    case json::value_t::string:
+      return plist::String::create(tree.get<std::string>());
+    case json::value_t::boolean:
+      return plist::Boolean::of(tree.get<bool>());
+    case json::value_t::number_integer:
+      return plist::Number::create_int64(tree.get<int64_t>());
+    case json::value_t::number_unsigned:
+      return plist::Number::create_uint64(tree.get<uint64_t>());
+    case json::value_t::number_float:
+      return plist::Number::create_real(tree.get<double>());
+    default:
+      refuse("a property list has no null");
+  }
+}
+
 }  // namespace
+
+plist::Ref<plist::Value> from_json(const std::string& text) {
+  const json tree = json::parse(text, nullptr, false);
+  if (tree.is_discarded()) refuse("not JSON: " + text);
+  return value_of(tree);
+}
 
 std::string to_json(const plist::Value& value) { return tree(value).dump(1); }
 

@@ -12,6 +12,10 @@ namespace corvane::tools {
 /// has no text, is {"$date": seconds since 2001-01-01T00:00:00Z}.
 std::string to_json(const plist::Value& value);
 
+/// The value that such JSON stands for, containers mutable; integers of 64-bit kind. Throws std::invalid_argument
+/// with one line where the text is no JSON, or no value (a null, an integer out of range).
+plist::Ref<plist::Value> from_json(const std::string& text);
+
 /// Text as a JSON string, quotes included.
 std::string json_quoted(std::string_view text);
 

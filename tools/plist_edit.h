@@ -1,0 +1,27 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "plist/reader.h"
+#include "plist/value.h"
+
+namespace corvane::tools {
+
+/// A file that cannot be read, edited or replaced: one line that begins with its path.
+struct FileFault : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// Reads a property-list file. Throws FileFault.
+plist::Decoded read_plist_file(const std::string& path, plist::Containers containers);
+
+/// Edits the dictionary in a property-list file: `key_path` is the keys that lead to an entry, joined by dots.
+/// The file is replaced as a whole, by a rename, in the encoding that it had and with its mode; a link stays
+/// one. `set_entry` makes the dictionaries that are missing on the way. Throw FileFault, and leave the file as
+/// it was; for `unset_entry` an entry that is not there is none.
+void set_entry(const std::string& path, std::string_view key_path, plist::Ref<plist::Value> value);
+void unset_entry(const std::string& path, std::string_view key_path);
+
+}  // namespace corvane::tools
