@@ -22,13 +22,12 @@ const std::string at_first = "__get_device_type_internal_block_invoke: ";
 
 Value text(std::string_view utf8) { return plist::String::create(utf8); }
 Value data(const std::string& bytes) { return plist::Data::create(bytes); }
-Value class_of(char value) { return data({value, 0, 0, 0}); }
 
 TestPlatform& fresh_device(std::string_view product_type) {
   TestPlatform& platform = TestPlatform::fresh();
   platform.properties["ProductType"] = text(product_type);
   platform.properties["HasBaseband"] = plist::Boolean::yes();
-  platform.registry[class_property] = class_of(3);
+  platform.registry[class_property] = data({3, 0, 0, 0});
   return platform;
 }
 
@@ -102,7 +101,7 @@ TEST(DeviceType, TakesOnlyABooleanForTelephonyAndAStringForTheProduct) {
 // A process has one record, so each device gets a process; before the test below, as the suite's name makes it.
 TEST(DeviceTypeDeathTest, AccessorsReadTheRecord) {
   const auto print_accessors = [](std::string_view product_type, char baseband_class) {
-    fresh_device(product_type).registry[class_property] = class_of(baseband_class);
+    fresh_device(product_type).registry[class_property] = data({baseband_class, 0, 0, 0});
     std::fprintf(stderr, "%s %s %d%d%d %d %d%d", plist::describe(device_product_type()).c_str(),
                  plist::describe(device_class_override()).c_str(), device_type_overridden(), device_is_fpga(),
                  device_has_telephony(), device_is_slate_family(), baseband_class_above_one(),
