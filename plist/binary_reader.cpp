@@ -20,6 +20,7 @@
 
 #include "plist/big_endian.h"
 #include "plist/decoding_error.h"
+#include "plist/hash_tables.h"
 
 namespace corvane::plist {
 
@@ -180,6 +181,7 @@ Ref<Value> BinaryReader::read_and_measure_container(uint64_t number, size_t offs
   const unsigned deepest = std::exchange(deepest_, std::max(deepest_before, deepest_));
   if (!share || !container) return container;
   memo_[number] = container;
+  make_room(extents_);
   extents_[number] = {deepest - depth + 1, visits_ - visits, visited_content_ - content};
   return container;
 }

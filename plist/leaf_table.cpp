@@ -31,24 +31,29 @@ uint32_t LeafTable::number_of(const Value& leaf, uint32_t next) {
 }
 
 uint32_t LeafTable::number_of_bits(uint64_t bits, uint64_t kind, uint32_t next) {
+  make_room(bits_);
   return bits_.try_emplace({bits, kind}, next).first->second;
 }
 
 uint32_t LeafTable::number_of_string(const String& string, uint32_t next) {
   if (string.view().size() < long_from) return number_of_text(string.view(), next);
+  make_room(long_ones_);
   const auto [known, is_new] = long_ones_.try_emplace(&string, next);
   if (is_new) known->second = number_of_text(string.view(), next);
   return known->second;
 }
 
 uint32_t LeafTable::number_of_text(std::string_view text, uint32_t next) {
+  make_room(strings_);
   return *strings_.lazy_emplace(text, [next](const auto& emplace) { emplace(next); });
 }
 
 uint32_t LeafTable::number_of_data(const Data& data, uint32_t next) {
+  make_room(long_ones_);
   const auto [known, is_new] = long_ones_.try_emplace(&data, next);
   if (!is_new) return known->second;
   const std::string_view bytes = data.bytes();
+  make_room(data_);
   const auto [same_size, is_first] = data_.try_emplace(bytes.size());
   SameSize& others = same_size->second;
   if (is_first) {
@@ -56,6 +61,7 @@ uint32_t LeafTable::number_of_data(const Data& data, uint32_t next) {
     others.number = next;
     return next;
   }
+  make_room(others.all, 2);
   if (others.all.empty()) others.all.emplace(others.first, others.number);
   known->second = others.all.try_emplace(bytes, next).first->second;
   return known->second;

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "plist/bytes_hash.h"
+#include "plist/hash_tables.h"
 #include "plist/value.h"
 
 namespace corvane::plist {
@@ -21,7 +21,7 @@ class LeafTable {
       : strings_(0, ByText{&objects}, SameText{&objects}) {}
 
   /// Says that up to `count` more strings may follow, so that the table need not grow step by step.
-  void expect_strings(size_t count) { strings_.reserve(strings_.size() + count); }
+  void expect_strings(size_t count) { make_room(strings_, count); }
 
   /// The number of the equal leaf seen before; otherwise `next`, which is the leaf's number from then on.
   uint32_t number_of(const Value& leaf, uint32_t next);

@@ -10,7 +10,7 @@
 #include <new>
 #include <tuple>
 
-#include "plist/bytes_hash.h"
+#include "plist/hash_tables.h"
 #include "plist/unicode.h"
 
 namespace corvane::plist {
@@ -189,7 +189,9 @@ struct MemberHash {
 
 }  // namespace
 
-struct Set::Index : absl::flat_hash_set<Member, MemberHash> {};
+struct Set::Index : absl::flat_hash_set<Member, MemberHash> {
+  using flat_hash_set::flat_hash_set;
+};
 
 Set::Set() : Container(Kind::set, true) {}
 Set::~Set() = default;
@@ -213,13 +215,9 @@ void MutableSet::add(Ref<Value> value) {
   if (index_ == nullptr) index_ = std::make_unique<Index>();
   const Member member{hash(*value), value.get()};
   if (index_->contains(member)) return;
+  make_room(*index_);
   items_.push_back(std::move(value));
-  try {
-    index_->insert(member);
-  } catch (...) {
-    items_.pop_back();
-    throw;
-  }
+  index_->insert(member);
   members_hash_ += member.hash;
 }
 
@@ -249,8 +247,8 @@ struct Dictionary::Index {
     const std::vector<Entry>* entries;
   };
 
-  explicit Index(const std::vector<Entry>& entries)
-      : positions(entries.capacity(), Hash{&entries}, Equal{&entries}) {
+  explicit Index(const std::vector<Entry>& entries) : positions(0, Hash{&entries}, Equal{&entries}) {
+    make_room(positions, entries.capacity());
     for (uint32_t i = 0; i < entries.size(); ++i) positions.insert({i});
   }
 
@@ -302,6 +300,7 @@ void MutableDictionary::set(Ref<String> key, Ref<Value> value) {
   if (index_ == nullptr) return set_without_index(std::move(key), std::move(value));
   if (entries_.size() == std::numeric_limits<uint32_t>::max()) throw std::bad_alloc();
   // Room first, so that nothing can fail once the index names the entry.
+  make_room(index_->positions);
   if (entries_.size() == entries_.capacity()) entries_.reserve(2 * entries_.size());
   bool is_new = false;
   const auto entry = index_->positions.lazy_emplace(key->view(), [&](const auto& emplace) {

@@ -70,6 +70,12 @@ void announce(data_ark& ark, ArkEvent event, const ComposedKey& key) {
   schedule(ark, event, key.domains_own());
 }
 
+void add_attributes(data_ark& ark, std::string_view key, uint16_t attributes) {
+  std::string owned_key(key);
+  plist::make_room(ark.attributes);
+  ark.attributes.try_emplace(std::move(owned_key)).first->second |= attributes;
+}
+
 // Answers whether the value is another one than before.
 bool store_value(data_ark& ark, const ComposedKey& key, plist::Value* value, bool inherits) {
   if (Ref<plist::Value>* entry = ark.values->find_value(key.full())) {
@@ -86,7 +92,7 @@ bool store_value(data_ark& ark, const ComposedKey& key, plist::Value* value, boo
     throw;
   }
   const uint16_t inherited = inherits ? ark.attributes_of(key.domains_own()) : uint16_t{0};
-  if (inherited != 0) ark.attributes[key.full()] |= inherited;
+  if (inherited != 0) add_attributes(ark, key.full(), inherited);
   return true;
 }
 
@@ -185,11 +191,15 @@ constexpr Registration registrations[] = {
     {ARK_WATCH_CHANGE, ArkEvent::change}, {ARK_WATCH_SET, ArkEvent::set}, {ARK_WATCH_REMOVE, ArkEvent::remove}};
 
 template <class Watches, class Watch>
-int register_watch(Watches& watches, std::string_view key, const Watch& watch, unsigned flags) {
+int register_watch(Watches& watches, const String* domain, const String* key, const Watch& watch, unsigned flags) {
   try {
+    const ComposedKey composed(domain, key);
     for (const Registration& registration : registrations) {
       if ((flags & registration.flag) == 0) continue;
-      watches[static_cast<size_t>(registration.event)].insert_or_assign(std::string(key), watch);
+      auto& by_key = watches[static_cast<size_t>(registration.event)];
+      std::string owned_key(composed.full());
+      plist::make_room(by_key);
+      by_key.insert_or_assign(std::move(owned_key), watch);
     }
     return 0;
   } catch (const std::bad_alloc&) {
@@ -265,7 +275,7 @@ int data_ark_set_attribute(data_ark* ark, const String* domain, const String* ke
   assert_ark_owner();
   if (index >= ark_attributes) return -1;
   try {
-    ark->attributes[ComposedKey(domain, key).full()] |= attribute_bit(index);
+    add_attributes(*ark, ComposedKey(domain, key).full(), attribute_bit(index));
     return 0;
   } catch (const std::bad_alloc&) {
     return -1;
@@ -296,7 +306,7 @@ uint32_t data_ark_dirty_count(data_ark* ark) {
 int data_ark_watch(data_ark* ark, const String* domain, const String* key, Ref<String> notification_name,
                    unsigned flags) {
   assert_ark_owner();
-  return register_watch(ark->notifications, ComposedKey(domain, key).full(), notification_name, flags);
+  return register_watch(ark->notifications, domain, key, notification_name, flags);
 }
 
 int data_ark_watch_block(data_ark* ark, const String* domain, const String* key,
@@ -308,7 +318,7 @@ int data_ark_watch_block(data_ark* ark, const String* domain, const String* key,
   } catch (const std::bad_alloc&) {
     return 0;
   }
-  return register_watch(ark->callbacks, ComposedKey(domain, key).full(), copy, flags);
+  return register_watch(ark->callbacks, domain, key, copy, flags);
 }
 
 }  // namespace corvane

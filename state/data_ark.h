@@ -16,7 +16,7 @@
 ///
 /// The ark has no lock. Start-up uses it until the request queue has its thread, and from then on only the
 /// request queue does; builds with assertions hold callers to that. Set, get, exists and remove cost the same
-/// in every ark.
+/// in every ark. Where no result says otherwise, running out of memory is std::bad_alloc.
 namespace corvane {
 
 struct data_ark;

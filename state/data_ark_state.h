@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "plist/bytes_hash.h"
+#include "plist/hash_tables.h"
 #include "plist/value.h"
 #include "state/data_ark.h"
 
