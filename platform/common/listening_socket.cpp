@@ -1,5 +1,7 @@
 #include "platform/common/listening_socket.h"
 
+#include <asio/error.hpp>
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -62,30 +64,36 @@ void ListeningSocket::listen() {
   accept_next();
 }
 
+// Waits and then accepts, in one step on this thread: a connection that an asynchronous accept had taken, and
+// not yet told of, would be unknown to `accept_waiting`.
 void ListeningSocket::accept_next() {
   try {
-    acceptor_.async_accept([self = shared_from_this()](const std::error_code& error, Socket socket) {
-      self->accepted(error, std::move(socket));
+    acceptor_.async_wait(asio::socket_base::wait_read, [self = shared_from_this()](const std::error_code& error) {
+      if (!error && self->newcomer_) self->accept_one();
     });
   } catch (const std::bad_alloc&) {
     try_again(wire::accept_retry, &ListeningSocket::accept_next);
   }
 }
 
-void ListeningSocket::accepted(const std::error_code& error, Socket socket) {
-  if (!newcomer_) return;
+void ListeningSocket::accept_one() {
+  std::error_code error;
+  if (std::optional<Socket> socket = accept(error)) return newcomer_(std::move(*socket));
+  if (error == asio::error::would_block) return accept_next();
   // Most likely there are no descriptors left.
-  if (error) return try_again(wire::accept_retry, &ListeningSocket::accept_next);
-  fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
-  newcomer_(std::move(socket));
+  try_again(wire::accept_retry, &ListeningSocket::accept_next);
 }
 
-std::optional<ListeningSocket::Socket> ListeningSocket::accept_waiting() {
-  std::error_code error;
+std::optional<ListeningSocket::Socket> ListeningSocket::accept(std::error_code& error) {
   Socket socket = acceptor_.accept(error);
   if (error) return std::nullopt;
   fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
   return socket;
+}
+
+std::optional<ListeningSocket::Socket> ListeningSocket::accept_waiting() {
+  std::error_code ignored;
+  return accept(ignored);
 }
 
 void ListeningSocket::try_again(std::chrono::milliseconds delay, void (ListeningSocket::*what)()) {

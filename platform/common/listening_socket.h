@@ -34,7 +34,8 @@ class ListeningSocket : public std::enable_shared_from_this<ListeningSocket> {
 
  private:
   void listen();
-  void accepted(const std::error_code& error, Socket socket);
+  void accept_one();
+  std::optional<Socket> accept(std::error_code& error);
   void try_again(std::chrono::milliseconds delay, void (ListeningSocket::*what)());
 
   const std::string path_;
