@@ -83,40 +83,39 @@ using Texts = std::vector<std::string>;
 
 Ref<String> text(std::string_view utf8) { return String::create(utf8); }
 
-/// An ark in a fresh state directory, asked with C strings; null is no domain or key.
+/// A domain or a key, from a C string; null is none.
+struct Name {
+  Name(const char* utf8) : string(utf8 == nullptr ? nullptr : text(utf8)) {}
+  Name(std::nullptr_t) {}
+  operator const String*() const { return string.get(); }
+  Ref<String> string;
+};
+
+/// An ark in a fresh state directory.
 class Ark : public ::testing::Test {
  protected:
   Ark() { fs::create_directories(folder_); }
   ~Ark() override { failing_call.clear(); }
 
-  static Ref<String> string_or_null(const char* utf8) { return utf8 == nullptr ? nullptr : text(utf8); }
-  int set(const char* domain, const char* key, Ref<plist::Value> value) {
-    return data_ark_set(ark_.get(), string_or_null(domain).get(), string_or_null(key).get(), value.get());
+  int set(Name domain, Name key, Ref<plist::Value> value) {
+    return data_ark_set(ark_.get(), domain, key, value.get());
   }
-  int set(const char* domain, const char* key, const char* value) {
-    return set(domain, key, Ref<plist::Value>(text(value)));
+  int set(Name domain, Name key, const char* value) { return set(domain, key, Ref<plist::Value>(text(value))); }
+  Ref<plist::Value> copy(Name domain, Name key) { return data_ark_copy(ark_.get(), domain, key); }
+  int remove(Name domain, Name key) { return data_ark_remove(ark_.get(), domain, key); }
+  int mark(Name domain, Name key, unsigned index) {
+    return data_ark_set_attribute(ark_.get(), domain, key, index);
   }
-  Ref<plist::Value> copy(const char* domain, const char* key) {
-    return data_ark_copy(ark_.get(), string_or_null(domain).get(), string_or_null(key).get());
+  bool has(Name domain, Name key, unsigned index) {
+    return data_ark_has_attribute(ark_.get(), domain, key, index);
   }
-  int remove(const char* domain, const char* key) {
-    return data_ark_remove(ark_.get(), string_or_null(domain).get(), string_or_null(key).get());
-  }
-  int attribute(const char* domain, const char* key, unsigned index) {
-    return data_ark_set_attribute(ark_.get(), string_or_null(domain).get(), string_or_null(key).get(), index);
-  }
-  bool has(const char* domain, const char* key, unsigned index) {
-    return data_ark_has_attribute(ark_.get(), string_or_null(domain).get(), string_or_null(key).get(), index);
-  }
-  // Names what was posted and run "<event> <name>"; the callbacks of a name run into `runs_`.
-  void watch(const char* domain, const char* key, const std::string& name) {
-    const std::pair<unsigned, const char*> events[] = {
-        {ARK_WATCH_CHANGE, "change "}, {ARK_WATCH_SET, "set "}, {ARK_WATCH_REMOVE, "remove "}};
+  // Watches by name and by block for all three events, both called "<event> <name>".
+  void watch(Name domain, Name key, const std::string& name) {
+    const std::pair<unsigned, const char*> events[] = {{4, "change "}, {1, "set "}, {2, "remove "}};
     for (const auto& [flag, event] : events) {
-      const auto domain_string = string_or_null(domain), key_string = string_or_null(key);
-      data_ark_watch(ark_.get(), domain_string.get(), key_string.get(), text(event + name), flag);
+      data_ark_watch(ark_.get(), domain, key, text(event + name), flag);
       const auto block = [this, full = event + name] { runs_.push_back(full); };
-      data_ark_watch_block(ark_.get(), domain_string.get(), key_string.get(), block, flag);
+      data_ark_watch_block(ark_.get(), domain, key, block, flag);
     }
   }
   Texts take_runs() {
@@ -137,7 +136,7 @@ TEST_F(Ark, OrderAndAsymmetriesOfSetAndRemove) {
   EXPECT_EQ(remove("d", "k"), -1);
   watch("d", "k", "key");
   watch("d", nullptr, "domain");
-  attribute("d", nullptr, 2);
+  mark("d", nullptr, 2);
   const Texts changed{"change key", "change domain", "set key", "set domain"};
   const Texts own{"change domain", "change domain", "set domain", "set domain"};
   struct Step {
@@ -147,26 +146,23 @@ TEST_F(Ark, OrderAndAsymmetriesOfSetAndRemove) {
     uint32_t dirtied;
     Texts lines;
   };
-  const Texts dirtied{"data_ark_set: dirtied by changing d-k"};
+  const Texts dirtied{"data_ark_set: dirtied by changing d-k"},
+      null_value{"data_ark_set: data_ark_set: value is NULL"};
   const Step steps[] = {
       {"new", [&] { return set("d", "k", "1"); }, changed, 1, dirtied},
       {"equal", [&] { return set("d", "k", "1"); }, {"set key", "set domain"}, 0, {}},
       {"other", [&] { return set("d", "k", "2"); }, changed, 1, dirtied},
       {"removed", [&] { return remove("d", "k"); }, {"remove key"}, 1, {}},
       {"absent", [&] { return remove("d", "k"); }, {}, 0, {}},
-      {"attribute 5 set", [&] { return attribute("d", "k", 5), set("d", "k", "3"); }, changed, 0, {}},
+      {"attribute 5 set", [&] { return mark("d", "k", 5), set("d", "k", "3"); }, changed, 0, {}},
       {"attribute 5 removed", [&] { return remove("d", "k"); }, {"remove key"}, 1, {}},
-      {"attribute 1 set", [&] { return attribute("d", "k", 1), set("d", "k", "3"); }, changed, 0, {}},
+      {"attribute 1 set", [&] { return mark("d", "k", 1), set("d", "k", "3"); }, changed, 0, {}},
       {"attribute 1 removed", [&] { return remove("d", "k"); }, {"remove key"}, 0, {}},
-      {"attribute 7 set", [&] { return attribute("d", "k", 7), set("d", "k", "3"); }, changed, 0, {}},
+      {"attribute 7 set", [&] { return mark("d", "k", 7), set("d", "k", "3"); }, changed, 0, {}},
       {"attribute 7 removed", [&] { return remove("d", "k"); }, {"remove key"}, 0, {}},
       {"null key", [&] { return set("d", nullptr, "4"); }, own, 1, {"data_ark_set: dirtied by changing d-"}},
       {"null key removed", [&] { return remove("d", nullptr); }, {"remove domain"}, 1, {}},
-      {"null value",
-       [&] { return set("d", "k", Ref<plist::Value>()) + 1; },
-       {},
-       0,
-       {"data_ark_set: data_ark_set: value is NULL"}},
+      {"null value", [&] { return set("d", "k", Ref<plist::Value>()) + 1; }, {}, 0, null_value},
   };
   platform_.take_lines();
   for (const Step& step : steps) {
@@ -183,7 +179,7 @@ TEST_F(Ark, OrderAndAsymmetriesOfSetAndRemove) {
 
 TEST_F(Ark, AttributesAreInheritedByNewKeysOnlyAndGoWithARemoval) {
   set("d", "old", "1");
-  for (const unsigned index : {0u, 1u, 8u}) EXPECT_EQ(attribute("d", nullptr, index), 0);
+  for (const unsigned index : {0u, 1u, 8u}) EXPECT_EQ(mark("d", nullptr, index), 0);
   set("d", "old", "2");
   set("d", "new", "1");
   set("e", "new", "1");
@@ -193,28 +189,29 @@ TEST_F(Ark, AttributesAreInheritedByNewKeysOnlyAndGoWithARemoval) {
   }
   remove("d", "new");
   EXPECT_FALSE(has("d", "new", 0));
-  EXPECT_EQ(attribute("d", "k", 9), -1);
+  EXPECT_EQ(mark("d", "k", 9), -1);
   EXPECT_FALSE(has("d", "k", 9));
-  const auto d = text("d"), k = text("k");
-  EXPECT_EQ(data_ark_clear_attribute(ark_.get(), d.get(), k.get(), 9), -1);
-  EXPECT_EQ(data_ark_clear_attribute(ark_.get(), d.get(), k.get(), 3), 0);
-  EXPECT_EQ(data_ark_clear_attribute(ark_.get(), d.get(), nullptr, 1), 0);
+  const auto clear = [&](Name key, unsigned index) {
+    return data_ark_clear_attribute(ark_.get(), Name("d"), key, index);
+  };
+  EXPECT_EQ(clear("k", 9), -1);
+  EXPECT_EQ(clear("k", 3), 0);
+  EXPECT_EQ(clear(nullptr, 1), 0);
   EXPECT_FALSE(has("d", nullptr, 1));
 }
 
 TEST_F(Ark, WatchesAreRegisteredInOrderUntilOneFails) {
   const unsigned all = ARK_WATCH_SET | ARK_WATCH_REMOVE | ARK_WATCH_CHANGE;
-  const auto d = text("d"), k = text("a key too long to be kept without an allocation of its own"),
-             name = text("n");
+  const Name d("d"), k("a key too long to be kept without an allocation of its own");
+  const auto name = text("n"), one = text("1");
   const auto events_registered = [&](int failing, int& result) {
     const DataArk ark = data_ark_load();
     allocations_left = failing;
-    result = data_ark_watch(ark.get(), d.get(), k.get(), name, all);
+    result = data_ark_watch(ark.get(), d, k, name, all);
     allocations_left = -1;
-    const auto one = text("1");
-    data_ark_set(ark.get(), d.get(), k.get(), one.get());
+    data_ark_set(ark.get(), d, k, one.get());
     const size_t by_set = platform_.posted.size();
-    data_ark_remove(ark.get(), d.get(), k.get());
+    data_ark_remove(ark.get(), d, k);
     return std::make_pair(by_set, std::exchange(platform_.posted, {}).size() - by_set);
   };
   // The allocations go up through the three registrations; none may be made after one that failed.
@@ -237,8 +234,8 @@ TEST_F(Ark, WatchesAreRegisteredInOrderUntilOneFails) {
   const Uncopyable block;
   const std::function<void()> callback = block;
   *block.armed = true;
-  EXPECT_EQ(data_ark_watch_block(ark_.get(), d.get(), k.get(), callback, all), 0);
-  set("d", k->c_string(), "1");
+  EXPECT_EQ(data_ark_watch_block(ark_.get(), d, k, callback, all), 0);
+  set("d", k, "1");
   EXPECT_TRUE(take_runs().empty());
 }
 
@@ -289,16 +286,16 @@ TEST_F(Ark, TypedGettersConvert) {
       {text("none 5"), 0, 0},
       {plist::Date::create(5), 0, 0},
   };
-  const auto k = text("k");
-  EXPECT_EQ(data_ark_get_int(ark_.get(), nullptr, k.get()), 0);
+  const Name k("k");
+  EXPECT_EQ(data_ark_get_int(ark_.get(), nullptr, k), 0);
   for (const auto& [value, as_32, as_64] : cases) {
     set(nullptr, "k", value);
-    EXPECT_EQ(data_ark_get_int(ark_.get(), nullptr, k.get()), as_32);
-    EXPECT_EQ(data_ark_get_int64(ark_.get(), nullptr, k.get()), as_64);
+    EXPECT_EQ(data_ark_get_int(ark_.get(), nullptr, k), as_32);
+    EXPECT_EQ(data_ark_get_int64(ark_.get(), nullptr, k), as_64);
   }
-  data_ark_set_int(ark_.get(), nullptr, k.get(), -3);
+  data_ark_set_int(ark_.get(), nullptr, k, -3);
   EXPECT_EQ(as_number(copy(nullptr, "k").get())->type(), plist::Number::Type::int32);
-  data_ark_set_int64(ark_.get(), nullptr, k.get(), -3);
+  data_ark_set_int64(ark_.get(), nullptr, k, -3);
   EXPECT_EQ(as_number(copy(nullptr, "k").get())->type(), plist::Number::Type::int64);
 }
 
@@ -319,9 +316,9 @@ TEST_F(Ark, TheFileHoldsWhatIsNotTransient) {
   set("d", "kept", nested);
   set("d", "one", "1");
   set("d", "seven", "7");
-  attribute("d", "one", 1);
-  attribute("d", "seven", 7);
-  attribute("d", "kept", 5);
+  mark("d", "one", 1);
+  mark("d", "seven", 7);
+  mark("d", "kept", 5);
   data_ark_store(ark_.get());
   EXPECT_EQ(data_ark_dirty_count(ark_.get()), 0u);
   EXPECT_EQ(as_dictionary(stored().get())->size(), 1u);
@@ -329,7 +326,7 @@ TEST_F(Ark, TheFileHoldsWhatIsNotTransient) {
   EXPECT_TRUE(plist::equal(copy("d", "kept").get(), nested.get()));
   EXPECT_TRUE(as_dictionary(copy("d", "kept").get())->get("Inner")->is_mutable());
   EXPECT_FALSE(has("d", "kept", 5));
-  attribute("d", "kept", 1);
+  mark("d", "kept", 1);
   data_ark_store(ark_.get());
   EXPECT_FALSE(fs::exists(path_));
 
@@ -337,7 +334,7 @@ TEST_F(Ark, TheFileHoldsWhatIsNotTransient) {
     fs::copy_file(CORVANE_SOURCE_DIR + std::string(vector), path_, fs::copy_options::overwrite_existing);
     ark_ = data_ark_load();
     EXPECT_EQ(as_string(copy("com.norvane.mobile.backup", "Version").get())->view(), "9.1");
-    EXPECT_EQ(data_ark_get_int(ark_.get(), text("com.norvane.mobile.backup").get(), nullptr), 7);
+    EXPECT_EQ(data_ark_get_int(ark_.get(), Name("com.norvane.mobile.backup"), nullptr), 7);
   }
 }
 
@@ -416,7 +413,7 @@ TEST_F(Ark, WhatCannotBeReadIsKeptAside) {
 
 TEST_F(Ark, NoCutAndNoFlippedBitBringsItDown) {
   set("d", "k", "value");
-  data_ark_set_int(ark_.get(), text("d").get(), nullptr, 300);
+  data_ark_set_int(ark_.get(), Name("d"), nullptr, 300);
   data_ark_store(ark_.get());
   const std::string whole = read_file(path_);
   size_t unreadable = 0;
