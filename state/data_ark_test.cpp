@@ -48,6 +48,7 @@ void* operator new(size_t size) {
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return std::malloc(size); }
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { std::free(memory); }
 
