@@ -1,11 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <sys/stat.h>
 
 #include "client/client.h"
 #include "tests/support/daemon_process.h"
-#include "tests/support/test_platform.h"
 
 namespace corvane {
 namespace {
@@ -16,22 +14,14 @@ using testing::DeviceRoot;
 using testing::Lines;
 using testing::RawClient;
 
-constexpr char library[] = "/private/var/mobile/Library";
 constexpr char state_directory[] = "/private/var/mobile/Library/cvd";
 
-unsigned mode_of(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
-  return status.st_mode & 07777;
-}
+unsigned mode_of(const std::string& path) { return static_cast<unsigned>(fs::status(path).permissions()); }
 
-// Whether the lines hold these, in this order, whatever stands between them.
-bool holds_in_order(const Lines& lines, const Lines& wanted) {
-  auto next = wanted.begin();
-  for (const std::string& line : lines) {
-    if (next != wanted.end() && line == *next) ++next;
-  }
-  return next == wanted.end();
+Lines lockstart_lines(const DaemonProcess& daemon) {
+  Lines lines = daemon.log();
+  std::erase_if(lines, [](const std::string& line) { return !line.starts_with("lockstart_local: "); });
+  return lines;
 }
 
 TEST(StartUp, MakesTheStateDirectoryAndForcesItsMode) {
@@ -40,10 +30,8 @@ TEST(StartUp, MakesTheStateDirectoryAndForcesItsMode) {
     if (exists) fs::create_directory(root.at(state_directory));
     const DaemonProcess daemon(root);
     EXPECT_EQ(mode_of(root.at(state_directory)), 0700u);
-    const Lines log = daemon.log();
-    ASSERT_FALSE(log.empty());
-    EXPECT_EQ(log.front(), "main: ____________________ Corvane startup _____________________");
-    for (const std::string& line : log) EXPECT_EQ(line.find("lockstart_local"), line.npos) << line;
+    EXPECT_EQ(daemon.log().front(), "main: ____________________ Corvane startup _____________________");
+    EXPECT_EQ(lockstart_lines(daemon), Lines{});
   }
 }
 
@@ -52,22 +40,20 @@ TEST(StartUp, GoesOnWithoutAUsableStateDirectory) {
   const DeviceRoot linked;
   ASSERT_EQ(mkdir(linked.at("/target").c_str(), 0755), 0);
   fs::create_directory_symlink(linked.at("/target"), linked.at(state_directory));
-  const DaemonProcess linked_daemon(linked);
-  EXPECT_TRUE(holds_in_order(linked_daemon.log(), {couldnt_open + linked.at(state_directory)}));
+  EXPECT_EQ(lockstart_lines(DaemonProcess(linked)), Lines{couldnt_open + linked.at(state_directory)});
   EXPECT_EQ(mode_of(linked.at("/target")), 0755u);
 
   // The log's folder goes with it; standard error has the lines all the same.
   const DeviceRoot without_library;
-  fs::remove_all(without_library.at(library));
-  const DaemonProcess daemon(without_library);
   const std::string path = without_library.at(state_directory);
-  const std::string none = ": No such file or directory";
-  EXPECT_TRUE(holds_in_order(
-      daemon.log(), {"lockstart_local: Could not mkdir " + path + " :" + none.substr(1),
-                     "log_file_info: Can't stat " + path + none,
-                     "log_file_info: Can't stat " + without_library.at(library) + none, couldnt_open + path}))
-      << daemon.standard_error();
-  EXPECT_FALSE(fs::exists(without_library.at(library)));
+  const std::string library = fs::path(path).parent_path();
+  fs::remove_all(library);
+  const DaemonProcess daemon(without_library);
+  const Lines lines{"lockstart_local: Could not mkdir " + path + " : No such file or directory",
+                    couldnt_open + path};
+  EXPECT_EQ(lockstart_lines(daemon), lines);
+  EXPECT_NE(daemon.standard_error().find("log_file_info: Can't stat " + library + ": No such"), std::string::npos);
+  EXPECT_FALSE(fs::exists(library));
 }
 
 TEST(StartUp, RefusesABadEnvironmentAndTouchesNothing) {
@@ -75,28 +61,23 @@ TEST(StartUp, RefusesABadEnvironmentAndTouchesNothing) {
   fs::create_directory_symlink(root.at(""), root.at("") + "-link");
   const std::string garbage = root.profile() + "-garbage";
   testing::write_file(garbage, "no property list");
-  const std::pair<const char*, std::string> faults[] = {
-      {"CORVANE_ROOT", root.at("").substr(1)},
-      {"CORVANE_ROOT", root.at("/")},
-      {"CORVANE_ROOT", root.at("-link")},
-      {"CORVANE_ROOT", root.at("/run/..")},
-      {"CORVANE_ROOT", root.at("/missing")},
-      {"CORVANE_ROOT", root.profile()},
-      {"CORVANE_PLATFORM", "Linux"},
-      {"CORVANE_PROFILE", ""},
-      {"CORVANE_PROFILE", root.at("/missing")},
-      {"CORVANE_PROFILE", root.at("/run")},
-      {"CORVANE_PROFILE", garbage},
-      {"CORVANE_LOG_STDERR", "yes"},
+  const std::pair<const char*, Lines> faults[] = {
+      {"CORVANE_ROOT",
+       {root.at("").substr(1), root.at("/"), root.at("-link"), root.at("/run/.."), root.at("/no"),
+        root.profile()}},
+      {"CORVANE_PLATFORM", {"Linux"}},
+      {"CORVANE_PROFILE", {"", root.at("/missing"), root.at("/run"), garbage}},
+      {"CORVANE_LOG_STDERR", {"yes"}},
   };
   const Lines before = root.listing();
-  for (const auto& [variable, value] : faults) {
-    testing::Environment environment = root.environment();
-    environment[variable] = value;
-    DaemonProcess daemon(environment);
-    EXPECT_EQ(daemon.end(), 1) << variable << "=" << value;
-    const Lines lines = daemon.log();
-    EXPECT_TRUE(lines.size() == 1 && lines[0].starts_with("corvaned: ")) << daemon.standard_error();
+  for (const auto& [variable, values] : faults) {
+    for (const std::string& value : values) {
+      testing::Environment environment = root.environment();
+      environment[variable] = value;
+      DaemonProcess daemon(environment);
+      EXPECT_EQ(daemon.end(), 1) << variable << "=" << value;
+      EXPECT_TRUE(daemon.standard_error().starts_with("corvaned: ")) << daemon.standard_error();
+    }
   }
   EXPECT_EQ(root.listing(), before);
 }
@@ -105,7 +86,6 @@ TEST(StartUp, RefusesToRunBesideAnotherDaemon) {
   const DeviceRoot root;
   DaemonProcess first(root);
   RawClient client(root.socket(wire::public_service));
-  const std::string answer = client.ask(wire::copy_regulatory_images);
   const std::string log_file = root.at("/var/mobile/Library/Logs/corvaned/corvaned.log");
   const std::string log = testing::read_file(log_file);
   EXPECT_NE(log.find("CV: main: ____________________ Corvane startup _____________________\n"), log.npos);
@@ -116,7 +96,7 @@ TEST(StartUp, RefusesToRunBesideAnotherDaemon) {
   EXPECT_EQ(second.log(), Lines{"corvaned: another daemon holds " + root.at("/run/corvaned/corvaned.lock")});
   EXPECT_EQ(root.listing(), before);
   EXPECT_EQ(testing::read_file(log_file), log);
-  EXPECT_EQ(client.ask(wire::copy_regulatory_images), answer);
+  EXPECT_EQ(client.ask("r"), testing::refusal("r"));
 }
 
 // The second root's sockets have paths that no socket address can hold.
@@ -131,8 +111,7 @@ TEST(StartUp, ServesFromSocketsWithTheirModesAndTakesThemAway) {
 
     client::Connection connection(wire::public_service, root.at(""));
     client::Connection admin(wire::admin_service, root.at(""));
-    const auto stored = client::store_regulatory_images(admin, plist::String::create("images"));
-    EXPECT_TRUE(stored.outcome == client::Outcome::answered && !stored.response.failed) << stored.detail;
+    client::store_regulatory_images(admin, plist::String::create("images"));
     EXPECT_TRUE(client::copy_regulatory_images(connection).response.reply);
 
     EXPECT_EQ(daemon.end(SIGTERM), 0) << daemon.standard_error();

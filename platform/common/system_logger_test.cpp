@@ -4,9 +4,6 @@
 
 #include <csignal>
 #include <cstdarg>
-#include <filesystem>
-#include <fstream>
-#include <mutex>
 #include <regex>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -17,11 +14,7 @@
 #include "platform/common/preferences.h"
 #include "tests/support/test_platform.h"
 
-namespace {
-
-std::vector<std::string> system_log;
-
-}  // namespace
+static std::vector<std::string> system_log;
 
 // Stands in for the C library's: what the logger sends to the system log is kept here.
 extern "C" void syslog(int priority, const char* format, ...) {
@@ -37,55 +30,41 @@ namespace corvane {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::read_file;
-using testing::write_file;
 using Lines = std::vector<std::string>;
 
 constexpr size_t file_bytes = 65536;
-
-std::string level_file(const std::string& value) {
-  return "<plist version=\"1.0\"><dict><key>Corvane</key>" + value + "</dict></plist>";
-}
 
 class SystemLoggerTest : public ::testing::Test {
  protected:
   SystemLoggerTest() { system_log.clear(); }
 
-  void open() {
-    handle_ = logger_.open("Corvane", 3);
-    logger_.enable_disk_copy(handle_, log_.c_str(), 2, file_bytes);
-  }
-
+  // The first one opens the log.
   void write(std::string_view text, int level = LOG_DEBUG) {
+    if (handle_ == nullptr) {
+      handle_ = logger_.open("Corvane", 3);
+      logger_.enable_disk_copy(handle_, log_.c_str(), 2, file_bytes);
+    }
     logger_.write(handle_, level, "CV", "%@", *plist::String::create(text));
   }
 
-  // What stands behind the tag in each line, the older file first.
-  Lines disk_lines() const {
-    std::string bytes = read_file(logs_ + "/corvaned/corvaned.1.log") + read_file(log_);
-    EXPECT_TRUE(bytes.empty() || bytes.back() == '\n');
+  // What stands behind the tag in each line, the older file first, after one more line.
+  Lines disk_lines_after(std::string_view text) {
+    write(text);
+    const std::string bytes = testing::read_file(logs_ + "/corvaned/corvaned.1.log") + testing::read_file(log_);
+    EXPECT_EQ(bytes.back(), '\n');
     std::istringstream stream(bytes);
     Lines lines;
     for (std::string line; std::getline(stream, line);) lines.push_back(line.substr(line.find("CV: ") + 4));
     return lines;
   }
 
-  bool returns_to_disk() {
-    for (int tries = 0; tries < 300; ++tries) {
-      write("again");
-      if (const Lines lines = disk_lines(); !lines.empty() && lines.back() == "again") return true;
-      usleep(10'000);
-    }
-    return false;
-  }
-
-  int level_with(const std::string& file) {
-    write_file(preference_file_, file);
+  int level_with(const std::string& value, const std::string& behind = "") {
+    testing::write_file(preferences_file_, "<plist><dict><key>Corvane</key>" + value + "</dict></plist>" + behind);
     return logger_.configured_level("Corvane");
   }
 
   const std::string root_ = testing::TestPlatform::fresh().root();
-  const std::string preference_file_ = root_ + "/private/var/mobile/Library/Preferences/com.norvane.logger.plist";
+  const std::string preferences_file_ = root_ + "/private/var/mobile/Library/Preferences/com.norvane.logger.plist";
   const std::string logs_ = root_ + "/var/mobile/Library/Logs";
   const std::string log_ = logs_ + "/corvaned/corvaned.log";
   PreferenceFiles preferences_{root_};
@@ -96,99 +75,78 @@ class SystemLoggerTest : public ::testing::Test {
 TEST_F(SystemLoggerTest, LevelIsWhatTheFileSaysNow) {
   EXPECT_EQ(logger_.configured_level("Corvane"), Logger::no_level);
   // Files of one size, written within one tick of the kernel's clock.
-  for (int i = 0; i < 50; ++i) {
-    ASSERT_EQ(level_with(level_file("<integer>" + std::to_string(i % 8) + "</integer>")), i % 8);
-  }
+  for (int i = 0; i < 50; ++i) ASSERT_EQ(level_with("<integer>" + std::to_string(i % 8) + "</integer>"), i % 8);
   EXPECT_EQ(logger_.configured_level("Other"), Logger::no_level);
   for (const char* other : {"<string>3</string>", "<true/>", "<real>3</real>", "<integer>-1</integer>",
                             "<integer>8</integer>", "<integer>18446744073709551615</integer>", "<integer>3"}) {
-    EXPECT_EQ(level_with(level_file(other)), Logger::no_level) << other;
-    EXPECT_EQ(level_with(level_file("<integer>3</integer>")), 3);
+    EXPECT_EQ(level_with(other), Logger::no_level) << other;
+    EXPECT_EQ(level_with("<integer>3</integer>"), 3);
   }
+  EXPECT_EQ(level_with("<integer>3</integer>", std::string(small_file_limit, ' ')), Logger::no_level);
 }
 
 // The daemon would hang at every line that it logs.
 TEST_F(SystemLoggerTest, FifoHangsNothing) {
   fs::create_directories(logs_ + "/corvaned");
-  ASSERT_EQ(mkfifo(preference_file_.c_str(), 0644) + mkfifo(log_.c_str(), 0644), 0);
+  ASSERT_EQ(mkfifo(preferences_file_.c_str(), 0644) + mkfifo(log_.c_str(), 0644), 0);
   EXPECT_EQ(logger_.configured_level("Corvane"), Logger::no_level);
-  open();
   write("not into the pipe");
   EXPECT_EQ(system_log, Lines{"<7>CV: not into the pipe"});
 }
 
-TEST_F(SystemLoggerTest, PreferenceFileHasABound) {
-  const std::string level = level_file("<integer>3</integer>");
-  EXPECT_EQ(level_with(level + std::string(small_file_limit - level.size(), ' ')), 3);
-  EXPECT_EQ(level_with(level + std::string(small_file_limit - level.size() + 1, ' ')), Logger::no_level);
-}
-
 TEST_F(SystemLoggerTest, MessageIsOneLine) {
-  open();
   write("100% of %s %n\n", LOG_NOTICE);
   write("a\tb\r\nc\x1b[2J\x7f \xc2\x85 \xe2\x80\xa8 \xc3\xa4\xe2\x82\xac\n\n", LOG_INFO);
-  write(std::string_view("\0", 1));
-  EXPECT_EQ(disk_lines(),
+  EXPECT_EQ(disk_lines_after(std::string_view("\0", 1)),
             (Lines{"100% of %s %n", "a\\tb\\r\\nc\\x1b[2J\\x7f \\x85 \\u2028 \xc3\xa4\xe2\x82\xac\\n", "\\x00"}));
   EXPECT_EQ(system_log, Lines{"<5>CV: 100% of %s %n"});
   const std::regex layout(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z corvaned\[)" + std::to_string(getpid()) +
                           R"(\] <5> CV: 100%[^]*)");
-  EXPECT_TRUE(std::regex_match(read_file(log_), layout));
+  EXPECT_TRUE(std::regex_match(testing::read_file(log_), layout));
 }
 
 TEST_F(SystemLoggerTest, FloodStaysWithinTwoFiles) {
-  open();
-  std::string giant(2, 'x');
-  while (giant.size() < 3 * file_bytes) giant += "\xe2\x82\xac";
   for (int i = 0; i < 5000; ++i) write("line " + std::to_string(i));
-  const Lines flood = disk_lines();
-  EXPECT_GT(flood.size(), file_bytes / 64);
-  for (size_t i = 1; i <= flood.size(); ++i) {
-    ASSERT_EQ(flood[flood.size() - i], "line " + std::to_string(5000 - i));
-  }
-  write(giant.substr(1));
-  write(giant);
+  const Lines flood = disk_lines_after("line 5000");
+  const size_t gone = 5001 - flood.size();
+  EXPECT_LT(gone, 5001 - file_bytes / 64);
+  for (size_t i = 0; i < flood.size(); ++i) ASSERT_EQ(flood[i], "line " + std::to_string(gone + i));
+  std::string giant;
+  while (giant.size() < 3 * file_bytes) giant += "\xe2\x82\xac";
+  write("x" + giant);
+  const Lines cut = disk_lines_after("xx" + giant);
   for (const auto& file : fs::directory_iterator(logs_ + "/corvaned")) {
     EXPECT_TRUE(file.file_size() <= file_bytes && file.file_size() > file_bytes - 100) << file;
   }
-  const Lines cut = disk_lines();
   ASSERT_EQ(cut.size(), 2U);
   for (size_t i = 0; i < 2; ++i) {
     const size_t note = cut[i].find(" [");
-    EXPECT_EQ(note + std::stoul(cut[i].substr(note + 2)), giant.size() - 1 + i);
+    EXPECT_EQ(note + std::stoul(cut[i].substr(note + 2)), giant.size() + 1 + i);
     EXPECT_EQ(plist::String::create(cut[i])->view(), cut[i]) << "cut within a character";
   }
 }
 
 TEST_F(SystemLoggerTest, FolderGoesAndComesBack) {
   fs::remove(logs_);
-  open();
   write("nowhere to go");
   EXPECT_FALSE(fs::exists(logs_)) << "only the last folder is the log's own";
   EXPECT_EQ(system_log, Lines{"<7>CV: nowhere to go"});
   fs::create_directory(logs_);
-  EXPECT_TRUE(returns_to_disk());
+  sleep(2);
+  EXPECT_EQ(disk_lines_after("back"), Lines{"back"});
 
   fs::remove(log_);
-  write("new file");
-  EXPECT_EQ(disk_lines(), Lines{"new file"});
+  EXPECT_EQ(disk_lines_after("new file"), Lines{"new file"});
   fs::rename(log_, log_ + ".saved");
-  write_file(log_, "");
-  write("another file");
-  EXPECT_EQ(disk_lines(), Lines{"another file"});
+  testing::write_file(log_, "");
+  EXPECT_EQ(disk_lines_after("another file"), Lines{"another file"});
   fs::remove_all(logs_ + "/corvaned");
-  write("new folder");
-  EXPECT_EQ(disk_lines(), Lines{"new folder"});
-  fs::remove_all(logs_);
-  write("gone");
-  EXPECT_FALSE(fs::exists(logs_));
-  EXPECT_EQ(system_log.back(), "<7>CV: gone");
+  EXPECT_EQ(disk_lines_after("new folder"), Lines{"new folder"});
 }
 
 // A full disk takes the first half of a line and refuses the rest; a limit on the file's size does the same.
 TEST_F(SystemLoggerTest, FullDiskLeavesNoHalfLine) {
   std::signal(SIGXFSZ, SIG_IGN);
-  open();
   write("first");
   rlimit before;
   getrlimit(RLIMIT_FSIZE, &before);
@@ -198,23 +156,21 @@ TEST_F(SystemLoggerTest, FullDiskLeavesNoHalfLine) {
   write("not tried");
   setrlimit(RLIMIT_FSIZE, &before);
   EXPECT_EQ(system_log, (Lines{"<7>CV: refused", "<7>CV: not tried"}));
-  EXPECT_EQ(disk_lines(), Lines{"first"});
-  EXPECT_TRUE(returns_to_disk());
-  EXPECT_EQ(disk_lines(), (Lines{"first", "again"}));
+  sleep(2);
+  EXPECT_EQ(disk_lines_after("again"), (Lines{"first", "again"}));
 }
 
 TEST_F(SystemLoggerTest, LinesOfTwoThreadsStayWhole) {
-  open();
-  const auto write_many = [this](char letter) {
-    for (int i = 0; i < 300; ++i) write(std::string(50, letter), logger_.configured_level("Corvane") + 7);
+  write("opened");
+  const auto write_many = [this](std::string_view line) {
+    for (int i = 0; i < 300; ++i) write(line, logger_.configured_level("Corvane") + 7);
   };
-  std::thread other(write_many, 'b');
-  write_many('a');
+  std::thread other(write_many, "one");
+  write_many("other");
   other.join();
-  const Lines lines = disk_lines();
-  for (const char letter : {'a', 'b'}) {
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), std::string(50, letter)), 300);
-  }
+  const Lines lines = disk_lines_after("closed");
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "one"), 300);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "other"), 300);
 }
 
 }  // namespace

@@ -3,42 +3,48 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
 #include <poll.h>
 #include <sstream>
-#include <stdexcept>
 #include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/time.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include "client/client.h"
-#include "plist/describe.h"
 #include "plist/reader.h"
-#include "tests/support/test_platform.h"
 #include "wire/limits.h"
 #include "wire/socket_address.h"
 
 namespace corvane::testing {
 
-namespace fs = std::filesystem;
+DeviceRoot::DeviceRoot(const std::string& below) : base_(make_temporary_folder()), root_(base_ + below) {
+  make_image_folders(root_);
+  const std::string properties = "<dict><key>ProductVersion</key><string>9.1</string></dict>";
+  write_file(profile(), "<plist><dict><key>Properties</key>" + properties + "</dict></plist>");
+}
 
-namespace {
+Environment DeviceRoot::environment() const {
+  return {{"CORVANE_ROOT", root_},
+          {"CORVANE_PLATFORM", "simulated"},
+          {"CORVANE_PROFILE", profile()},
+          {"CORVANE_LOG_STDERR", "1"}};
+}
 
-constexpr char profile_text[] =
-    "<plist><dict><key>Properties</key><dict><key>ProductVersion</key><string>9.1</string></dict></dict></plist>";
+Lines DeviceRoot::listing() const {
+  Lines listing;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(base_)) {
+    const auto mode = static_cast<unsigned>(entry.symlink_status().permissions());
+    listing.push_back(entry.path().string() + " " + std::to_string(mode));
+  }
+  std::sort(listing.begin(), listing.end());
+  return listing;
+}
 
-// The daemon dies with the test, however that ends.
-[[noreturn]] void become_daemon(const Environment& environment, int error_file, rlim_t descriptors) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  dup2(error_file, STDERR_FILENO);
+DaemonProcess::DaemonProcess(const Environment& environment, rlim_t descriptors)
+    : error_file_(open("/tmp", O_TMPFILE | O_RDWR | O_APPEND | O_CLOEXEC, 0600)), pid_(fork()) {
+  if (pid_ < 0 || error_file_ < 0) throw std::runtime_error("the daemon could not be started");
+  if (pid_ > 0) return;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // it dies with the test, however that ends
+  dup2(error_file_, STDERR_FILENO);
   const rlimit limit{descriptors, descriptors};
   if (descriptors != 0) setrlimit(RLIMIT_NOFILE, &limit);
   for (const char* name : {"CORVANE_ROOT", "CORVANE_PLATFORM", "CORVANE_PROFILE", "CORVANE_LOG_STDERR"}) {
@@ -49,63 +55,11 @@ constexpr char profile_text[] =
   _exit(127);
 }
 
-}  // namespace
-
-// ---- the root -----------------------------------------------------------------------------------------
-
-DeviceRoot::DeviceRoot(const std::string& below) {
-  char name[] = "/tmp/corvane-test.XXXXXX";
-  if (mkdtemp(name) == nullptr) throw std::runtime_error("mkdtemp failed");
-  base_ = fs::canonical(name);
-  root_ = base_ + below;
-  for (const char* folder :
-       {"/private/var/mobile/Library/Logs", "/private/var/mobile/Library/Preferences", "/run/corvaned", "/var"}) {
-    fs::create_directories(at(folder));
-  }
-  fs::create_directory_symlink("../private/var/mobile", at("/var/mobile"));
-  write_file(profile(), profile_text);
-}
-
-DeviceRoot::~DeviceRoot() {
-  std::error_code ignored;
-  fs::remove_all(base_, ignored);
-}
-
-Environment DeviceRoot::environment() const {
-  return {{"CORVANE_ROOT", root_},
-          {"CORVANE_PLATFORM", "simulated"},
-          {"CORVANE_PROFILE", profile()},
-          {"CORVANE_LOG_STDERR", "1"}};
-}
-
-std::string DeviceRoot::socket(std::string_view service) const {
-  return at(wire::socket_folder) + "/" + std::string(service);
-}
-
-Lines DeviceRoot::listing() const {
-  Lines listing;
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(base_)) {
-    const auto mode = static_cast<unsigned>(entry.symlink_status().permissions());
-    listing.push_back(entry.path().string() + " " + std::to_string(mode));
-  }
-  std::sort(listing.begin(), listing.end());
-  return listing;
-}
-
-// ---- the process --------------------------------------------------------------------------------------
-
-DaemonProcess::DaemonProcess(const Environment& environment, rlim_t descriptors)
-    : error_file_(open("/tmp", O_TMPFILE | O_RDWR | O_APPEND | O_CLOEXEC, 0600)), pid_(fork()) {
-  if (pid_ == 0) become_daemon(environment, error_file_, descriptors);
-  if (pid_ < 0 || error_file_ < 0) throw std::runtime_error("the daemon could not be started");
-}
-
 DaemonProcess::DaemonProcess(const DeviceRoot& root, rlim_t descriptors)
     : DaemonProcess(root.environment(), descriptors) {
   client::Connection connection(wire::public_service, root.at(""));
-  EXPECT_TRUE(eventually([&] {
-    return client::copy_regulatory_images(connection).outcome == client::Outcome::answered;
-  })) << standard_error();
+  const auto outcome = [&] { return client::copy_regulatory_images(connection).outcome; };
+  EXPECT_TRUE(eventually([&] { return outcome() == client::Outcome::answered; })) << standard_error();
 }
 
 DaemonProcess::~DaemonProcess() {
@@ -125,10 +79,6 @@ int DaemonProcess::end(int signal) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-std::string DaemonProcess::standard_error() const {
-  return read_file("/proc/self/fd/" + std::to_string(error_file_));
-}
-
 Lines DaemonProcess::log() const {
   std::istringstream text(standard_error());
   Lines lines;
@@ -139,16 +89,9 @@ Lines DaemonProcess::log() const {
   return lines;
 }
 
-size_t DaemonProcess::descriptors() const {
-  const fs::directory_iterator entries("/proc/" + std::to_string(pid_) + "/fd");
-  return static_cast<size_t>(std::distance(fs::begin(entries), fs::end(entries)));
-}
-
 size_t DaemonProcess::resident_bytes() const {
-  std::ifstream sizes("/proc/" + std::to_string(pid_) + "/statm");
-  size_t pages = 0;
-  sizes >> pages >> pages;
-  return pages * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  const std::string sizes = read_file("/proc/" + std::to_string(pid_) + "/statm");
+  return std::stoul(sizes.substr(sizes.find(' '))) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
 bool eventually(const std::function<bool()>& question) {
@@ -159,19 +102,13 @@ bool eventually(const std::function<bool()>& question) {
   return false;
 }
 
-// ---- the client ---------------------------------------------------------------------------------------
-
 RawClient::RawClient(const std::string& socket) : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   const timeval patience{20, 0};
   setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
   const wire::SocketAddress address(socket);
-  if (connect(socket_, address.get(), address.size()) != 0) {
-    throw std::runtime_error(socket + ": " + std::strerror(errno));
-  }
+  if (connect(socket_, address.get(), address.size()) != 0) throw std::runtime_error("no connection: " + socket);
 }
-
-RawClient::~RawClient() { close(socket_); }
 
 bool RawClient::send(std::string_view bytes) {
   while (!bytes.empty()) {
@@ -182,13 +119,10 @@ bool RawClient::send(std::string_view bytes) {
   return true;
 }
 
-void RawClient::finish() { shutdown(socket_, SHUT_WR); }
-
-bool RawClient::receive(char* bytes, size_t count) {
-  return recv(socket_, bytes, count, MSG_WAITALL) == static_cast<ssize_t>(count);
-}
-
 plist::Ref<plist::Dictionary> RawClient::response() {
+  const auto receive = [&](char* bytes, size_t count) {
+    return recv(socket_, bytes, count, MSG_WAITALL) == static_cast<ssize_t>(count);
+  };
   std::array<char, wire::header_size> bytes;
   if (!receive(bytes.data(), bytes.size())) return nullptr;
   const auto header = wire::decode_header(bytes);
@@ -198,8 +132,6 @@ plist::Ref<plist::Dictionary> RawClient::response() {
   const auto decoded = plist::decode(plist::MutableData::freeze(body), plist::Containers::immutable);
   return plist::cast<plist::Dictionary>(decoded.value.get());
 }
-
-std::string RawClient::answer() { return plist::describe(response().get()); }
 
 std::string RawClient::ask(std::string_view selector) {
   return send(request(selector)) ? answer() : "(the connection is closed)";
@@ -217,8 +149,6 @@ bool RawClient::has_news(int milliseconds) const {
   return poll(&waiting, 1, milliseconds) > 0;
 }
 
-// ---- frames -------------------------------------------------------------------------------------------
-
 std::string frame(std::string_view body, uint8_t kind) {
   const auto header = wire::encode_header({kind, static_cast<uint32_t>(body.size())});
   return std::string(header.begin(), header.end()).append(body);
@@ -231,8 +161,6 @@ std::string frame(const plist::Value& value) {
   for (const std::string_view piece : chain.pieces()) body += piece;
   return frame(body);
 }
-
-std::string request(std::string_view selector) { return frame(*wire::make_request(selector)); }
 
 std::string refusal(std::string_view selector) {
   return R"({"Error": "Unexpeceted parameter", "ErrorObject": {"Code": 1, "Domain": "com.norvane.corvaned.error", )"

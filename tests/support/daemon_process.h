@@ -1,15 +1,12 @@
 #pragma once
 
 #include <csignal>
-#include <functional>
-#include <map>
-#include <string>
-#include <string_view>
 #include <sys/resource.h>
-#include <sys/types.h>
-#include <vector>
+#include <sys/socket.h>
+#include <unistd.h>
 
-#include "plist/value.h"
+#include "plist/describe.h"
+#include "tests/support/test_platform.h"
 #include "wire/frame.h"
 #include "wire/messages.h"
 
@@ -20,32 +17,29 @@ namespace corvane::testing {
 using Lines = std::vector<std::string>;
 using Environment = std::map<std::string, std::string>;
 
-/// A root with the folders that a device's image has, and a simulated device's profile beside it, in a
-/// temporary folder that goes with it.
+/// A root with the folders that a device's image has, `below` a temporary folder that goes with it, and a
+/// simulated device's profile beside it.
 class DeviceRoot {
  public:
-  /// The root is the folder `below` of the temporary one.
   explicit DeviceRoot(const std::string& below = "/root");
-  ~DeviceRoot();
+  ~DeviceRoot() { std::filesystem::remove_all(base_); }
 
   std::string at(std::string_view path) const { return root_ + std::string(path); }
-  std::string socket(std::string_view service) const;
+  std::string socket(std::string_view service) const { return at("/run/corvaned/") + std::string(service); }
   std::string profile() const { return base_ + "/profile.plist"; }
   /// The simulated device below this root, with its log on standard error.
   Environment environment() const;
-  /// The temporary folder's whole content, names and modes.
-  Lines listing() const;
+  Lines listing() const;  ///< the temporary folder's whole content, names and modes
 
  private:
-  std::string base_;
-  std::string root_;
+  const std::string base_;
+  const std::string root_;
 };
 
 /// One run of corvaned.
 class DaemonProcess {
  public:
-  /// Starts it. Of the CORVANE_ variables it has those of `environment` only; a `descriptors` that is not 0
-  /// limits its RLIMIT_NOFILE.
+  /// Starts it, with the CORVANE_ variables of `environment` only and, unless it is 0, a limit of descriptors.
   explicit DaemonProcess(const Environment& environment, rlim_t descriptors = 0);
   /// In the root's environment; returns when it serves. A test that waits in vain fails.
   explicit DaemonProcess(const DeviceRoot& root, rlim_t descriptors = 0);
@@ -53,15 +47,12 @@ class DaemonProcess {
   /// how sanitizers tell of races and leaks.
   ~DaemonProcess();
 
-  /// Sends the signal where there is one, and waits for the end: the exit status, or minus the signal that
-  /// ended it.
+  /// Sends the signal, if any, and waits: the exit status, or minus the signal that ended the daemon.
   int end(int signal = 0);
   pid_t pid() const { return pid_; }
-  std::string standard_error() const;
-  /// What was logged, without the head of each line.
-  Lines log() const;
-
-  size_t descriptors() const;
+  std::string standard_error() const { return read_file("/proc/self/fd/" + std::to_string(error_file_)); }
+  Lines log() const;  ///< what was logged, without the head of each line
+  size_t descriptors() const { return open_descriptors(std::to_string(pid_)); }
   size_t resident_bytes() const;
 
  private:
@@ -76,35 +67,29 @@ bool eventually(const std::function<bool()>& question);
 class RawClient {
  public:
   explicit RawClient(const std::string& socket);
-  ~RawClient();
+  ~RawClient() { close(socket_); }
   RawClient(const RawClient&) = delete;
   RawClient& operator=(const RawClient&) = delete;
 
-  /// False where the daemon has closed the connection.
-  bool send(std::string_view bytes);
+  bool send(std::string_view bytes);  ///< false where the daemon has closed the connection
   /// Says that no more will be sent.
-  void finish();
-  /// The next response; null where the connection ends instead or nothing comes.
+  void finish() { shutdown(socket_, SHUT_WR); }
+  /// The next response, as it is or as text; null where the connection ends instead or nothing comes.
   plist::Ref<plist::Dictionary> response();
-  /// `response` as text.
-  std::string answer();
-  /// Sends a request and answers its `answer`.
-  std::string ask(std::string_view selector);
-  /// Whether the connection ends without another byte.
-  bool ends();
+  std::string answer() { return plist::describe(response().get()); }
+  std::string ask(std::string_view selector);  ///< sends a request and answers its `answer`
+  bool ends();                                 ///< whether the connection ends without another byte
   /// Whether there is something to read, an end included, or will be within `milliseconds`.
   bool has_news(int milliseconds = 0) const;
 
  private:
-  bool receive(char* bytes, size_t count);
-
   const int socket_;
 };
 
 std::string frame(std::string_view body, uint8_t kind = wire::raw_data_kind);
 std::string frame(const plist::Value& value);
 /// The frame of a request for a method.
-std::string request(std::string_view selector);
+inline std::string request(std::string_view selector) { return frame(*wire::make_request(selector)); }
 /// The text of the response that refuses the request `selector` with code 1.
 std::string refusal(std::string_view selector);
 

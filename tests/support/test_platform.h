@@ -1,10 +1,10 @@
 #pragma once
 
-#include <functional>
+#include <fcntl.h>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "platform/common/no_telephony.h"
@@ -17,23 +17,39 @@
 #include "platform/platform.h"
 #include "platform/preferences.h"
 #include "platform/run_loop.h"
-#include "platform/telephony.h"
 
 namespace corvane::testing {
 
-/// A platform for unit tests: a root of its own in a temporary folder, real files whose facility can be made
-/// to fail, device properties from a map, a log and posts that are kept, a request queue that does its work at
-/// once and a main queue that does it when told.
-///
-/// There is one per process, installed at first use, because the daemon's log keeps its handle for life.
+/// What a test can set and see of its platform.
+struct TestPlatformState {
+  struct Values : std::map<std::string, plist::Ref<plist::Value>, std::less<>> {
+    using map::map;
+    plist::Ref<plist::Value> get(std::string_view key) const {
+      return count(key) == 0 ? nullptr : find(key)->second;
+    }
+  };
+
+  Values properties;
+  size_t properties_asked = 0;
+  Values preference_values;  ///< by "domain/key"
+  Values registry;           ///< by "path/key"; "path" alone is a node without any properties
+  int level = Logger::no_level;
+  std::vector<std::string> posted;
+  int locate_error = 0;                    ///< when set, `locate` fails with it
+  Telephony* telephony_service = nullptr;  ///< when null, there is one that has nothing
+};
+
+/// A platform for unit tests: a root of its own in a temporary folder, real files, a log that is kept, a request
+/// queue that does its work at once and a main queue that does it when told. There is one per process, installed
+/// at first use, because the daemon's log keeps its handle for life.
 class TestPlatform final : public Platform,
+                           public TestPlatformState,
                            Logger,
                            Files,
                            DeviceProperties,
                            Notifications,
                            Preferences,
                            HardwareRegistry,
-                           WorkQueue,
                            RunLoop {
  public:
   struct Line {
@@ -41,98 +57,101 @@ class TestPlatform final : public Platform,
     std::string text;
   };
 
-  /// The installed platform, reset: an empty root with the folders that a device's image has, no
-  /// properties, an empty log, nothing failing.
-  static TestPlatform& fresh();
-  /// The installed platform as it is.
+  /// The installed platform, as it is or reset: a root with the folders of a device's image, an empty log.
   static TestPlatform& installed();
+  static TestPlatform& fresh();
 
-  ~TestPlatform() override;
+  ~TestPlatform() override { std::filesystem::remove_all(base_); }
 
-  /// What was logged since `fresh` or the last call, oldest first.
+  /// What was logged since `fresh` or the last call, oldest first; or the texts alone.
   std::vector<Line> take_lines();
-  /// Their texts alone.
   std::vector<std::string> take_texts();
 
   /// For the statement of a death test, in which no destructor will run: removes the root, and from now on
   /// also writes each line, "<level> <text>", to standard error.
   void prepare_to_die();
+  /// Does the main queue's work, which waits until here.
+  void run_main_queue();
 
-  std::map<std::string, plist::Ref<plist::Value>, std::less<>> properties;
-  size_t properties_asked = 0;
-  int level = no_level;
   bool refuse_log_handle = false;
   size_t handles_opened = 0;
   std::vector<std::string> disk_copies;
-  /// Preferences by "domain/key", and registry properties by "path/key"; "path" alone is a node without any.
-  std::map<std::string, plist::Ref<plist::Value>, std::less<>> preference_values;
-  std::map<std::string, plist::Ref<plist::Value>, std::less<>> registry;
-  /// A service that has nothing, unless a test brings its own.
-  Telephony* telephony_service;
-  /// The names of what was posted.
-  std::vector<std::string> posted;
-  /// Does the main queue's work, which waits until here.
-  void run_main_queue();
-  /// When set, `locate` fails with this errno.
-  int locate_error = 0;
 
   Logger& logger() override { return *this; }
   Files& files() override { return *this; }
   DeviceProperties& device_properties() override { return *this; }
   Notifications& notifications() override { return *this; }
   HardwareRegistry& hardware_registry() override { return *this; }
-  Telephony& telephony() override { return *telephony_service; }
+  Telephony& telephony() override { return telephony_service == nullptr ? no_telephony_ : *telephony_service; }
   Preferences& preferences() override { return *this; }
   RunLoop& main_run_loop() override { return *this; }
   WorkQueue& main_queue() override { return main_queue_; }
-  WorkQueue& request_queue() override { return *this; }
+  WorkQueue& request_queue() override { return request_queue_; }
   std::unique_ptr<ServiceListener> create_listener(std::string_view, ServiceAccess) override { return nullptr; }
   const std::string& root() const override { return root_; }
 
  private:
-  struct MainQueue final : WorkQueue {
-    void submit(std::function<void()> work) override { waiting.push_back(std::move(work)); }
+  struct Queue final : WorkQueue {
+    void submit(std::function<void()> work) override { at_once ? work() : waiting.push_back(std::move(work)); }
     bool is_current() const override { return true; }
     void create(const char*) override {}
 
+    bool at_once = false;
     std::vector<std::function<void()>> waiting;
   };
 
   TestPlatform();
 
-  Handle* open(const char* name, int options) override;
-  void enable_disk_copy(Handle* handle, const char* path, int files, size_t bytes) override;
-  int configured_level(const char* name) override;
+  Handle* open(const char*, int) override {
+    ++handles_opened;
+    return refuse_log_handle ? nullptr : reinterpret_cast<Handle*>(this);  // opaque: any address will do
+  }
+  void enable_disk_copy(Handle*, const char* path, int files, size_t bytes) override {
+    disk_copies.push_back(std::string(path) + " " + std::to_string(files) + " " + std::to_string(bytes));
+  }
+  int configured_level(const char*) override { return level; }
   void write(Handle* handle, int level, const char* tag, const char* format, const plist::String& line) override;
 
-  int open(const char* path, int flags, mode_t mode, int protection_class) override;
+  int open(const char* path, int flags, mode_t mode, int) override {
+    return ::open(path, flags | O_CLOEXEC, mode);
+  }
   int locate(int descriptor, char (&path)[path_limit + 1]) override;
 
-  plist::Ref<plist::Value> copy_answer(const plist::String& name) override;
-  plist::Ref<plist::Value> copy_value(std::string_view domain, std::string_view key) override;
-  bool has_node(std::string_view path) override;
-  plist::Ref<plist::Value> copy_property(std::string_view path, std::string_view key) override;
+  plist::Ref<plist::Value> copy_answer(const plist::String& name) override {
+    ++properties_asked;
+    return properties.get(name.view());
+  }
+  plist::Ref<plist::Value> copy_value(std::string_view domain, std::string_view key) override {
+    return preference_values.get(std::string(domain) + "/" + std::string(key));
+  }
+  bool has_node(std::string_view path) override {
+    const auto next = registry.lower_bound(path);
+    return next != registry.end() && next->first.starts_with(path);
+  }
+  plist::Ref<plist::Value> copy_property(std::string_view path, std::string_view key) override {
+    return registry.get(std::string(path) + "/" + std::string(key));
+  }
 
   void resume() override {}
   void post(const plist::String& name) override { posted.emplace_back(name.view()); }
 
-  void submit(std::function<void()> work) override { work(); }
-  bool is_current() const override { return true; }
-  void create(const char*) override {}
   void run() override {}
   void watch(int, std::function<void()>) override {}
 
-  MainQueue main_queue_;
+  Queue main_queue_;
+  Queue request_queue_;
   NoTelephony no_telephony_;
-  std::string base_;
-  std::string root_;
+  const std::string base_;
+  const std::string root_;
   std::mutex lines_mutex_;
   std::vector<Line> lines_;
   bool dying_ = false;
 };
 
-/// How many descriptors the process holds.
-size_t open_descriptors();
+std::string make_temporary_folder();
+/// Makes the folders that a device's image has.
+void make_image_folders(const std::string& root);
+size_t open_descriptors(const std::string& process = "self");
 
 void write_file(const std::string& path, std::string_view bytes);
 std::string read_file(const std::string& path);
