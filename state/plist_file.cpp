@@ -6,9 +6,9 @@
 #include <new>
 
 #include "daemon/log.h"
+#include "platform/descriptor.h"
 #include "plist/reader.h"
 #include "plist/writer.h"
-#include "state/descriptor.h"
 #include "state/safe_file.h"
 
 namespace corvane {

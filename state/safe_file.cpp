@@ -11,9 +11,9 @@
 #include <string>
 
 #include "daemon/log.h"
+#include "platform/descriptor.h"
 #include "platform/files.h"
 #include "platform/platform.h"
-#include "state/descriptor.h"
 
 namespace corvane {
 

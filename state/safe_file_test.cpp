@@ -10,7 +10,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "state/descriptor.h"
+#include "platform/descriptor.h"
 #include "state/directory_tree.h"
 #include "state/plist_file.h"
 #include "state/values.h"

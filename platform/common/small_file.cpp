@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "platform/descriptor.h"
 #include "plist/reader.h"
 
 namespace corvane {
@@ -17,21 +18,6 @@ namespace {
 // The kernel stamps files with the time of its last tick, so two changes that follow each other closely may
 // look like one. The slowest tick in use is 10 ms.
 constexpr int64_t stamp_settles_after_ns = 20'000'000;
-
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (number_ >= 0) close(number_);
-  }
-
-  int number() const { return number_; }
-
- private:
-  const int number_;
-};
 
 SmallFile failure(int error) { return {nullptr, std::generic_category().message(error)}; }
 
@@ -77,7 +63,7 @@ SmallFile read_small_file(const std::string& path) {
   // Opening a FIFO or a terminal must neither wait nor have an effect.
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   struct stat status;
-  if (file.number() < 0 || fstat(file.number(), &status) != 0) return failure(errno);
+  if (!file.is_open() || fstat(file.number(), &status) != 0) return failure(errno);
   if (!S_ISREG(status.st_mode)) return {nullptr, "not a regular file"};
   const auto size = static_cast<size_t>(status.st_size);
   if (size > small_file_limit) return {nullptr, "larger than " + std::to_string(small_file_limit) + " bytes"};
