@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include <bit>
 #include <filesystem>
@@ -10,16 +9,15 @@
 #include <string>
 #include <vector>
 
-#include "plist/base64_text.h"
 #include "plist/describe.h"
 #include "plist/reader.h"
 #include "plist/writer.h"
+#include "tools/json.h"
 
 namespace corvane::plist {
 namespace {
 
 using namespace std::string_literals;
-using nlohmann::json;
 
 constexpr Encoding encodings[] = {Encoding::binary, Encoding::xml};
 
@@ -76,28 +74,6 @@ std::string xml(const std::string& value) {
          "</plist>";
 }
 
-json to_json(const Value* value) {
-  json result;
-  if (const auto* dictionary = cast<Dictionary>(value)) {
-    result = json::object();
-    for (const auto& entry : dictionary->entries()) result[describe(entry.key.get())] = to_json(entry.value.get());
-  } else if (const auto* array = cast<Array>(value)) {
-    result = json::array();
-    for (const auto& item : array->items()) result.push_back(to_json(item.get()));
-  } else if (const auto* string = cast<String>(value)) {
-    result = std::string(string->view());
-  } else if (const auto* data = cast<Data>(value)) {
-    std::string text;
-    append_base64(text, data->bytes());
-    result["$data"] = text;
-  } else if (const auto* date = cast<Date>(value)) {
-    result["$date"] = date_text(*date);
-  } else {
-    result = json::parse(describe(value));
-  }
-  return result;
-}
-
 TEST(Codec, EveryTestFileHoldsItsJson) {
   size_t files = 0;
   for (const auto& entry : std::filesystem::directory_iterator(CORVANE_SOURCE_DIR "/plist/testdata")) {
@@ -106,7 +82,7 @@ TEST(Codec, EveryTestFileHoldsItsJson) {
     const Decoded decoded = read(contents(path));
     ASSERT_TRUE(decoded.value) << path << ": " << describe(decoded.error.get());
     EXPECT_EQ(decoded.encoding == Encoding::xml, path.stem().extension() == ".xml");
-    EXPECT_EQ(to_json(decoded.value.get()), json::parse(contents(path.replace_extension(".json")))) << path;
+    EXPECT_EQ(tools::to_json(*decoded.value), contents(path.replace_extension(".json"))) << path;
     ++files;
   }
   EXPECT_GT(files, 10u);
