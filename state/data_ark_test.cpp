@@ -345,14 +345,16 @@ TEST_F(Ark, AFailedStoreLeavesTheOldFileAndTheNextOneStoresAll) {
   data_ark_store(ark_.get());
   const size_t descriptors = testing::open_descriptors();
   const std::string not_stored = "data_ark_store: Could not store " + path_ + ".XXXXXX";
-  for (const char* call : {"open", "fstat", "write", "short write", "rename"}) {
+  for (const char* call : {"open", "locate", "fstat", "write", "short write", "rename"}) {
     for (const int error : {ENOSPC, EIO, EACCES}) {
       set("d", "k", "new");
       platform_.take_lines();
       failing_call = call;
       failing_errno = error;
+      platform_.locate_error = failing_call == "locate" ? error : 0;
       data_ark_store(ark_.get());
       failing_call.clear();
+      platform_.locate_error = 0;
       const std::string renaming =
           "data_ark_store: Problem renaming " + path_ + ".XXXXXX: " + std::string(std::strerror(error));
       const Texts lines = platform_.take_texts();
