@@ -79,7 +79,8 @@ class LocalService final : public ConnectionOwner, public std::enable_shared_fro
   bool ticking_ = false;
   bool shut_down_ = false;
 
-  std::optional<Socket> newcomer_;     ///< accepted, and waiting for room
+  std::optional<Socket> newcomer_;  ///< accepted, and waiting for room
+  Clock::time_point newcomer_since_;
   LocalConnection::List connections_;  ///< the one silent for longest first
 };
 
@@ -87,6 +88,7 @@ void LocalService::open() {
   if (shut_down_) return;
   listening_->open([self = shared_from_this()](Socket socket) {
     self->newcomer_ = std::move(socket);
+    self->newcomer_since_ = Clock::now();
     self->admit_newcomer();
   });
 }
@@ -130,9 +132,10 @@ bool LocalService::make_room() {
     return false;
   }
   LocalConnection& oldest = *connections_.front();
-  const Clock::duration silence = Clock::now() - oldest.silent_since;
-  if (silence < wire::eviction_grace) {
-    look_for_room_after(wire::eviction_grace - silence);
+  // Or has the newcomer waited for that long: connections that never fall silent must not shut everyone out.
+  const Clock::duration grace_used = Clock::now() - std::min(oldest.silent_since, newcomer_since_);
+  if (grace_used < wire::eviction_grace) {
+    look_for_room_after(wire::eviction_grace - grace_used);
     return false;
   }
   oldest.close("");

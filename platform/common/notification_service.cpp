@@ -108,7 +108,12 @@ class NotificationService::Hub : public std::enable_shared_from_this<Hub> {
   }
 
   void post(const plist::String& name) {
-    while (std::optional<Socket> waiting = listening_->accept_waiting()) add(std::move(*waiting));
+    // No more than there may be subscribers: who keeps connecting must not keep a post from returning.
+    for (size_t i = 0; i < wire::subscriber_limit; ++i) {
+      std::optional<Socket> waiting = listening_->accept_waiting();
+      if (!waiting) break;
+      add(std::move(*waiting));
+    }
     drop_closed();
     if (subscribers_.empty()) return;
     const std::string frame = frame_of(*wire::make_notification(name));
