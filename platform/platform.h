@@ -6,6 +6,8 @@
 
 namespace corvane {
 
+class Clock;
+class CodeSigning;
 class DeviceProperties;
 class Files;
 class HardwareRegistry;
@@ -31,6 +33,8 @@ class Platform {
   virtual Notifications& notifications() = 0;
   virtual HardwareRegistry& hardware_registry() = 0;
   virtual Telephony& telephony() = 0;
+  virtual CodeSigning& code_signing() = 0;
+  virtual Clock& clock() = 0;
 
   virtual RunLoop& main_run_loop() = 0;
   /// Work for the main thread.

@@ -115,6 +115,14 @@ Ref<MutableData> MutableData::create(size_t size) {
   return Ref<MutableData>::adopt(new (memory) MutableData(start, size, nullptr, true));
 }
 
+Ref<MutableData> MutableData::create_or_null(size_t size) {
+  try {
+    return create(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
 Ref<Data> MutableData::freeze(Ref<MutableData> data) {
   data->drop_mutability();
   return data;

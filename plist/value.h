@@ -156,6 +156,8 @@ class MutableData final : public Data {
  public:
   /// `size` bytes of unspecified content.
   static Ref<MutableData> create(size_t size);
+  /// The same; null where memory is out.
+  static Ref<MutableData> create_or_null(size_t size);
   static Ref<Data> freeze(Ref<MutableData> data);
 
   char* mutable_bytes() { return start_; }

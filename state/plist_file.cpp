@@ -41,16 +41,8 @@ int write_file(const char* path, std::string_view bytes) {
   return 0;
 }
 
-plist::Ref<plist::MutableData> allocate_buffer(size_t size) {
-  try {
-    return plist::MutableData::create(size);
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
-}
-
 plist::Ref<plist::Data> read_file(const char* path, int descriptor, size_t size) {
-  auto buffer = allocate_buffer(size);
+  auto buffer = plist::MutableData::create_or_null(size);
   if (!buffer) {
     cv_log("_load_dict", 0, "Could not allocate buffer");
     return nullptr;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/code_signing.h"
 #include "platform/device_properties.h"
 #include "platform/hardware_registry.h"
 #include "platform/telephony.h"
@@ -14,6 +15,7 @@ class Device {
   virtual DeviceProperties& properties() = 0;
   virtual HardwareRegistry& registry() = 0;
   virtual Telephony& telephony() = 0;
+  virtual CodeSigning& code_signing() = 0;
 };
 
 }  // namespace corvane

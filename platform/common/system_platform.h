@@ -8,6 +8,7 @@
 #include "platform/common/notification_service.h"
 #include "platform/common/preferences.h"
 #include "platform/common/start_up.h"
+#include "platform/common/system_clock.h"
 #include "platform/common/system_files.h"
 #include "platform/common/system_logger.h"
 #include "platform/platform.h"
@@ -27,6 +28,8 @@ class SystemPlatform final : public Platform {
   Notifications& notifications() override { return notifications_; }
   HardwareRegistry& hardware_registry() override { return device_->registry(); }
   Telephony& telephony() override { return device_->telephony(); }
+  CodeSigning& code_signing() override { return device_->code_signing(); }
+  Clock& clock() override { return clock_; }
   RunLoop& main_run_loop() override { return main_loop_; }
   WorkQueue& main_queue() override { return main_loop_; }
   WorkQueue& request_queue() override { return request_queue_; }
@@ -38,6 +41,7 @@ class SystemPlatform final : public Platform {
 
   const std::string root_;
   SystemFiles files_;
+  SystemClock clock_;
   PreferenceFiles preferences_;
   SystemLogger logger_;
   const std::unique_ptr<Device> device_;

@@ -7,6 +7,7 @@
 #include "platform/common/no_telephony.h"
 #include "platform/common/small_file.h"
 #include "platform/device_properties.h"
+#include "platform/linux/linux_code_signing.h"
 
 namespace corvane {
 
@@ -48,11 +49,13 @@ class LinuxDevice final : public Device {
   DeviceProperties& properties() override { return properties_; }
   HardwareRegistry& registry() override { return registry_; }
   Telephony& telephony() override { return telephony_; }
+  CodeSigning& code_signing() override { return code_signing_; }
 
  private:
   LinuxDeviceProperties properties_;
   LinuxHardwareRegistry registry_;
   NoTelephony telephony_;
+  LinuxCodeSigning code_signing_;
 };
 
 }  // namespace corvane

@@ -36,6 +36,18 @@ class SimulatedHardwareRegistry final : public HardwareRegistry {
   Profile& profile_;
 };
 
+/// Answers from the profile's dictionary "Entitlements": process ids to property lists.
+class SimulatedCodeSigning final : public CodeSigning {
+ public:
+  /// The profile must outlive this.
+  explicit SimulatedCodeSigning(Profile& profile) : profile_(profile) {}
+
+  int copy_entitlements_blob(int32_t pid, std::string& blob) override;
+
+ private:
+  Profile& profile_;
+};
+
 /// A device that answers everything from one profile.
 class SimulatedDevice final : public Device {
  public:
@@ -45,15 +57,21 @@ class SimulatedDevice final : public Device {
   DeviceProperties& properties() override { return properties_; }
   HardwareRegistry& registry() override { return registry_; }
   Telephony& telephony() override { return telephony_; }
+  CodeSigning& code_signing() override { return code_signing_; }
 
  private:
   explicit SimulatedDevice(std::unique_ptr<Profile> profile)
-      : profile_(std::move(profile)), properties_(*profile_), registry_(*profile_), telephony_(*profile_) {}
+      : profile_(std::move(profile)),
+        properties_(*profile_),
+        registry_(*profile_),
+        telephony_(*profile_),
+        code_signing_(*profile_) {}
 
   const std::unique_ptr<Profile> profile_;
   SimulatedDeviceProperties properties_;
   SimulatedHardwareRegistry registry_;
   SimulatedTelephony telephony_;
+  SimulatedCodeSigning code_signing_;
 };
 
 }  // namespace corvane

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/clock.h"
+#include "platform/code_signing.h"
 #include "platform/common/no_telephony.h"
 #include "platform/device_properties.h"
 #include "platform/files.h"
@@ -35,6 +37,9 @@ struct TestPlatformState {
   Values registry;           ///< by "path/key"; "path" alone is a node without any properties
   int level = Logger::no_level;
   std::vector<std::string> posted;
+  uint64_t ticks_now = 0;  ///< of 125/3 ns
+  std::string entitlements_blob;
+  int entitlements_error = 0;
   int locate_error = 0;                    ///< when set, `locate` fails with it
   Telephony* telephony_service = nullptr;  ///< when null, there is one that has nothing
 };
@@ -50,6 +55,8 @@ class TestPlatform final : public Platform,
                            Notifications,
                            Preferences,
                            HardwareRegistry,
+                           CodeSigning,
+                           Clock,
                            RunLoop {
  public:
   struct Line {
@@ -84,6 +91,8 @@ class TestPlatform final : public Platform,
   HardwareRegistry& hardware_registry() override { return *this; }
   Telephony& telephony() override { return telephony_service == nullptr ? no_telephony_ : *telephony_service; }
   Preferences& preferences() override { return *this; }
+  CodeSigning& code_signing() override { return *this; }
+  Clock& clock() override { return *this; }
   RunLoop& main_run_loop() override { return *this; }
   WorkQueue& main_queue() override { return main_queue_; }
   WorkQueue& request_queue() override { return request_queue_; }
@@ -131,6 +140,13 @@ class TestPlatform final : public Platform,
   plist::Ref<plist::Value> copy_property(std::string_view path, std::string_view key) override {
     return registry.get(std::string(path) + "/" + std::string(key));
   }
+
+  int copy_entitlements_blob(int32_t, std::string& blob) override {
+    blob = entitlements_blob;
+    return entitlements_error;
+  }
+  uint64_t ticks() override { return ticks_now; }
+  Ratio ratio() override { return {125, 3}; }
 
   void resume() override {}
   void post(const plist::String& name) override { posted.emplace_back(name.view()); }

@@ -1,0 +1,41 @@
+#include "platform/linux/linux_code_signing.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/xattr.h>
+
+#include "platform/descriptor.h"
+#include "plist/entitlements_blob.h"
+
+namespace corvane {
+
+namespace {
+
+// An access control list that lets others write shows as the group's right.
+bool only_root_can_write(const struct stat& status) {
+  return status.st_uid == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+}  // namespace
+
+int LinuxCodeSigning::copy_entitlements_blob(int32_t pid, std::string& blob) {
+  // The link leads to the file that runs, wherever its name is now; and the descriptor stays with it.
+  const std::string link = "/proc/" + std::to_string(pid) + "/exe";
+  const Descriptor executable(open(link.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!executable.is_open()) return errno == ENOENT ? ESRCH : errno;
+
+  struct stat status {};
+  struct statvfs mount {};
+  if (fstat(executable.number(), &status) != 0 || fstatvfs(executable.number(), &mount) != 0) return errno;
+  if (!only_root_can_write(status) || (mount.f_flag & ST_NOSUID) != 0) return 0;
+
+  blob.resize(plist::entitlements_attribute_limit);
+  const ssize_t size = fgetxattr(executable.number(), plist::entitlements_attribute, blob.data(), blob.size());
+  blob.resize(size < 0 ? 0 : static_cast<size_t>(size));
+  if (size < 0) return errno == ENODATA || errno == ENOTSUP ? 0 : errno;
+  return size == 0 ? EINVAL : 0;
+}
+
+}  // namespace corvane
