@@ -3,6 +3,7 @@
 #include "daemon/protocol.h"
 #include "device/regulatory_images.h"
 #include "platform/platform.h"
+#include "support/entitlements.h"
 
 namespace corvane {
 
@@ -21,6 +22,10 @@ void CorvaneAdmin::storeRegulatoryImages_withCompletionBlock(plist::Value& image
   if (stored) return completion(nullptr, nullptr);
   const ErrorObject error = CorvaneError::getError(CorvaneError::operation_failed);
   completion(nullptr, &error);
+}
+
+void CorvaneAdmin::copyEntitlementsForPID_withCompletionBlock(int32_t pid, const CompletionBlock& completion) {
+  if (completion) completion(copy_entitlements_for_pid(pid).get(), nullptr);
 }
 
 }  // namespace corvane

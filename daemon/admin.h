@@ -14,6 +14,10 @@ class CorvaneAdmin final : public ServiceListenerDelegate, public ExportedObject
   /// Replaces the stored regulatory images. Answers no dictionary, and an error where they could not be
   /// stored.
   void storeRegulatoryImages_withCompletionBlock(plist::Value& images, const CompletionBlock& completion);
+
+  /// Answers the entitlements of a running process, or no dictionary where there are none or the log says why
+  /// not. Never an error.
+  void copyEntitlementsForPID_withCompletionBlock(int32_t pid, const CompletionBlock& completion);
 };
 
 }  // namespace corvane

@@ -1,6 +1,6 @@
 #include "daemon/protocol.h"
 
-#include <new>
+#include <limits>
 
 #include "daemon/admin.h"
 #include "daemon/log.h"
@@ -66,6 +66,21 @@ Ref<plist::MutableDictionary> MethodTable::answer(ExportedObject& object, const 
 
 // ---- the protocols ------------------------------------------------------------------------------------
 
+namespace {
+
+// An argument that is missing or of the wrong kind.
+void refuse(const CompletionBlock& completion) {
+  const ErrorObject error = CorvaneError::getError(CorvaneError::unexpected_parameter);
+  completion(nullptr, &error);
+}
+
+bool is_process_id(const plist::Number& number) {
+  return number.is_integer() && number.type() != plist::Number::Type::uint64 && number.int64() > 0 &&
+         number.int64() <= std::numeric_limits<int32_t>::max();
+}
+
+}  // namespace
+
 const ExportedInterface& corvane_protocol() {
   static const MethodTable protocol{
       {wire::copy_regulatory_images,
@@ -81,12 +96,15 @@ const ExportedInterface& corvane_admin_protocol() {
       {wire::store_regulatory_images,
        [](ExportedObject& object, const plist::Dictionary& request, const CompletionBlock& completion) {
          plist::Value* images = request.get(wire::images_key);
-         if (images != nullptr) {
-           return static_cast<CorvaneAdmin&>(object).storeRegulatoryImages_withCompletionBlock(*images,
-                                                                                               completion);
-         }
-         const ErrorObject error = CorvaneError::getError(CorvaneError::unexpected_parameter);
-         completion(nullptr, &error);
+         if (images == nullptr) return refuse(completion);
+         static_cast<CorvaneAdmin&>(object).storeRegulatoryImages_withCompletionBlock(*images, completion);
+       }},
+      {wire::copy_entitlements,
+       [](ExportedObject& object, const plist::Dictionary& request, const CompletionBlock& completion) {
+         const auto* pid = plist::cast<plist::Number>(request.get(wire::pid_key));
+         if (pid == nullptr || !is_process_id(*pid)) return refuse(completion);
+         static_cast<CorvaneAdmin&>(object).copyEntitlementsForPID_withCompletionBlock(
+             static_cast<int32_t>(pid->int64()), completion);
        }},
   };
   return protocol;

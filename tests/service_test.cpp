@@ -77,6 +77,26 @@ TEST_F(Service, OffersEachMethodOnItsOwnSocketOnly) {
   EXPECT_EQ(asker_.ask(copy_images), no_images);
 }
 
+TEST_F(Service, TellsTheOperatorAProcessesEntitlements) {
+  testing::write_file(root_.profile(),
+                      "<plist><dict><key>Entitlements</key><dict><key>7</key><dict/></dict></dict></plist>");
+  const auto ask = [&](Ref<plist::Value> pid) {
+    const auto request = wire::make_request(wire::copy_entitlements);
+    request->set(wire::pid_key, std::move(pid));
+    return operator_.send(frame(*request)) ? operator_.answer() : "";
+  };
+  const std::string selector(wire::copy_entitlements);
+  EXPECT_EQ(ask(plist::Number::create_int64(7)), R"({"Reply": {}, "Request": ")" + selector + R"("})");
+  EXPECT_EQ(ask(plist::Number::create_int32(8)), R"({"Request": ")" + selector + R"("})");
+  for (const Ref<plist::Value>& pid :
+       {Ref<plist::Value>(plist::Number::create_int64(int64_t{1} << 32 | 7)),
+        Ref<plist::Value>(plist::Number::create_real(7)), Ref<plist::Value>(plist::Number::create_int32(0)),
+        Ref<plist::Value>(plist::String::create("7"))}) {
+    EXPECT_EQ(ask(pid), refusal(selector));
+  }
+  EXPECT_EQ(operator_.ask(selector), refusal(selector));
+}
+
 TEST_F(Service, AnswersWhatIsNoRequestAndStaysConnected) {
   const std::string start = "<plist><dict><key>Request</key>";
   const std::string end = "</dict></plist>";

@@ -16,12 +16,14 @@ inline constexpr std::string_view admin_service = "com.norvane.corvaned.admin";
 inline constexpr std::string_view notification_service = "com.norvane.notifications";
 inline constexpr std::string_view copy_regulatory_images = "copyRegulatoryImagesWithCompletionBlock:";
 inline constexpr std::string_view store_regulatory_images = "storeRegulatoryImages:withCompletionBlock:";
+inline constexpr std::string_view copy_entitlements = "copyEntitlementsForPID:withCompletionBlock:";
 
 /// The folder of the sockets, below the platform's root.
 inline constexpr std::string_view socket_folder = "/run/corvaned";
 
 inline constexpr std::string_view request_key = "Request";
 inline constexpr std::string_view images_key = "Images";
+inline constexpr std::string_view pid_key = "PID";
 inline constexpr std::string_view reply_key = "Reply";
 inline constexpr std::string_view error_key = "Error";
 inline constexpr std::string_view error_object_key = "ErrorObject";
