@@ -33,6 +33,10 @@ using Clock = std::chrono::steady_clock;
 
 Answer failure(Outcome outcome, std::string detail) { return {outcome, std::move(detail), {}}; }
 
+std::chrono::milliseconds time_left(Clock::time_point deadline) {
+  return std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+}
+
 /// One call on a connected socket, up to its deadline.
 class Call {
  public:
@@ -55,7 +59,7 @@ class Call {
 
 std::optional<Answer> Call::wait_for(short events) {
   for (;;) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline_ - Clock::now()).count();
+    const auto left = time_left(deadline_).count();
     if (left <= 0) return failure(Outcome::timed_out, "no answer in time");
     pollfd waiting{socket_, events, 0};
     const int ready = poll(&waiting, 1, static_cast<int>(std::min<long long>(left, INT_MAX)));
@@ -117,12 +121,11 @@ std::optional<Answer> Call::read_frame(wire::Frame& frame) {
       case wire::FrameReader::Status::incomplete:
         break;
     }
+    // Each time, also while there is more: an answer that comes byte by byte must not outlast the deadline.
+    if (auto failed = wait_for(POLLIN)) return failed;
     const std::span<char> space = reader.space();
     const ssize_t count = recv(socket_, space.data(), space.size(), 0);
-    if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
-      if (auto failed = wait_for(POLLIN)) return failed;
-      continue;
-    }
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) continue;
     if (count < 0) return failure(Outcome::closed, std::strerror(errno));
     if (count == 0) return failure(Outcome::closed, "the daemon closed the connection");
     heard_ = true;
@@ -150,7 +153,9 @@ Answer Call::receive(const plist::String* selector) {
 }  // namespace
 
 Connection::Connection(std::string_view service_name, const std::string& root, std::chrono::milliseconds timeout)
-    : path_(socket_path(service_name, root)), timeout_(timeout) {}
+    : path_(socket_path(service_name, root)),
+      request_limit_(service_name == wire::admin_service ? wire::admin_request_limit : wire::public_request_limit),
+      timeout_(timeout) {}
 
 Connection::~Connection() { disconnect(); }
 
@@ -168,10 +173,11 @@ Answer Connection::ask(const plist::Dictionary& request) {
   if (const Ref<plist::String> fault = plist::encode_binary(request, body)) {
     return failure(Outcome::bad_request, std::string(fault->view()));
   }
+  if (body.size() > request_limit_) return failure(Outcome::bad_request, "the request is too long");
   const auto deadline = Clock::now() + timeout_;
   for (;;) {
     const bool fresh = socket_ < 0;
-    if (fresh) socket_ = connect_to(path_, timeout_);
+    if (fresh) socket_ = connect_to(path_, time_left(deadline));
     if (socket_ < 0 && errno == EAGAIN) return failure(Outcome::timed_out, "the daemon takes no newcomers");
     if (socket_ < 0) return failure(Outcome::refused, path_ + ": " + std::strerror(errno));
 
@@ -192,6 +198,12 @@ Answer copy_regulatory_images(Connection& connection) {
 Answer store_regulatory_images(Connection& admin_connection, Ref<plist::Value> images) {
   Ref<plist::MutableDictionary> request = wire::make_request(wire::store_regulatory_images);
   request->set(wire::images_key, std::move(images));
+  return admin_connection.ask(*request);
+}
+
+Answer copy_entitlements(Connection& admin_connection, int32_t pid) {
+  Ref<plist::MutableDictionary> request = wire::make_request(wire::copy_entitlements);
+  request->set(wire::pid_key, plist::Number::create_int32(pid));
   return admin_connection.ask(*request);
 }
 

@@ -20,7 +20,7 @@ enum class Outcome {
   closed,       ///< the daemon closed the connection before it answered
   timed_out,    ///< no whole answer came in time
   bad_answer,   ///< what came is no answer to the request
-  bad_request,  ///< the request cannot be encoded
+  bad_request,  ///< the request cannot be encoded, or is longer than the service takes
 };
 
 struct Answer {
@@ -53,6 +53,7 @@ class Connection {
   void disconnect();
 
   const std::string path_;
+  const size_t request_limit_;
   const std::chrono::milliseconds timeout_;
   int socket_ = -1;
 };
@@ -60,5 +61,6 @@ class Connection {
 /// What the daemon's service and its admin service offer, by name.
 Answer copy_regulatory_images(Connection& connection);
 Answer store_regulatory_images(Connection& admin_connection, plist::Ref<plist::Value> images);
+Answer copy_entitlements(Connection& admin_connection, int32_t pid);
 
 }  // namespace corvane::client

@@ -21,6 +21,10 @@ int connect_to(const std::string& path, std::chrono::milliseconds timeout) {
     errno = address.error();
     return -1;
   }
+  if (timeout.count() <= 0) {
+    errno = EAGAIN;
+    return -1;
+  }
   const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (socket < 0) return -1;
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout);

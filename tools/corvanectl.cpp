@@ -1,15 +1,21 @@
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
+#include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <unistd.h>
 
 #include "client/client.h"
 #include "client/subscription.h"
 #include "plist/reader.h"
 #include "plist/writer.h"
+#include "tools/entitlements.h"
+#include "tools/files.h"
 #include "tools/images.h"
 #include "tools/json.h"
 #include "tools/plist_edit.h"
@@ -51,7 +57,11 @@ std::string formatted(const plist::Value& value, const Format& format) {
   return text;
 }
 
-void print(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
+void print(const std::string& text) {
+  if (!write_all(STDOUT_FILENO, text)) {
+    throw Failure{not_answered, std::string("standard output: ") + std::strerror(errno)};
+  }
+}
 
 // What the daemon answered, which may be nothing.
 Ref<plist::Dictionary> answered(const client::Answer& answer) {
@@ -70,7 +80,9 @@ void show_images(const Format& format, const std::string& save_folder) {
   const Ref<plist::Dictionary> images = answered(client::copy_regulatory_images(connection));
   if (!images) throw Failure{not_answered, "no regulatory images are stored"};
   if (save_folder.empty()) return print(formatted(*images, format));
-  for (const std::string& path : save_data_values(*images, save_folder)) print(path + "\n");
+  std::string paths;
+  for (const std::string& path : save_data_values(*images, save_folder)) paths += path + "\n";
+  print(paths);
 }
 
 void store_images(const std::string& path) {
@@ -100,9 +112,24 @@ void show_notifications() {
     const std::string text =
         notification.missed > 0 ? "missed " + std::to_string(notification.missed) : notification.name;
     print(time_of_day() + " " + text + "\n");
-    std::fflush(stdout);
   }
   throw Failure{not_answered, detail};
+}
+
+int32_t process_id(const std::string& text) {
+  int32_t pid = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), pid);
+  if (error != std::errc() || end != text.data() + text.size() || pid <= 0) {
+    throw Failure{wrong_usage, text + ": not a process id"};
+  }
+  return pid;
+}
+
+void show_entitlements(int32_t pid, const Format& format) {
+  client::Connection connection(wire::admin_service);
+  const Ref<plist::Dictionary> entitlements = answered(client::copy_entitlements(connection, pid));
+  if (!entitlements) throw Failure{not_answered, "process " + std::to_string(pid) + " has no entitlements"};
+  print(formatted(*entitlements, format));
 }
 
 void add_format(CLI::App& command, Format& format) {
@@ -175,6 +202,27 @@ void add_profile(CLI::App& app) {
   add("unset", "Remove an entry")->callback([options] { unset_entry(options->profile, options->key_path); });
 }
 
+void add_entitlements(CLI::App& app) {
+  struct Options {
+    Format format;
+    std::string executable;
+    std::string what;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App* command = app.add_subcommand("entitlements", "Print the entitlements of a process, or sign a file");
+  add_format(*command, options->format);
+  command->footer("corvanectl entitlements [--json | --xml] PID\ncorvanectl entitlements --sign FILE PLIST");
+  command->add_option("--sign", options->executable, "Write entitlements onto this executable")
+      ->type_name("FILE")
+      ->excludes("--json", "--xml");
+  command->add_option("PID", options->what, "The process; after --sign FILE the property list that it gets")
+      ->required();
+  command->callback([options] {
+    if (options->executable.empty()) return show_entitlements(process_id(options->what), options->format);
+    sign_executable(options->executable, options->what);
+  });
+}
+
 void add_notifications(CLI::App& app) {
   app.add_subcommand("notifications", "Print each system-wide notification as it is posted")
       ->callback(show_notifications);
@@ -195,11 +243,16 @@ int run(int argc, char** argv) {
   add_show(app);
   add_notifications(app);
   add_profile(app);
+  add_entitlements(app);
   try {
+    // The parser would only complain that a command is missing.
+    if (argc > 1 && argv[1][0] != '-') app.get_subcommand(argv[1]);
     app.parse(argc, argv);
     return done;
   } catch (const Failure& failure) {
     return complain(failure.text, failure.status);
+  } catch (const CLI::OptionNotFound&) {
+    return complain(std::string(argv[1]) + ": no such command", wrong_usage);
   } catch (const CLI::ParseError& error) {
     return error.get_exit_code() == 0 ? app.exit(error) : complain(error.what(), wrong_usage);
   } catch (const FileFault& fault) {

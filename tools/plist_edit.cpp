@@ -3,8 +3,6 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,7 +17,7 @@ using plist::Ref;
 
 namespace {
 
-[[noreturn]] void fail(const std::string& path, const std::string& why) { throw FileFault(path + ": " + why); }
+[[noreturn]] void fail(const std::string& path, const std::string& why) { throw FileFault(path, why); }
 
 std::string encode(const std::string& path, const plist::Value& value, plist::Encoding encoding) {
   std::string bytes;
@@ -33,16 +31,6 @@ std::string encode(const std::string& path, const plist::Value& value, plist::En
   }
   if (fault) fail(path, std::string(fault->view()));
   return bytes;
-}
-
-bool write_all(int descriptor, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = write(descriptor, bytes.data(), bytes.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return false;
-    bytes.remove_prefix(static_cast<size_t>(count));
-  }
-  return true;
 }
 
 // Through a neighbour that is renamed over it, so that whoever reads the file finds the old one or the new.
@@ -104,10 +92,7 @@ void end_edit(const std::string& path, const Edit& edit) {
 }  // namespace
 
 plist::Decoded read_plist_file(const std::string& path, plist::Containers containers) {
-  std::ifstream file(path, std::ios::binary);
-  const std::string bytes{std::istreambuf_iterator<char>(file), {}};
-  if (!file.is_open() || file.bad()) fail(path, std::strerror(errno));
-  plist::Decoded decoded = plist::decode(plist::Data::create(bytes), containers);
+  plist::Decoded decoded = plist::decode(plist::Data::create(read_file(path)), containers);
   if (decoded.error) fail(path, std::string(decoded.error->view()));
   return decoded;
 }

@@ -1,18 +1,13 @@
 #pragma once
 
-#include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "plist/reader.h"
 #include "plist/value.h"
+#include "tools/files.h"
 
 namespace corvane::tools {
-
-/// A file that cannot be read, edited or replaced: one line that begins with its path.
-struct FileFault : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
 
 /// Reads a property-list file. Throws FileFault.
 plist::Decoded read_plist_file(const std::string& path, plist::Containers containers);
