@@ -178,9 +178,9 @@ size_t b64_decode_(const char* src, size_t srcLen, void* dest, size_t destSize, 
   size_t pads = 0;
   for (size_t at = 0; at < srcLen; ++at) {
     if (currIndex == 0) {
-      const size_t run = kernels().decode(src + at, srcLen - at, octets + written);
-      written += run / NUM_ENCODED_DATA_BYTES * NUM_PLAIN_DATA_BYTES;
-      at += run;
+      const B64Run run = kernels().decode(src, srcLen, octets, {at, written});
+      at = run.read;
+      written = run.written;
       if (at == srcLen) break;
     }
     const unsigned char value = b64_value(src[at]);
