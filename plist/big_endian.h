@@ -1,7 +1,9 @@
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 namespace corvane::plist {
@@ -13,28 +15,27 @@ uint64_t load_big_endian(const char* bytes) {
   return value;
 }
 
-/// An unsigned integer of 1 to 8 bytes.
+template <>
+inline uint64_t load_big_endian<8>(const char* bytes) {
+  uint64_t value;
+  std::memcpy(&value, bytes, sizeof value);
+  return std::endian::native == std::endian::little ? __builtin_bswap64(value) : value;
+}
+
+/// An unsigned integer of 1 to 8 bytes. Precondition: 8 bytes can be read.
 inline uint64_t load_big_endian(const char* bytes, size_t size) {
-  // The sizes that writers choose get code without a loop.
-  switch (size) {
-    case 1:
-      return load_big_endian<1>(bytes);
-    case 2:
-      return load_big_endian<2>(bytes);
-    case 4:
-      return load_big_endian<4>(bytes);
-    default: {
-      uint64_t value = 0;
-      for (size_t i = 0; i < size; ++i) value = value << 8 | static_cast<unsigned char>(bytes[i]);
-      return value;
-    }
-  }
+  return load_big_endian<8>(bytes) >> (64 - 8 * size);
+}
+
+/// Writes the low `size` bytes of `value`.
+inline void store_big_endian(char* to, uint64_t value, size_t size) {
+  for (size_t i = size; i-- > 0; value >>= 8) to[i] = static_cast<char>(value & 0xFF);
 }
 
 /// Appends the low `size` bytes of `value`.
 inline void append_big_endian(std::string& out, uint64_t value, size_t size) {
   char bytes[8];
-  for (size_t i = size; i-- > 0; value >>= 8) bytes[i] = static_cast<char>(value & 0xFF);
+  store_big_endian(bytes, value, size);
   out.append(bytes, size);
 }
 

@@ -10,8 +10,6 @@
 
 #include "plist/binary_reader.h"
 
-#include <absl/container/flat_hash_map.h>
-
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -20,7 +18,6 @@
 
 #include "plist/big_endian.h"
 #include "plist/decoding_error.h"
-#include "plist/hash_tables.h"
 
 namespace corvane::plist {
 
@@ -49,6 +46,12 @@ class BinaryReader {
         depth_limit_(depth_limit),
         share_(containers == Containers::immutable) {}
 
+  ~BinaryReader() {
+    for (Known& known : memo_) {
+      if (known.object) Unpublished::drop(std::move(known.object));
+    }
+  }
+
   Decoded read();
 
  private:
@@ -57,6 +60,12 @@ class BinaryReader {
     unsigned height;
     uint64_t visits;
     uint64_t content;
+  };
+
+  /// An object that was built, unless it is null. The Booleans are not remembered: they need not be built.
+  struct Known {
+    Ref<Value> object;
+    uint32_t extent = 0;
   };
 
   struct References {
@@ -112,11 +121,11 @@ class BinaryReader {
   size_t objects_end_ = 0;  // where the offset table begins
   uint64_t top_ = 0;
 
-  std::vector<Ref<Value>> memo_;                   // objects that were built, by number
-  absl::flat_hash_map<uint64_t, Extent> extents_;  // of the containers among them
-  uint64_t visits_ = 1;                            // the top object's
-  uint64_t visited_content_ = 0;                   // bytes in leaves, each counted at every visit
-  uint64_t content_ = 0;                           // bytes in leaves, each counted once
+  std::vector<Known> memo_;       // objects that were built, by number
+  std::vector<Extent> extents_;   // of the containers among them
+  uint64_t visits_ = 1;           // the top object's
+  uint64_t visited_content_ = 0;  // bytes in leaves, each counted at every visit
+  uint64_t content_ = 0;          // bytes in leaves, each counted once
   uint64_t compared_ = 0;
   unsigned deepest_ = 0;  // depth of the deepest container since the one being read began
   Ref<String> error_;
@@ -161,16 +170,18 @@ bool BinaryReader::read_trailer() {
 // Precondition: the visit has been counted.
 Ref<Value> BinaryReader::read_value(uint64_t number, unsigned depth, bool share) {
   if (number >= memo_.size()) return fail("a reference to an object that is not there", objects_end_);
-  if (const Value* known = memo_[number].get(); known != nullptr && (share || !known->is_container())) {
+  if (const Value* known = memo_[number].object.get(); known != nullptr && (share || !known->is_container())) {
     return recall(number, depth);
   }
   const uint64_t entry = objects_end_ + number * offset_size_;
   const uint64_t offset = load_big_endian(start_ + entry, offset_size_);
   if (offset < header_size || offset >= objects_end_) return fail("an offset outside of the objects", entry);
   if (marker(offset) >= 0xA0) return read_and_measure_container(number, offset, depth, share);
-  memo_[number] = read_leaf(offset);
-  if (memo_[number]) visited_content_ += content_of(*memo_[number]);
-  return memo_[number];
+  Ref<Value> leaf = read_leaf(offset);
+  if (!leaf || leaf->kind() == Kind::boolean) return leaf;
+  visited_content_ += content_of(*leaf);
+  memo_[number].object = Unpublished::share(leaf.get());
+  return leaf;
 }
 
 Ref<Value> BinaryReader::read_and_measure_container(uint64_t number, size_t offset, unsigned depth, bool share) {
@@ -180,26 +191,25 @@ Ref<Value> BinaryReader::read_and_measure_container(uint64_t number, size_t offs
   Ref<Value> container = read_container(offset, depth, share);
   const unsigned deepest = std::exchange(deepest_, std::max(deepest_before, deepest_));
   if (!share || !container) return container;
-  memo_[number] = container;
-  make_room(extents_);
-  extents_[number] = {deepest - depth + 1, visits_ - visits, visited_content_ - content};
+  memo_[number] = {Unpublished::share(container.get()), static_cast<uint32_t>(extents_.size())};
+  extents_.push_back({deepest - depth + 1, visits_ - visits, visited_content_ - content});
   return container;
 }
 
 Ref<Value> BinaryReader::recall(uint64_t number, unsigned depth) {
-  const Ref<Value>& known = memo_[number];
+  Value* known = memo_[number].object.get();
   if (!known->is_container()) {
     visited_content_ += content_of(*known);
-    return known;
+    return Unpublished::share(known);
   }
-  const Extent& extent = extents_[number];
+  const Extent& extent = extents_[memo_[number].extent];
   visited_content_ += extent.content;
   visits_ += extent.visits;
   if (visits_ > visit_limit_) return fail("more references than bytes", objects_end_);
   const unsigned deepest = depth + extent.height - 1;
   if (deepest > depth_limit_) return fail("nesting deeper than " + std::to_string(depth_limit_), objects_end_);
   deepest_ = std::max(deepest_, deepest);
-  return known;
+  return Unpublished::share(known);
 }
 
 bool BinaryReader::charge_comparison(uint64_t bytes, size_t offset) {

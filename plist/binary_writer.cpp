@@ -40,12 +40,14 @@ class BinaryWriter {
   void write_unsigned(uint64_t value);
   void write_eight(uint8_t marker, uint64_t bits);
   void write_count(uint8_t marker, size_t count);
+  template <class Integer>
+  void append_table(const Integer* integers, size_t count, size_t size);
   void write_table_and_trailer();
 
   void put(uint8_t byte) { buffer_.push_back(static_cast<char>(byte)); }
   size_t position() const { return out_.size() - base_ + buffer_.size(); }
   void flush() {
-    out_.append(buffer_);
+    out_.append(std::move(buffer_));
     buffer_.clear();
   }
 
@@ -110,7 +112,7 @@ void BinaryWriter::number_dictionary(const Dictionary& dictionary, unsigned dept
   const size_t keys = references_.size();
   const size_t values = keys + dictionary.size();
   references_.resize(values + dictionary.size());
-  leaves_.expect_strings(2 * dictionary.size());
+  leaves_.expect(2 * dictionary.size());
   size_t at = keys;
   for (const Dictionary::Entry& entry : dictionary.entries()) references_[at++] = number(*entry.key, depth);
   for (const Dictionary::Entry& entry : dictionary.entries()) {
@@ -123,6 +125,7 @@ void BinaryWriter::number_dictionary(const Dictionary& dictionary, unsigned dept
 void BinaryWriter::number_items(std::span<const Ref<Value>> items, unsigned depth) {
   size_t at = references_.size();
   references_.resize(at + items.size());
+  leaves_.expect(items.size());
   for (const Ref<Value>& item : items) {
     const uint32_t value = number(*item, depth);
     references_[at++] = value;
@@ -161,9 +164,8 @@ void BinaryWriter::write_object(const Value& value) {
 
 void BinaryWriter::write_references(uint8_t marker, size_t count, size_t references) {
   write_count(marker, count);
-  for (; references > 0; --references) {
-    append_big_endian(buffer_, references_[next_reference_++], reference_size_);
-  }
+  append_table(references_.data() + next_reference_, references, reference_size_);
+  next_reference_ += references;
 }
 
 void BinaryWriter::write_string(const String& string) {
@@ -215,10 +217,19 @@ void BinaryWriter::write_count(uint8_t marker, size_t count) {
   write_unsigned(count);
 }
 
+// Each in its lowest `size` bytes.
+template <class Integer>
+void BinaryWriter::append_table(const Integer* integers, size_t count, size_t size) {
+  const size_t from = buffer_.size();
+  buffer_.resize(from + count * size);
+  char* to = buffer_.data() + from;
+  for (size_t i = 0; i < count; ++i, to += size) store_big_endian(to, integers[i], size);
+}
+
 void BinaryWriter::write_table_and_trailer() {
   const size_t table = position();
   const size_t offset_size = unsigned_size(table);
-  for (const uint64_t offset : offsets_) append_big_endian(buffer_, offset, offset_size);
+  append_table(offsets_.data(), offsets_.size(), offset_size);
   buffer_.append(6, '\0');
   put(static_cast<uint8_t>(offset_size));
   put(static_cast<uint8_t>(reference_size_));

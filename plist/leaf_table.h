@@ -3,9 +3,9 @@
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 
+#include <array>
 #include <cstdint>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "plist/hash_tables.h"
@@ -17,30 +17,37 @@ namespace corvane::plist {
 /// `objects`, in which the caller enters it before the next call.
 class LeafTable {
  public:
-  explicit LeafTable(const std::vector<const Value*>& objects)
-      : strings_(0, ByText{&objects}, SameText{&objects}) {}
+  explicit LeafTable(const std::vector<const Value*>& objects) : leaves_(0, Hash{}, Same{&objects}) {}
 
-  /// Says that up to `count` more strings may follow, so that the table need not grow step by step.
-  void expect_strings(size_t count) { make_room(strings_, count); }
+  /// Says that up to `count` more leaves may follow, so that the table need not grow step by step.
+  void expect(size_t count) { make_room(leaves_, count); }
 
   /// The number of the equal leaf seen before; otherwise `next`, which is the leaf's number from then on.
   uint32_t number_of(const Value& leaf, uint32_t next);
 
  private:
   using Objects = std::vector<const Value*>;
-  static std::string_view text_of(const Objects& objects, uint32_t number) {
-    return static_cast<const String*>(objects[number])->view();
-  }
-  struct ByText {
-    using is_transparent = void;
-    size_t operator()(std::string_view text) const { return BytesHash()(text); }
-    size_t operator()(uint32_t number) const { return BytesHash()(text_of(*objects, number)); }
-    const Objects* objects;
+
+  /// With its hash, a leaf is not touched when the table grows, and hardly ever when another is looked up.
+  struct Slot {
+    uint32_t hash;
+    uint32_t number;
   };
-  struct SameText {
+  struct Sought {
+    uint32_t hash;
+    const Value* leaf;
+  };
+  struct Hash {
     using is_transparent = void;
-    bool operator()(uint32_t a, uint32_t b) const { return a == b; }
-    bool operator()(uint32_t number, std::string_view text) const { return text_of(*objects, number) == text; }
+    size_t operator()(Slot slot) const { return absl::Hash<uint32_t>()(slot.hash); }
+    size_t operator()(Sought sought) const { return absl::Hash<uint32_t>()(sought.hash); }
+  };
+  struct Same {
+    using is_transparent = void;
+    bool operator()(Slot a, Slot b) const { return a.number == b.number; }
+    bool operator()(Slot slot, Sought sought) const {
+      return slot.hash == sought.hash && equal((*objects)[slot.number], sought.leaf);
+    }
     const Objects* objects;
   };
   using ByContent = absl::flat_hash_map<std::string_view, uint32_t, BytesHash, std::equal_to<>>;
@@ -53,15 +60,21 @@ class LeafTable {
     ByContent all;  // from the second on
   };
 
-  uint32_t number_of_string(const String& string, uint32_t next);
-  uint32_t number_of_text(std::string_view text, uint32_t next);
-  uint32_t number_of_data(const Data& data, uint32_t next);
-  uint32_t number_of_bits(uint64_t bits, uint64_t kind, uint32_t next);
+  /// Strings that were met lately, by their address: keys come again and again.
+  struct Recent {
+    const Value* string = nullptr;
+    uint32_t number = 0;
+  };
 
-  absl::flat_hash_set<uint32_t, ByText, SameText> strings_;
+  uint32_t number_of_string(const String& string, uint32_t next);
+  uint32_t number_of_long_string(const String& string, uint32_t next);
+  uint32_t number_of_data(const Data& data, uint32_t next);
+  uint32_t number_of_content(const Value& leaf, uint64_t hash, uint32_t next);
+
+  absl::flat_hash_set<Slot, Hash, Same> leaves_;
+  std::array<Recent, 64> recent_;
   ByIdentity long_ones_;
   absl::flat_hash_map<size_t, SameSize> data_;
-  absl::flat_hash_map<std::pair<uint64_t, uint64_t>, uint32_t> bits_;
 };
 
 }  // namespace corvane::plist

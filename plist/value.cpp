@@ -65,15 +65,16 @@ void Value::destroy(Value* dead) {
   while (container != nullptr) {
     switch (container->kind_) {
       case Kind::dictionary:
-        delete static_cast<MutableDictionary*>(container);
+        static_cast<Dictionary*>(container)->~Dictionary();
         break;
       case Kind::array:
-        delete static_cast<MutableArray*>(container);
+        static_cast<Array*>(container)->~Array();
         break;
       default:
-        delete static_cast<MutableSet*>(container);
+        static_cast<Set*>(container)->~Set();
         break;
     }
+    ::operator delete(container);
     container = dead_containers;
     if (container != nullptr) dead_containers = container->next_dead_;
   }
@@ -167,12 +168,23 @@ Boolean* Boolean::no() {
   return &value;
 }
 
+// ---- containers ---------------------------------------------------------------------------------------
+
+namespace {
+
+// A container's memory, with room for elements behind it. Destroying it gives back the whole.
+template <class Element, class Container>
+void* allocate_with(size_t capacity) {
+  static_assert(sizeof(Container) % alignof(Element) == 0);
+  return ::operator new(ElementList<Element>::size_with(sizeof(Container), capacity));
+}
+
+}  // namespace
+
 // ---- array --------------------------------------------------------------------------------------------
 
 Ref<MutableArray> MutableArray::create(size_t capacity) {
-  auto array = Ref<MutableArray>::adopt(new MutableArray());
-  array->items_.reserve(capacity);
-  return array;
+  return Ref<MutableArray>::adopt(new (allocate_with<Ref<Value>, MutableArray>(capacity)) MutableArray(capacity));
 }
 
 Ref<Array> MutableArray::freeze(Ref<MutableArray> array) {
@@ -201,7 +213,7 @@ struct Set::Index : absl::flat_hash_set<Member, MemberHash> {
   using flat_hash_set::flat_hash_set;
 };
 
-Set::Set() : Container(Kind::set, true) {}
+Set::Set(size_t capacity) : Container(Kind::set, true), items_(this + 1, capacity) {}
 Set::~Set() = default;
 
 bool Set::contains(const Value& value) const {
@@ -209,9 +221,7 @@ bool Set::contains(const Value& value) const {
 }
 
 Ref<MutableSet> MutableSet::create(size_t capacity) {
-  auto set = Ref<MutableSet>::adopt(new MutableSet());
-  set->items_.reserve(capacity);
-  return set;
+  return Ref<MutableSet>::adopt(new (allocate_with<Ref<Value>, MutableSet>(capacity)) MutableSet(capacity));
 }
 
 Ref<Set> MutableSet::freeze(Ref<MutableSet> set) {
@@ -241,7 +251,7 @@ struct Dictionary::Index {
     using is_transparent = void;
     size_t operator()(std::string_view key) const { return BytesHash()(key); }
     size_t operator()(Slot slot) const { return BytesHash()((*entries)[slot.position].key->view()); }
-    const std::vector<Entry>* entries;
+    const ElementList<Entry>* entries;
   };
   struct Equal {
     using is_transparent = void;
@@ -252,10 +262,10 @@ struct Dictionary::Index {
       __builtin_prefetch(entry.value.get());
       return entry.key->view() == key;
     }
-    const std::vector<Entry>* entries;
+    const ElementList<Entry>* entries;
   };
 
-  explicit Index(const std::vector<Entry>& entries) : positions(0, Hash{&entries}, Equal{&entries}) {
+  explicit Index(const ElementList<Entry>& entries) : positions(0, Hash{&entries}, Equal{&entries}) {
     make_room(positions, entries.capacity());
     for (uint32_t i = 0; i < entries.size(); ++i) positions.insert({i});
   }
@@ -263,7 +273,7 @@ struct Dictionary::Index {
   absl::flat_hash_set<Slot, Hash, Equal> positions;
 };
 
-Dictionary::Dictionary() : Container(Kind::dictionary, true) {}
+Dictionary::Dictionary(size_t capacity) : Container(Kind::dictionary, true), entries_(this + 1, capacity) {}
 Dictionary::~Dictionary() = default;
 
 size_t Dictionary::find(std::string_view key) const {
@@ -283,14 +293,13 @@ Value* Dictionary::get(std::string_view key) const {
 }
 
 Ref<MutableDictionary> MutableDictionary::create(size_t capacity) {
-  auto dictionary = Ref<MutableDictionary>::adopt(new MutableDictionary());
-  dictionary->entries_.reserve(capacity);
-  return dictionary;
+  void* memory = allocate_with<Entry, MutableDictionary>(capacity);
+  return Ref<MutableDictionary>::adopt(new (memory) MutableDictionary(capacity));
 }
 
 Ref<MutableDictionary> MutableDictionary::copy(const Dictionary& other) {
   Ref<MutableDictionary> dictionary = create(other.size());
-  dictionary->entries_.assign(other.entries().begin(), other.entries().end());
+  for (const Entry& entry : other.entries()) dictionary->entries_.push_back(entry);
   dictionary->build_index();
   return dictionary;
 }

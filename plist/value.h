@@ -8,7 +8,8 @@
 #include <string_view>
 #include <type_traits>
 #include <utility>
-#include <vector>
+
+#include "plist/element_list.h"
 
 /// Property-list values: dictionary, array, set, string, data, date, number and Boolean.
 ///
@@ -41,10 +42,15 @@ class Value {
  private:
   template <class T>
   friend class Ref;
+  friend class Unpublished;
 
   void retain() { references_.fetch_add(1, std::memory_order_relaxed); }
+  // Who holds the only reference need not lock the bus to give it up.
   void release() {
-    if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1) destroy(this);
+    if (references_.load(std::memory_order_acquire) == 1 ||
+        references_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+      destroy(this);
+    }
   }
   static void destroy(Value* dead);
 
@@ -96,6 +102,24 @@ class Ref {
   static Value* as_value(T* value) { return value; }
 
   T* value_ = nullptr;
+};
+
+/// Counts references to values that no other thread has yet, without locking the bus. Not for the Booleans.
+class Unpublished {
+ public:
+  template <class T>
+  static Ref<T> share(T* borrowed) {
+    Value* value = borrowed;
+    value->references_.store(value->references_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    return Ref<T>::adopt(borrowed);
+  }
+  template <class T>
+  static void drop(Ref<T> ref) {
+    Value* value = ref.detach();
+    const uint32_t left = value->references_.load(std::memory_order_relaxed) - 1;
+    if (left == 0) return Value::destroy(value);
+    value->references_.store(left, std::memory_order_relaxed);
+  }
 };
 
 /// Deep equality. A Boolean never equals a number; integers compare by value whatever their kind, reals and
@@ -248,9 +272,9 @@ class Array : public Container {
 
  protected:
   friend class Value;
-  Array() : Container(Kind::array, true) {}
+  explicit Array(size_t capacity) : Container(Kind::array, true), items_(this + 1, capacity) {}
 
-  std::vector<Ref<Value>> items_;
+  ElementList<Ref<Value>> items_;
 };
 
 class MutableArray final : public Array {
@@ -262,7 +286,7 @@ class MutableArray final : public Array {
   void append(Ref<Value> value) { items_.push_back(std::move(value)); }
 
  private:
-  MutableArray() = default;
+  explicit MutableArray(size_t capacity) : Array(capacity) {}
 };
 
 /// Unordered values, no two of them equal. Members must not change: add only deeply immutable values.
@@ -276,12 +300,12 @@ class Set : public Container {
   friend class Value;
   friend uint64_t hash(const Value& value);
   struct Index;
-  Set();
+  explicit Set(size_t capacity);
   ~Set();
 
-  std::vector<Ref<Value>> items_;
   std::unique_ptr<Index> index_;
   uint64_t members_hash_ = 0;
+  ElementList<Ref<Value>> items_;
 };
 
 class MutableSet final : public Set {
@@ -293,7 +317,7 @@ class MutableSet final : public Set {
   void add(Ref<Value> value);
 
  private:
-  MutableSet() = default;
+  explicit MutableSet(size_t capacity) : Set(capacity) {}
 };
 
 /// Strings to values. The order of its entries is its own.
@@ -314,12 +338,12 @@ class Dictionary : public Container {
   friend class Value;
   struct Index;
   static constexpr size_t not_found = static_cast<size_t>(-1);
-  Dictionary();
+  explicit Dictionary(size_t capacity);
   ~Dictionary();
   size_t find(std::string_view key) const;
 
-  std::vector<Entry> entries_;
   std::unique_ptr<Index> index_;
+  ElementList<Entry> entries_;
 };
 
 class MutableDictionary final : public Dictionary {
@@ -350,7 +374,7 @@ class MutableDictionary final : public Dictionary {
   bool remove(std::string_view key);
 
  private:
-  MutableDictionary() = default;
+  explicit MutableDictionary(size_t capacity) : Dictionary(capacity) {}
   void set_without_index(Ref<String> key, Ref<Value> value);
   void build_index();
 };

@@ -15,6 +15,15 @@ class ByteChain {
     own_.append(bytes);
     size_ += bytes.size();
   }
+  /// Without a copy where the chain has no bytes of its own yet.
+  void append(std::string&& bytes) {
+    if (own_.empty()) {
+      size_ += bytes.size();
+      own_ = std::move(bytes);
+    } else {
+      append(std::string_view(bytes));
+    }
+  }
   void append_shared(Ref<Data> data);
 
   size_t size() const { return size_; }
