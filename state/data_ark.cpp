@@ -76,7 +76,7 @@ void add_attributes(data_ark& ark, std::string_view key, uint16_t attributes) {
   ark.attributes.try_emplace(std::move(owned_key)).first->second |= attributes;
 }
 
-// Answers whether the value is another one than before.
+// Answers whether the value is another one than before. Where it throws, nothing has changed.
 bool store_value(data_ark& ark, const ComposedKey& key, plist::Value* value, bool inherits) {
   if (Ref<plist::Value>* entry = ark.values->find_value(key.full())) {
     const bool changed = !plist::equal(entry->get(), value);
@@ -84,6 +84,12 @@ bool store_value(data_ark& ark, const ComposedKey& key, plist::Value* value, boo
     return changed;
   }
   const Ref<String> key_object = String::create(key.full());
+  const uint16_t inherited = inherits ? ark.attributes_of(key.domains_own()) : uint16_t{0};
+  std::string attributes_key;
+  if (inherited != 0) {
+    attributes_key = key.full();
+    plist::make_room(ark.attributes);
+  }
   if (ark.ordered != nullptr) ark.ordered->insert(key_object->view());
   try {
     ark.values->set(key_object, value);
@@ -91,20 +97,18 @@ bool store_value(data_ark& ark, const ComposedKey& key, plist::Value* value, boo
     if (ark.ordered != nullptr) ark.ordered->erase(key_object->view());
     throw;
   }
-  const uint16_t inherited = inherits ? ark.attributes_of(key.domains_own()) : uint16_t{0};
-  if (inherited != 0) add_attributes(ark, key.full(), inherited);
+  if (inherited != 0) ark.attributes.try_emplace(std::move(attributes_key)).first->second |= inherited;
   return true;
 }
 
 int set(data_ark& ark, const ComposedKey& key, plist::Value* value, bool inherits) {
   if (!ark.values) ark.values = plist::MutableDictionary::create();
   const bool changed = store_value(ark, key, value, inherits);
+  const bool dirties = changed && (ark.attributes_of(key.full()) & clean_attributes) == 0;
+  if (dirties) ++ark.dirty;  // whatever becomes of the rest
   if (changed) announce(ark, ArkEvent::change, key);
   announce(ark, ArkEvent::set, key);
-  if (changed && (ark.attributes_of(key.full()) & clean_attributes) == 0) {
-    cv_log("data_ark_set", 0, "dirtied by changing %@", String::create(key.full()));
-    ++ark.dirty;
-  }
+  if (dirties) cv_log("data_ark_set", 0, "dirtied by changing %@", String::create(key.full()));
   return 0;
 }
 
@@ -260,9 +264,9 @@ int data_ark_remove(data_ark* ark, const String* domain, const String* key) {
   if (!ark->values->remove(composed.full())) return 0;
   const bool transient = (ark->attributes_of(composed.full()) & transient_attributes) != 0;
   ark->attributes.erase(composed.full());
+  if (!transient) ++ark->dirty;
   post(*ark, ArkEvent::remove, composed.full());
   schedule(*ark, ArkEvent::remove, composed.full());
-  if (!transient) ++ark->dirty;
   return 0;
 }
 

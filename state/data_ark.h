@@ -40,8 +40,8 @@ struct DataArkDeleter {
 using DataArk = std::unique_ptr<data_ark, DataArkDeleter>;
 
 /// The ark as its file has it, nested containers mutable. Where nothing usable could be read, one line is
-/// logged, the ark is empty, and a regular file is kept aside as data_ark.plist.unreadable, or with .1 to .9
-/// behind that. Null where memory is out.
+/// logged, the ark is empty, and a regular file is kept aside as data_ark.plist.unreadable, or with the
+/// first free number behind that, .1, .2 and so on. Null where memory is out.
 DataArk data_ark_load();
 
 /// Replaces the file by what the ark holds now, but for entries with attribute 1 or 7; deletes it where that
@@ -52,7 +52,8 @@ void data_ark_store(data_ark* ark);
 /// Stores the value, also an equal one, and retains it. An entry that is new inherits the attributes of its
 /// domain's own key. Then, for the key and after it for the domain's own key: posts what watches for a
 /// change, schedules the callbacks for one, posts and schedules what watches for a set. 0, or -1 for a null
-/// value, which is logged, and where memory is out.
+/// value, which is logged, and where memory runs out: the value is set and counted then, or it is not, and some
+/// of the rest has not been done.
 int data_ark_set(data_ark* ark, const plist::String* domain, const plist::String* key, plist::Value* value);
 
 /// Set a number of 32-bit or 64-bit integer kind. They end the process where it cannot be made.

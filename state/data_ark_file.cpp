@@ -42,7 +42,7 @@ bool is_regular_file(const char* path) {
 // Start-up stores at once and would overwrite what may still be worth a look. False: the file is still there.
 bool set_aside(const char* path) {
   const std::string aside = std::string(path) + ".unreadable";
-  for (int i = 0; i <= 9; ++i) {
+  for (int i = 0;; ++i) {
     const std::string name = i == 0 ? aside : aside + "." + std::to_string(i);
     if (renameat2(AT_FDCWD, path, AT_FDCWD, name.c_str(), RENAME_NOREPLACE) == 0) return true;
     if (errno != EEXIST) break;
