@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
 #include "daemon/error.h"
+#include "daemon/protocol.h"
 #include "daemon/request.h"
 #include "daemon/service.h"
 #include "device/regulatory_images.h"
 #include "plist/describe.h"
+#include "plist/reader.h"
 #include "tests/support/test_platform.h"
+#include "wire/messages.h"
 
 namespace corvane {
 namespace {
@@ -68,6 +71,20 @@ TEST(Response, NamesItsRequestAndHoldsTheLastError) {
   EXPECT_EQ(platform.take_texts(), (Lines{"set_response_error: reason 100% wrong", "set_response_error:   Text",
                                           "set_response_error: reason NULL"}));
   EXPECT_EQ(plist::describe(response.get()), R"({"Error": 7, "Request": "someRequest:"})");
+}
+
+TEST(Response, AnswersARequestThatRunsOutOfMemory) {
+  TestPlatform::fresh();
+  const MethodTable table{
+      {"r", [](ExportedObject&, const plist::Dictionary&, const CompletionBlock&) { throw std::bad_alloc(); }}};
+  CorvaneDaemon object;
+  plist::ByteChain response;
+  const std::string_view body = "<plist><dict><key>Request</key><string>r</string></dict></plist>";
+  ASSERT_TRUE(table.deliver(object, {Message::raw_data, plist::Data::create(body)}, response));
+  const auto answer = plist::decode(plist::Data::create(response.pieces().front()), plist::Containers::immutable);
+  wire::Response read;
+  ASSERT_TRUE(wire::read_response(*plist::cast<plist::Dictionary>(answer.value.get()), read) && read.failed);
+  EXPECT_EQ(read.code, CorvaneError::operation_failed);
 }
 
 TEST(CorvaneDaemon, KnowsTrueByItsIdentity) {

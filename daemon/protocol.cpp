@@ -19,22 +19,35 @@ void set_error(plist::MutableDictionary& response, const char* reason, const Err
   set_response_error(reason, response, error.user_info->get(wire::error_description_key));
 }
 
-void encode(const plist::Dictionary& response, plist::ByteChain& out) {
+// Not with `create_response`, which ends the process where memory is out.
+void encode_failure(const Ref<plist::String>& selector, plist::ByteChain& out) {
+  out = plist::ByteChain();
+  Ref<plist::MutableDictionary> failure = plist::MutableDictionary::create();
+  failure->set(wire::request_key, selector);
+  set_error(*failure, "response", CorvaneError::getError(CorvaneError::operation_failed));
+  plist::encode_binary(*failure, out);
+}
+
+void encode(const plist::Dictionary& response, const Ref<plist::String>& selector, plist::ByteChain& out) {
   const Ref<plist::String> fault = plist::encode_binary(response, out);
   if (!fault && out.size() <= wire::response_limit) return;
 
   cv_log("encode", 0, "could not send a response: %@", fault ? fault : plist::String::create("it is too long"));
-  out = plist::ByteChain();
-  Ref<plist::MutableDictionary> failure = create_response(wire::request_selector(response));
-  set_error(*failure, "response", CorvaneError::getError(CorvaneError::operation_failed));
-  plist::encode_binary(*failure, out);
+  encode_failure(selector, out);
 }
 
 }  // namespace
 
 bool MethodTable::deliver(ExportedObject& object, const Message& message, plist::ByteChain& response) const {
   if (message.kind != Message::raw_data) return false;
-  encode(*answer(object, message), response);
+  Ref<plist::String> selector = plist::String::create("");
+  try {
+    encode(*answer(object, message, selector), selector, response);
+  } catch (const std::bad_alloc&) {
+    // What the request took has been given back by now.
+    cv_log("deliver", 0, "out of memory");
+    encode_failure(selector, response);
+  }
   return true;
 }
 
@@ -46,12 +59,14 @@ const MethodTable::Method* MethodTable::find(const plist::String* selector) cons
   return nullptr;
 }
 
-Ref<plist::MutableDictionary> MethodTable::answer(ExportedObject& object, const Message& message) const {
+Ref<plist::MutableDictionary> MethodTable::answer(ExportedObject& object, const Message& message,
+                                                  Ref<plist::String>& selector) const {
   const Ref<plist::Dictionary> request = copy_dict_from_port_data(&message);
-  const Ref<plist::String> selector = request ? wire::request_selector(*request) : nullptr;
-  Ref<plist::MutableDictionary> response = create_response(selector ? selector : plist::String::create(""));
+  plist::String* asked = request ? wire::request_selector(*request) : nullptr;
+  if (asked != nullptr) selector = asked;
+  Ref<plist::MutableDictionary> response = create_response(selector);
 
-  const Method* method = find(selector.get());
+  const Method* method = find(asked);
   if (method == nullptr) {
     const char* reason = request ? "no such request" : "unreadable request";
     set_error(*response, reason, CorvaneError::getError(CorvaneError::unexpected_parameter));

@@ -12,7 +12,8 @@ namespace corvane {
 
 /// An exported interface as a table of methods. A message becomes a request, the request finds its method,
 /// and what the method's completion block is given becomes the response; requests that cannot be read, name
-/// no method or lack an argument are answered with the error "Unexpeceted parameter".
+/// no method or lack an argument are answered with the error "Unexpeceted parameter", and one that memory runs
+/// out for with "operation failed". Where that finds no memory either, `deliver` throws std::bad_alloc.
 class MethodTable final : public ExportedInterface {
  public:
   struct Method {
@@ -26,7 +27,9 @@ class MethodTable final : public ExportedInterface {
 
  private:
   const Method* find(const plist::String* selector) const;
-  plist::Ref<plist::MutableDictionary> answer(ExportedObject& object, const Message& message) const;
+  // `selector` becomes that of the request, where it has one.
+  plist::Ref<plist::MutableDictionary> answer(ExportedObject& object, const Message& message,
+                                              plist::Ref<plist::String>& selector) const;
 
   const std::vector<Method> methods_;
 };
