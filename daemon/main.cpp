@@ -37,7 +37,7 @@ std::unique_ptr<Platform> start_platform(std::string& refusal) {
   return std::make_unique<SystemPlatform>(*environment, std::move(device));
 }
 
-void log_report(const std::string& text) { cv_log("platform", 0, "%s", text.c_str()); }
+void log_report(const char* text) noexcept { cv_log("platform", 0, "%s", text); }
 
 // So that what a client or a restart sees is what the SIM says.
 void store_changed_ark(data_ark* changed) {

@@ -82,7 +82,7 @@ std::vector<std::string> reports;
 
 TEST(Profile, BadEditKeepsTheLastGoodOneAndIsReportedOnce) {
   const std::string path = testing::TestPlatform::fresh().root() + "/profile.plist";
-  set_report_sink([](const std::string& line) { reports.push_back(line); });
+  set_report_sink([](const char* line) noexcept { reports.emplace_back(line); });
   std::string fault;
   EXPECT_FALSE(Profile::open(path, fault));
   EXPECT_EQ(fault, "profile " + path + ": No such file or directory");

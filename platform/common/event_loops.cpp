@@ -2,6 +2,7 @@
 
 #include <asio/post.hpp>
 
+#include <chrono>
 #include <csignal>
 #include <future>
 #include <new>
@@ -14,14 +15,26 @@ namespace corvane {
 
 namespace {
 
-// Work for which memory runs out is lost, and the loop goes on with the next.
-void run_to_the_end(asio::io_context& context) {
+constexpr std::chrono::milliseconds memory_retry{100};
+
+// Work for which memory runs out is lost, and with it perhaps what was to wait for the next event. After a pause
+// in which the others may give memory back, `rearm` waits for it again.
+template <class Rearm>
+void run_to_the_end(asio::io_context& context, Rearm rearm) {
+  LimitedReport lost;
+  bool ran_out = false;
   for (;;) {
     try {
+      if (ran_out) {
+        context.run_for(memory_retry);
+        rearm();
+        ran_out = false;
+      }
       context.run();
       return;
     } catch (const std::bad_alloc&) {
-      report("out of memory: a piece of work was dropped");
+      lost("out of memory: a piece of work was dropped");
+      ran_out = true;
     }
   }
 }
@@ -38,7 +51,9 @@ MainLoop::MainLoop() {
 
 void MainLoop::run() {
   const auto stay = asio::make_work_guard(context_);
-  run_to_the_end(context_);
+  run_to_the_end(context_, [this] {
+    for (Watch& watch : watches_) wait_for(watch);
+  });
 }
 
 void MainLoop::watch(int descriptor, std::function<void()> readable) {
@@ -46,12 +61,15 @@ void MainLoop::watch(int descriptor, std::function<void()> readable) {
 }
 
 void MainLoop::wait_for(Watch& watch) {
+  if (watch.waits) return;
   watch.descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
                               [this, &watch](const std::error_code& error) {
+                                watch.waits = false;
                                 if (error) return;
                                 watch.readable();
                                 wait_for(watch);
                               });
+  watch.waits = true;
 }
 
 void MainLoop::submit(std::function<void()> work) { asio::post(context_, std::move(work)); }
@@ -69,7 +87,11 @@ void RequestQueue::submit(std::function<void()> work) {
 void RequestQueue::submit_and_wait(const std::function<void()>& work) {
   std::promise<void> done;
   submit([&] {
-    work();
+    try {
+      work();
+    } catch (const std::bad_alloc&) {
+      report("out of memory: a piece of work was dropped");
+    }
     done.set_value();
   });
   done.get_future().wait();
@@ -77,7 +99,11 @@ void RequestQueue::submit_and_wait(const std::function<void()>& work) {
 
 void RequestQueue::create(const char* label) {
   stay_.emplace(asio::make_work_guard(context_));
-  thread_ = std::thread([this] { run_to_the_end(context_); });
+  thread_ = std::thread([this] {
+    run_to_the_end(context_, [this] {
+      for (const auto& rearm : rearms_) rearm();
+    });
+  });
   owner_ = thread_.get_id();
   pthread_setname_np(thread_.native_handle(), label);
 }

@@ -9,6 +9,8 @@
 #include <functional>
 #include <optional>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "platform/run_loop.h"
 
@@ -29,6 +31,7 @@ class MainLoop final : public RunLoop, public WorkQueue {
   struct Watch {
     asio::posix::stream_descriptor descriptor;
     std::function<void()> readable;
+    bool waits = false;
   };
   void wait_for(Watch& watch);
 
@@ -48,6 +51,11 @@ class RequestQueue final : public WorkQueue {
   bool is_current() const override { return std::this_thread::get_id() == owner_; }
   void create(const char* label) override;
 
+  /// `rearm` is called some time after memory has run out on the queue, again and again until it does not throw:
+  /// it waits anew for what the queue is to go on waiting for, and does nothing where that goes on. Before
+  /// `create`.
+  void rearm_with(std::function<void()> rearm) { rearms_.push_back(std::move(rearm)); }
+
   /// `submit`, and waits until the work is done. Not from the queue itself.
   void submit_and_wait(const std::function<void()>& work);
 
@@ -57,6 +65,7 @@ class RequestQueue final : public WorkQueue {
  private:
   asio::io_context context_{1};
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> stay_;
+  std::vector<std::function<void()>> rearms_;
   std::thread thread_;
   std::atomic<std::thread::id> owner_{std::this_thread::get_id()};
 };

@@ -5,14 +5,14 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <new>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
+#include "platform/descriptor.h"
 #include "platform/report.h"
-#include "wire/limits.h"
 #include "wire/socket_address.h"
 
 namespace corvane {
@@ -43,45 +43,62 @@ int create_listening_socket(const std::string& path, mode_t mode) {
 
 }  // namespace
 
+wire::ConnectionLimits connection_limits() {
+  rlimit descriptors{};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  return wire::connection_limits(descriptors.rlim_cur);
+}
+
 ListeningSocket::ListeningSocket(std::string path, mode_t mode, asio::io_context& context)
     : path_(std::move(path)), mode_(mode), acceptor_(context), retry_timer_(context) {}
 
-void ListeningSocket::open(Newcomer newcomer) {
-  newcomer_ = std::move(newcomer);
-  listen();
+void ListeningSocket::open(std::shared_ptr<Host> host) {
+  host_ = std::move(host);
+  rearm();
 }
 
-void ListeningSocket::listen() {
-  const int socket = create_listening_socket(path_, mode_);
-  if (socket < 0) {
-    report("could not listen on " + path_ + ": " + std::strerror(errno));
-    return try_again(wire::bind_retry, &ListeningSocket::listen);
-  }
-  std::error_code error;
-  acceptor_.assign(asio::local::stream_protocol(), socket, error);
-  if (!error) acceptor_.non_blocking(true, error);
-  if (error) return report("could not serve " + path_ + ": " + error.message());
-  accept_next();
+void ListeningSocket::accept_next() {
+  wants_newcomer_ = true;
+  rearm();
 }
 
 // Waits and then accepts, in one step on this thread: a connection that an asynchronous accept had taken, and
 // not yet told of, would be unknown to `accept_waiting`.
-void ListeningSocket::accept_next() {
-  try {
-    acceptor_.async_wait(asio::socket_base::wait_read, [self = shared_from_this()](const std::error_code& error) {
-      if (!error && self->newcomer_) self->accept_one();
-    });
-  } catch (const std::bad_alloc&) {
-    try_again(wire::accept_retry, &ListeningSocket::accept_next);
+void ListeningSocket::rearm() {
+  if (!host_ || waits_) return;
+  if (!acceptor_.is_open() && !listen()) return try_again_after(wire::bind_retry);
+  if (!wants_newcomer_) return;
+  acceptor_.async_wait(asio::socket_base::wait_read, [self = shared_from_this()](const std::error_code&) {
+    self->waits_ = false;
+    if (self->host_) self->accept_one();
+  });
+  waits_ = true;
+}
+
+bool ListeningSocket::listen() {
+  Descriptor socket(create_listening_socket(path_, mode_));
+  std::error_code error(socket.is_open() ? 0 : errno, std::system_category());
+  if (!error) acceptor_.assign(asio::local::stream_protocol(), socket.number(), error);
+  if (!error) {
+    socket.detach();
+    acceptor_.non_blocking(true, error);
   }
+  if (error && error.value() != failure_) {
+    report("could not listen on %s: %s", path_.c_str(), std::strerror(error.value()));
+  }
+  failure_ = error.value();
+  return acceptor_.is_open();
 }
 
 void ListeningSocket::accept_one() {
   std::error_code error;
-  if (std::optional<Socket> socket = accept(error)) return newcomer_(std::move(*socket));
-  if (error == asio::error::would_block) return accept_next();
-  // Most likely there are no descriptors left.
-  try_again(wire::accept_retry, &ListeningSocket::accept_next);
+  if (std::optional<Socket> socket = accept(error)) {
+    wants_newcomer_ = false;
+    return host_->take_newcomer(std::move(*socket));
+  }
+  if (error == asio::error::would_block) return rearm();
+  if (error == asio::error::no_descriptors) host_->descriptors_ran_out();
+  try_again_after(wire::accept_retry);
 }
 
 std::optional<ListeningSocket::Socket> ListeningSocket::accept(std::error_code& error) {
@@ -96,15 +113,17 @@ std::optional<ListeningSocket::Socket> ListeningSocket::accept_waiting() {
   return accept(ignored);
 }
 
-void ListeningSocket::try_again(std::chrono::milliseconds delay, void (ListeningSocket::*what)()) {
+void ListeningSocket::try_again_after(std::chrono::milliseconds delay) {
   retry_timer_.expires_after(delay);
-  retry_timer_.async_wait([self = shared_from_this(), what](const std::error_code& error) {
-    if (!error && self->newcomer_) (self.get()->*what)();
+  retry_timer_.async_wait([self = shared_from_this()](const std::error_code&) {
+    self->waits_ = false;
+    self->rearm();
   });
+  waits_ = true;
 }
 
 void ListeningSocket::shut_down() {
-  newcomer_ = nullptr;
+  host_ = nullptr;
   if (acceptor_.is_open()) unlink(wire::SocketAddress(path_).path());
   std::error_code ignored;
   acceptor_.close(ignored);

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <new>
 #include <optional>
-#include <sys/resource.h>
 #include <utility>
 
 #include "platform/common/listening_socket.h"
@@ -29,21 +28,15 @@ struct Policy {
   bool evicts;  ///< the connection silent for longest makes room for a newcomer
 };
 
-size_t public_connections() {
-  rlimit descriptors{};
-  getrlimit(RLIMIT_NOFILE, &descriptors);
-  const rlim_t spare =
-      descriptors.rlim_cur > wire::descriptor_reserve ? descriptors.rlim_cur - wire::descriptor_reserve : 1;
-  return static_cast<size_t>(std::min<rlim_t>(wire::public_connection_limit, spare));
-}
-
 Policy policy_for(ServiceAccess access) {
   if (access == ServiceAccess::owner)
     return {0600, wire::admin_request_limit, wire::admin_connection_limit, false};
-  return {0666, wire::public_request_limit, public_connections(), true};
+  return {0666, wire::public_request_limit, connection_limits().public_connections, true};
 }
 
-class LocalService final : public ConnectionOwner, public std::enable_shared_from_this<LocalService> {
+using Socket = LocalConnection::Socket;
+
+class LocalService final : public Host, public ConnectionOwner, public std::enable_shared_from_this<LocalService> {
  public:
   LocalService(std::string path, ServiceAccess access, RequestQueue& queue, ServiceListener& listener)
       : policy_(policy_for(access)),
@@ -53,20 +46,29 @@ class LocalService final : public ConnectionOwner, public std::enable_shared_fro
 
   void set_delegate(ServiceListenerDelegate& delegate) { delegate_ = &delegate; }
   void open();
+  /// Goes on where memory ran out in the middle of something.
+  void rearm();
   void shut_down();
+
+  void take_newcomer(Socket socket) override;
+  void descriptors_ran_out() override;
 
   void connection_was_active(LocalConnection& connection) override;
   void connection_has_deadline() override;
-  void connection_closed(LocalConnection& connection) override;
+  void connection_closed(LocalConnection& connection, const char* reason) override;
+  void output_grew(size_t bytes) override;
+  void output_shrank(size_t bytes) override { output_ -= bytes; }
+  bool takes_requests() const override { return !full_; }
+  bool needs_room() const override { return full_ && output_ > wire::all_unread_output_limit / 2; }
 
  private:
-  using Socket = LocalConnection::Socket;
-
   void admit_newcomer();
   bool make_room();
   void look_for_room_after(Clock::duration delay);
   void set_up(Socket socket);
   void tick();
+  template <class Visit>
+  void for_each_connection(Visit visit);
 
   const Policy policy_;
   RequestQueue& queue_;
@@ -82,15 +84,21 @@ class LocalService final : public ConnectionOwner, public std::enable_shared_fro
   std::optional<Socket> newcomer_;  ///< accepted, and waiting for room
   Clock::time_point newcomer_since_;
   LocalConnection::List connections_;  ///< the one silent for longest first
+  size_t output_ = 0;                  ///< bytes of the answers that were not read whole
+  bool full_ = false;                  ///< there were too many, and there is no room yet
+
+  LimitedReport turned_away_;
+  LimitedReport closed_;
 };
 
 void LocalService::open() {
-  if (shut_down_) return;
-  listening_->open([self = shared_from_this()](Socket socket) {
-    self->newcomer_ = std::move(socket);
-    self->newcomer_since_ = Clock::now();
-    self->admit_newcomer();
-  });
+  if (!shut_down_) listening_->open(shared_from_this());
+}
+
+void LocalService::rearm() {
+  listening_->rearm();
+  admit_newcomer();
+  if (!connections_.empty()) connection_has_deadline();
 }
 
 void LocalService::shut_down() {
@@ -99,10 +107,22 @@ void LocalService::shut_down() {
   room_timer_.cancel();
   tick_timer_.cancel();
   newcomer_.reset();
-  while (!connections_.empty()) connections_.front()->close("");
+  while (!connections_.empty()) connections_.front()->close();
 }
 
 // ---- newcomers ----------------------------------------------------------------------------------------
+
+void LocalService::take_newcomer(Socket socket) {
+  newcomer_ = std::move(socket);
+  newcomer_since_ = Clock::now();
+  admit_newcomer();
+}
+
+void LocalService::descriptors_ran_out() {
+  if (!policy_.evicts || connections_.empty()) return;
+  LocalConnection& oldest = *connections_.front();
+  if (Clock::now() - oldest.silent_since >= wire::eviction_grace) oldest.close();
+}
 
 void LocalService::look_for_room_after(Clock::duration delay) {
   room_timer_.expires_after(delay);
@@ -127,7 +147,7 @@ bool LocalService::make_room() {
   if (connections_.size() < policy_.connection_limit) return true;
   if (!policy_.evicts) {
     newcomer_.reset();
-    report("turned a newcomer away from " + listening_->path() + ": too many connections");
+    turned_away_("turned a newcomer away from %s: too many connections", listening_->path().c_str());
     listening_->accept_next();
     return false;
   }
@@ -138,7 +158,7 @@ bool LocalService::make_room() {
     look_for_room_after(wire::eviction_grace - grace_used);
     return false;
   }
-  oldest.close("");
+  oldest.close();
   return true;
 }
 
@@ -147,7 +167,7 @@ void LocalService::set_up(Socket socket) {
       std::make_shared<LocalConnection>(std::move(socket), queue_, policy_.request_limit, *this);
   connection->place = connections_.insert(connections_.end(), connection);
   try {
-    if (!delegate_->listener_shouldAcceptNewConnection(listener_, *connection)) connection->close("");
+    if (!delegate_->listener_shouldAcceptNewConnection(listener_, *connection)) connection->close();
   } catch (const std::bad_alloc&) {
     connection->close("out of memory");
   }
@@ -160,26 +180,46 @@ void LocalService::connection_was_active(LocalConnection& connection) {
   connections_.splice(connections_.end(), connections_, connection.place);
 }
 
-void LocalService::connection_closed(LocalConnection& connection) {
+void LocalService::connection_closed(LocalConnection& connection, const char* reason) {
+  if (reason != nullptr) closed_("closed a connection: %s", reason);
   connections_.erase(connection.place);
   // Its room goes to the newcomer that waits; the timer it waits on would only come later.
   if (newcomer_ && !shut_down_) look_for_room_after(Clock::duration::zero());
 }
 
 void LocalService::connection_has_deadline() {
-  if (std::exchange(ticking_, true)) return;
+  if (ticking_) return;
   tick_timer_.expires_after(LocalConnection::tick_interval);
   tick_timer_.async_wait([self = shared_from_this()](const std::error_code& error) {
     if (!error && !self->shut_down_) self->tick();
   });
+  ticking_ = true;
+}
+
+void LocalService::output_grew(size_t bytes) {
+  output_ += bytes;
+  full_ |= output_ > wire::all_unread_output_limit;
+}
+
+// The one silent for longest first. The connection may go, or move to the end, where it is met again.
+template <class Visit>
+void LocalService::for_each_connection(Visit visit) {
+  for (auto next = connections_.begin(); next != connections_.end();) {
+    const std::shared_ptr<LocalConnection> connection = *next++;
+    visit(*connection);
+  }
 }
 
 void LocalService::tick() {
   ticking_ = false;
   bool more = false;
-  for (auto next = connections_.begin(); next != connections_.end();) {
-    const std::shared_ptr<LocalConnection> connection = *next++;
-    more |= connection->tick();
+  for_each_connection([&more](LocalConnection& connection) { more |= connection.tick(); });
+  if (full_ && !needs_room()) {
+    full_ = false;
+    more = true;
+    for_each_connection([this](LocalConnection& connection) {
+      if (!full_) connection.resume();
+    });
   }
   if (more) connection_has_deadline();
 }
@@ -189,7 +229,11 @@ void LocalService::tick() {
 class LocalListener final : public ServiceListener {
  public:
   LocalListener(std::string path, ServiceAccess access, RequestQueue& queue)
-      : queue_(queue), service_(std::make_shared<LocalService>(std::move(path), access, queue, *this)) {}
+      : queue_(queue), service_(std::make_shared<LocalService>(std::move(path), access, queue, *this)) {
+    queue_.rearm_with([weak = std::weak_ptr(service_)] {
+      if (const auto service = weak.lock()) service->rearm();
+    });
+  }
 
   ~LocalListener() override {
     queue_.submit_and_wait([this] { service_->shut_down(); });

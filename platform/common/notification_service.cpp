@@ -35,13 +35,13 @@ class Subscriber : public std::enable_shared_from_this<Subscriber> {
  public:
   explicit Subscriber(Socket socket) : socket_(std::move(socket)) {}
 
-  bool is_open() const { return socket_.is_open(); }
+  /// Whether the connection is at its end. Closes it where only the other end was closed.
+  bool is_gone();
   void watch_for_the_end();
   void send(const std::string& frame);
   void close();
 
  private:
-  bool peer_is_gone();
   void write_unsent();
 
   Socket socket_;
@@ -52,15 +52,16 @@ class Subscriber : public std::enable_shared_from_this<Subscriber> {
 };
 
 // Whoever has only closed its sending side still listens.
-bool Subscriber::peer_is_gone() {
+bool Subscriber::is_gone() {
   pollfd state{socket_.native_handle(), 0, 0};
-  return poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLERR)) != 0;
+  if (poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLERR)) != 0) close();
+  return !socket_.is_open();
 }
 
 void Subscriber::watch_for_the_end() {
   socket_.async_read_some(asio::buffer(unwanted_),
                           [self = shared_from_this()](const std::error_code& error, size_t) {
-                            if (self->is_open() && (!error || self->peer_is_gone())) self->close();
+                            if (!self->is_gone() && !error) self->close();
                           });
 }
 
@@ -83,7 +84,7 @@ void Subscriber::write_unsent() {
   waits_to_write_ = true;
   socket_.async_wait(Socket::wait_write, [self = shared_from_this()](const std::error_code& failed) {
     self->waits_to_write_ = false;
-    if (!failed && self->is_open()) self->write_unsent();
+    if (!failed && self->socket_.is_open()) self->write_unsent();
   });
 }
 
@@ -95,26 +96,28 @@ void Subscriber::close() {
 }  // namespace
 
 /// The subscribers and the socket they come through. Request queue.
-class NotificationService::Hub : public std::enable_shared_from_this<Hub> {
+class NotificationService::Hub : public Host, public std::enable_shared_from_this<Hub> {
  public:
   Hub(std::string path, RequestQueue& queue)
       : listening_(std::make_shared<ListeningSocket>(std::move(path), 0666, queue.context())) {}
 
-  void open() {
-    listening_->open([self = shared_from_this()](Socket socket) {
-      self->add(std::move(socket));
-      self->listening_->accept_next();
-    });
+  void open() { listening_->open(shared_from_this()); }
+  void rearm() { listening_->rearm(); }
+
+  void take_newcomer(Socket socket) override {
+    listening_->accept_next();
+    drop_those_gone();
+    add(std::move(socket));
   }
 
   void post(const plist::String& name) {
+    drop_those_gone();
     // No more than there may be subscribers: who keeps connecting must not keep a post from returning.
-    for (size_t i = 0; i < wire::subscriber_limit; ++i) {
+    for (size_t i = 0; i < limit_; ++i) {
       std::optional<Socket> waiting = listening_->accept_waiting();
       if (!waiting) break;
       add(std::move(*waiting));
     }
-    drop_closed();
     if (subscribers_.empty()) return;
     const std::string frame = frame_of(*wire::make_notification(name));
     for (const auto& subscriber : subscribers_) subscriber->send(frame);
@@ -128,10 +131,7 @@ class NotificationService::Hub : public std::enable_shared_from_this<Hub> {
 
  private:
   void add(Socket socket) {
-    drop_closed();
-    if (subscribers_.size() == wire::subscriber_limit) {
-      return report("turned a subscriber away: there are " + std::to_string(wire::subscriber_limit));
-    }
+    if (subscribers_.size() >= limit_) return turned_away_("turned a subscriber away: there are %zu", limit_);
     std::error_code error;
     socket.non_blocking(true, error);
     const auto subscriber = std::make_shared<Subscriber>(std::move(socket));
@@ -139,16 +139,22 @@ class NotificationService::Hub : public std::enable_shared_from_this<Hub> {
     subscribers_.push_back(subscriber);
   }
 
-  void drop_closed() {
-    subscribers_.remove_if([](const auto& subscriber) { return !subscriber->is_open(); });
+  void drop_those_gone() {
+    subscribers_.remove_if([](const auto& subscriber) { return subscriber->is_gone(); });
   }
 
   const std::shared_ptr<ListeningSocket> listening_;
+  const size_t limit_ = connection_limits().subscribers;
+  LimitedReport turned_away_;
   std::list<std::shared_ptr<Subscriber>> subscribers_;
 };
 
 NotificationService::NotificationService(std::string path, RequestQueue& queue)
-    : queue_(queue), hub_(std::make_shared<Hub>(std::move(path), queue)) {}
+    : queue_(queue), hub_(std::make_shared<Hub>(std::move(path), queue)) {
+  queue_.rearm_with([weak = std::weak_ptr(hub_)] {
+    if (const auto hub = weak.lock()) hub->rearm();
+  });
+}
 
 NotificationService::~NotificationService() {
   queue_.submit_and_wait([this] { hub_->shut_down(); });

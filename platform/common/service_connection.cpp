@@ -2,10 +2,9 @@
 
 #include <cassert>
 #include <new>
-#include <string>
+#include <string_view>
 #include <utility>
 
-#include "platform/report.h"
 #include "wire/limits.h"
 
 namespace corvane {
@@ -13,7 +12,11 @@ namespace corvane {
 namespace {
 
 // One more than the patience is long, because the first tick may follow at once.
-constexpr int patience_ticks = static_cast<int>(wire::patience / LocalConnection::tick_interval) + 1;
+constexpr int ticks(std::chrono::milliseconds patience) {
+  return static_cast<int>(patience / LocalConnection::tick_interval) + 1;
+}
+constexpr int patience_ticks = ticks(wire::patience);
+constexpr int patience_lost_in_need = patience_ticks - ticks(wire::patience_in_need);
 
 }  // namespace
 
@@ -29,23 +32,25 @@ void LocalConnection::set_delivery_queue([[maybe_unused]] WorkQueue& queue) {
   assert(&queue == &queue_ && "connections live on the request queue");
 }
 
-void LocalConnection::resume() { read_more(); }
+void LocalConnection::resume() { serve(); }
 
-void LocalConnection::close(std::string_view reason) {
+void LocalConnection::close(const char* reason) {
   if (closed_) return;
   closed_ = true;
-  if (!reason.empty()) report("closed a connection: " + std::string(reason));
   std::error_code ignored;
   socket_.close(ignored);
-  owner_.connection_closed(*this);
+  owner_.output_shrank(unsent_ + sent_of_front_);
+  owner_.connection_closed(*this, reason);
 }
 
 // ---- requests -----------------------------------------------------------------------------------------
 
-bool LocalConnection::takes_requests() const { return input_open_ && unsent_ <= wire::unread_output_limit; }
+bool LocalConnection::takes_requests() const {
+  return input_open_ && unsent_ <= wire::unread_output_limit && owner_.takes_requests();
+}
 
 // The answers already due are still sent.
-void LocalConnection::take_no_more(std::string_view reason) {
+void LocalConnection::take_no_more(const char* reason) {
   input_open_ = false;
   close_reason_ = reason;
 }
@@ -59,10 +64,9 @@ void LocalConnection::read_more() {
                             self->reading_ = false;
                             if (self->closed_) return;
                             if (error) {
-                              self->take_no_more("");
+                              self->take_no_more(nullptr);
                             } else {
                               self->reader_.added(count);
-                              self->owner_.connection_was_active(*self);
                             }
                             self->serve();
                           });
@@ -99,9 +103,12 @@ void LocalConnection::serve_requests() {
 void LocalConnection::respond(const wire::Frame& request) {
   plist::ByteChain body;
   if (!interface_->deliver(*object_, Message{request.kind, request.body}, body)) return;
+  owner_.connection_was_active(*this);
+  const size_t size = wire::header_size + body.size();
   const auto length = static_cast<uint32_t>(body.size());
-  unsent_ += wire::header_size + body.size();
   output_.push_back({wire::encode_header({wire::raw_data_kind, length}), std::move(body)});
+  unsent_ += size;
+  owner_.output_grew(size);
 }
 
 // ---- responses ----------------------------------------------------------------------------------------
@@ -112,7 +119,7 @@ void LocalConnection::write_more() {
   socket_.async_write_some(gather(), [self = shared_from_this()](const std::error_code& error, size_t count) {
     self->writing_ = false;
     if (self->closed_) return;
-    if (error) return self->close("");
+    if (error) return self->close();
     self->written(count);
     self->owner_.connection_was_active(*self);
     self->serve();
@@ -141,8 +148,10 @@ void LocalConnection::written(size_t count) {
   unsent_ -= count;
   sent_of_front_ += count;
   while (!output_.empty() && sent_of_front_ >= wire::header_size + output_.front().body.size()) {
-    sent_of_front_ -= wire::header_size + output_.front().body.size();
+    const size_t size = wire::header_size + output_.front().body.size();
+    sent_of_front_ -= size;
     output_.pop_front();
+    owner_.output_shrank(size);
   }
 }
 
@@ -168,7 +177,8 @@ void LocalConnection::settle() {
 
 bool LocalConnection::tick() {
   if (request_ticks_left_ > 0 && --request_ticks_left_ == 0) close("its request did not arrive whole in time");
-  if (write_ticks_left_ > 0 && --write_ticks_left_ == 0) close("it did not read its answers");
+  const int patience_lost = owner_.needs_room() ? patience_lost_in_need : 0;
+  if (write_ticks_left_ > 0 && --write_ticks_left_ <= patience_lost) close("it did not read its answers");
   return request_ticks_left_ > 0 || write_ticks_left_ > 0;
 }
 

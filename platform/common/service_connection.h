@@ -8,7 +8,6 @@
 #include <deque>
 #include <list>
 #include <memory>
-#include <string_view>
 
 #include "platform/common/event_loops.h"
 #include "platform/named_service.h"
@@ -24,12 +23,20 @@ class ConnectionOwner {
  public:
   virtual ~ConnectionOwner() = default;
 
-  /// Bytes came or went.
+  /// A request came whole, or bytes of its answers went.
   virtual void connection_was_active(LocalConnection& connection) = 0;
   /// The connection counts the owner's ticks down from now on.
   virtual void connection_has_deadline() = 0;
-  /// The connection is closed; the owner drops it.
-  virtual void connection_closed(LocalConnection& connection) = 0;
+  /// The connection is closed; the owner drops it. `reason` is null where there is nothing to report.
+  virtual void connection_closed(LocalConnection& connection, const char* reason) = 0;
+
+  /// Bytes of answers that a connection holds, and that it holds no longer.
+  virtual void output_grew(size_t bytes) = 0;
+  virtual void output_shrank(size_t bytes) = 0;
+  /// Whether there is room for more of them. Where there was none, `resume` is called when there is.
+  virtual bool takes_requests() const = 0;
+  /// Whether room is to be made by those who do not read.
+  virtual bool needs_room() const = 0;
 };
 
 /// One client's socket: reads requests, has each delivered, and sends the responses in order, several in
@@ -53,8 +60,8 @@ class LocalConnection final : public ServiceConnection, public std::enable_share
   /// Closes a connection that has kept the daemon waiting for too long. Answers whether the connection has
   /// a deadline still.
   bool tick();
-  /// Closes at once, whatever is still due, and tells the owner. `reason` is reported where there is one.
-  void close(std::string_view reason);
+  /// Closes at once, whatever is still due, and tells the owner.
+  void close(const char* reason = nullptr);
 
   /// For the owner: the place in its list, and since when the connection is silent.
   List::iterator place;
@@ -76,7 +83,7 @@ class LocalConnection final : public ServiceConnection, public std::enable_share
   };
 
   bool takes_requests() const;
-  void take_no_more(std::string_view reason);
+  void take_no_more(const char* reason);
   void read_more();
   void serve();
   void serve_requests();
@@ -103,7 +110,7 @@ class LocalConnection final : public ServiceConnection, public std::enable_share
   bool writing_ = false;
 
   bool closed_ = false;
-  std::string_view close_reason_;
+  const char* close_reason_ = nullptr;
   int request_ticks_left_ = 0;
   int write_ticks_left_ = 0;
 };

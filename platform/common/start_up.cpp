@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <malloc.h>
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -84,6 +85,8 @@ bool prepare_process(const std::string& root, std::string& refusal) {
   }
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
+  // Left to itself, malloc(3) would soon keep the memory of large answers instead of giving it back.
+  mallopt(M_MMAP_THRESHOLD, 1 << 20);
   return take_lock(root + "/run/corvaned/corvaned.lock", refusal);
 }
 

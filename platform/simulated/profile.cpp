@@ -26,7 +26,7 @@ plist::Ref<plist::Dictionary> Profile::current() {
   const plist::Ref<plist::Dictionary> answer = last_good_;
   lock.unlock();
   if (is_new && !now.fault.empty()) {
-    report("profile " + file_.path() + ": " + now.fault + "; the last good one stays");
+    report("profile %s: %s; the last good one stays", file_.path().c_str(), now.fault.c_str());
   }
   return answer;
 }

@@ -127,7 +127,9 @@ Ref<plist::Value> SimulatedTelephony::copy_my_phone_number() { return copy_entry
 
 void SimulatedTelephony::set_default_run_loop(RunLoop& run_loop) {
   const int watcher = watch_folders_of(profile_.path());
-  if (watcher < 0) return report("could not watch the folder of " + profile_.path() + ": " + std::strerror(errno));
+  if (watcher < 0) {
+    return report("could not watch the folder of %s: %s", profile_.path().c_str(), std::strerror(errno));
+  }
   // What changed before the watch began is part of what there is to begin with.
   take_new_snapshot();
   run_loop.watch(watcher, [this, watcher] {
