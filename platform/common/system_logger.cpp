@@ -8,17 +8,21 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <exception>
 #include <fcntl.h>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 #include <utility>
 
+#include "platform/descriptor.h"
 #include "plist/unicode.h"
+#include "wire/socket_address.h"
 
 // spdlog rotates the disk copy, but expects a folder that works and throws when something fails. DiskCopy
 // stands around its sink and opens it only where opening succeeds (spdlog would create folders, wait for a
@@ -185,6 +189,46 @@ class DiskCopy {
 
 }  // namespace
 
+// syslog(3) would wait for as long as nobody reads what the system log holds.
+class SystemLogger::SystemLog {
+ public:
+  explicit SystemLog(std::string path) : path_(std::move(path)) {}
+
+  void write(int level, std::string_view text) {
+    const std::string line = head(level).append(text);
+    if (socket_ && (send(line) || errno == EAGAIN || errno == EMSGSIZE)) return;
+    // Nobody was there the last time, or somebody else.
+    connect();
+    if (socket_) send(line);
+  }
+
+ private:
+  // As syslog(3) writes it.
+  static std::string head(int level) {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    char text[64];
+    const int size =
+        std::snprintf(text, sizeof text, "<%d>", LOG_DAEMON | std::clamp(level, LOG_EMERG, LOG_DEBUG));
+    std::strftime(text + size, sizeof text - static_cast<size_t>(size), "%b %e %H:%M:%S ", &local);
+    return std::string(text) + "corvaned[" + std::to_string(getpid()) + "]: ";
+  }
+
+  bool send(const std::string& line) const {
+    return ::send(socket_->number(), line.data(), line.size(), MSG_NOSIGNAL) >= 0;
+  }
+
+  void connect() {
+    const wire::SocketAddress address(path_);
+    socket_.emplace(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (::connect(socket_->number(), address.get(), address.size()) != 0) socket_.reset();
+  }
+
+  const std::string path_;
+  std::optional<Descriptor> socket_;
+};
+
 class Logger::Handle {
  public:
   struct Written {
@@ -224,12 +268,12 @@ class Logger::Handle {
   std::optional<DiskCopy> disk_;
 };
 
-SystemLogger::SystemLogger(Preferences& preferences, bool copy_to_stderr)
-    : preferences_(preferences), copy_to_stderr_(copy_to_stderr) {
-  openlog("corvaned", LOG_PID, LOG_DAEMON);
-}
+SystemLogger::SystemLogger(Preferences& preferences, bool copy_to_stderr, std::string system_log)
+    : preferences_(preferences),
+      copy_to_stderr_(copy_to_stderr),
+      system_log_(std::make_unique<SystemLog>(std::move(system_log))) {}
 
-SystemLogger::~SystemLogger() { closelog(); }
+SystemLogger::~SystemLogger() = default;
 
 Logger::Handle* SystemLogger::open(const char*, int) {
   try {
@@ -265,10 +309,7 @@ void SystemLogger::write(Handle* handle, int level, const char* tag, const char*
   try {
     const std::lock_guard lock(mutex_);
     const auto written = handle->write(level, tag, argument.view());
-    if (level <= LOG_NOTICE || !written.on_disk) {
-      const std::string_view text = written.headless();
-      syslog(std::clamp(level, LOG_EMERG, LOG_DEBUG), "%.*s", static_cast<int>(text.size()), text.data());
-    }
+    if (level <= LOG_NOTICE || !written.on_disk) system_log_->write(level, written.headless());
     if (copy_to_stderr_) {
       [[maybe_unused]] const ssize_t best_effort =
           ::write(STDERR_FILENO, written.line.data(), written.line.size());

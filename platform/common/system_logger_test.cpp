@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstdarg>
 #include <regex>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <thread>
@@ -13,18 +13,7 @@
 
 #include "platform/common/preferences.h"
 #include "tests/support/test_platform.h"
-
-static std::vector<std::string> system_log;
-
-// Stands in for the C library's: what the logger sends to the system log is kept here.
-extern "C" void syslog(int priority, const char* format, ...) {
-  char text[256];
-  va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(text, sizeof text, format, arguments);
-  va_end(arguments);
-  system_log.push_back("<" + std::to_string(priority) + ">" + text);
-}
+#include "wire/socket_address.h"
 
 namespace corvane {
 namespace {
@@ -36,7 +25,29 @@ constexpr size_t file_bytes = 65536;
 
 class SystemLoggerTest : public ::testing::Test {
  protected:
-  SystemLoggerTest() { system_log.clear(); }
+  SystemLoggerTest() { listen(); }
+  ~SystemLoggerTest() override { close(system_log_); }
+
+  void listen() {
+    const wire::SocketAddress address(root_ + "/log");
+    unlink(address.path());
+    ASSERT_EQ(bind(system_log_, address.get(), address.size()), 0);
+  }
+
+  // What the system log has got since the last time, as "<level>text".
+  Lines system_log() {
+    Lines lines;
+    char line[256];
+    for (ssize_t size; (size = recv(system_log_, line, sizeof line, MSG_DONTWAIT)) > 0;) {
+      const std::string text(line, static_cast<size_t>(size));
+      const std::regex layout(R"(<(\d+)>[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d corvaned\[)" +
+                              std::to_string(getpid()) + R"(\]: ([^]*))");
+      std::smatch parts;
+      if (!std::regex_match(text, parts, layout)) return {"bad layout: " + text};
+      lines.push_back("<" + std::to_string(std::stoi(parts[1]) - LOG_DAEMON) + ">" + parts[2].str());
+    }
+    return lines;
+  }
 
   // The first one opens the log.
   void write(std::string_view text, int level = LOG_DEBUG) {
@@ -68,7 +79,8 @@ class SystemLoggerTest : public ::testing::Test {
   const std::string logs_ = root_ + "/var/mobile/Library/Logs";
   const std::string log_ = logs_ + "/corvaned/corvaned.log";
   PreferenceFiles preferences_{root_};
-  SystemLogger logger_{preferences_, false};
+  SystemLogger logger_{preferences_, false, root_ + "/log"};
+  int system_log_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   Logger::Handle* handle_ = nullptr;
 };
 
@@ -91,7 +103,22 @@ TEST_F(SystemLoggerTest, FifoHangsNothing) {
   ASSERT_EQ(mkfifo(preferences_file_.c_str(), 0644) + mkfifo(log_.c_str(), 0644), 0);
   EXPECT_EQ(logger_.configured_level("Corvane"), Logger::no_level);
   write("not into the pipe");
-  EXPECT_EQ(system_log, Lines{"<7>CV: not into the pipe"});
+  EXPECT_EQ(system_log(), Lines{"<7>CV: not into the pipe"});
+}
+
+// The daemon hung where whoever reads the system log had stopped.
+TEST_F(SystemLoggerTest, AFullSystemLogHoldsNothingUp) {
+  for (int i = 0; i < 2000; ++i) write(std::to_string(i), LOG_NOTICE);
+  EXPECT_EQ(disk_lines_after("on disk").back(), "on disk");
+  const Lines first = system_log();
+  EXPECT_TRUE(!first.empty() && first.size() < 2000 && first[0] == "<5>CV: 0") << first.size();
+  write("read again", LOG_NOTICE);
+  EXPECT_EQ(system_log(), Lines{"<5>CV: read again"});
+  close(std::exchange(system_log_, socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)));
+  write("nobody there", LOG_NOTICE);
+  listen();
+  write("another one", LOG_NOTICE);
+  EXPECT_EQ(system_log(), Lines{"<5>CV: another one"});
 }
 
 TEST_F(SystemLoggerTest, MessageIsOneLine) {
@@ -99,7 +126,7 @@ TEST_F(SystemLoggerTest, MessageIsOneLine) {
   write("a\tb\r\nc\x1b[2J\x7f \xc2\x85 \xe2\x80\xa8 \xc3\xa4\xe2\x82\xac\n\n", LOG_INFO);
   EXPECT_EQ(disk_lines_after(std::string_view("\0", 1)),
             (Lines{"100% of %s %n", "a\\tb\\r\\nc\\x1b[2J\\x7f \\x85 \\u2028 \xc3\xa4\xe2\x82\xac\\n", "\\x00"}));
-  EXPECT_EQ(system_log, Lines{"<5>CV: 100% of %s %n"});
+  EXPECT_EQ(system_log(), Lines{"<5>CV: 100% of %s %n"});
   const std::regex layout(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z corvaned\[)" + std::to_string(getpid()) +
                           R"(\] <5> CV: 100%[^]*)");
   EXPECT_TRUE(std::regex_match(testing::read_file(log_), layout));
@@ -130,7 +157,7 @@ TEST_F(SystemLoggerTest, FolderGoesAndComesBack) {
   fs::remove(logs_);
   write("nowhere to go");
   EXPECT_FALSE(fs::exists(logs_)) << "only the last folder is the log's own";
-  EXPECT_EQ(system_log, Lines{"<7>CV: nowhere to go"});
+  EXPECT_EQ(system_log(), Lines{"<7>CV: nowhere to go"});
   fs::create_directory(logs_);
   sleep(2);
   EXPECT_EQ(disk_lines_after("back"), Lines{"back"});
@@ -155,7 +182,7 @@ TEST_F(SystemLoggerTest, FullDiskLeavesNoHalfLine) {
   write("refused");
   write("not tried");
   setrlimit(RLIMIT_FSIZE, &before);
-  EXPECT_EQ(system_log, (Lines{"<7>CV: refused", "<7>CV: not tried"}));
+  EXPECT_EQ(system_log(), (Lines{"<7>CV: refused", "<7>CV: not tried"}));
   sleep(2);
   EXPECT_EQ(disk_lines_after("again"), (Lines{"first", "again"}));
 }
