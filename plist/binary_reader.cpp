@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "plist/big_endian.h"
+#include "plist/comparing.h"
 #include "plist/decoding_error.h"
 
 namespace corvane::plist {
@@ -26,14 +27,6 @@ namespace {
 constexpr size_t header_size = 8;
 constexpr size_t trailer_size = 32;
 constexpr size_t slice_from = 4096;
-constexpr uint64_t compared_per_byte = 256;
-
-// The bytes that hashing or comparing a leaf takes.
-size_t content_of(const Value& leaf) {
-  if (leaf.kind() == Kind::string) return static_cast<const String&>(leaf).view().size();
-  if (leaf.kind() == Kind::data) return static_cast<const Data&>(leaf).bytes().size();
-  return 0;
-}
 
 class BinaryReader {
  public:

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "plist/big_endian.h"
+#include "plist/comparing.h"
 #include "plist/leaf_table.h"
 #include "plist/reader.h"
 #include "plist/unicode.h"
@@ -61,6 +62,8 @@ class BinaryWriter {
   size_t reference_size_ = 0;
   std::vector<uint64_t> offsets_;
   std::string buffer_;
+  uint64_t visited_content_ = 0;  // as the reader will count
+  uint64_t compared_ = 0;
   Ref<String> error_;
 };
 
@@ -75,6 +78,9 @@ Ref<String> BinaryWriter::write(const Value& value) {
     write_object(*object);
   }
   write_table_and_trailer();
+  if (compared_ > compared_per_byte * position()) {
+    return String::create("long keys or members of sets are repeated too often");
+  }
   flush();
   return nullptr;
 }
@@ -84,6 +90,7 @@ Ref<String> BinaryWriter::write(const Value& value) {
 uint32_t BinaryWriter::number(const Value& value, unsigned depth) {
   const auto next = static_cast<uint32_t>(objects_.size());
   if (!value.is_container()) {
+    visited_content_ += content_of(value);
     const uint32_t known = leaves_.number_of(value, next);
     return known == next ? add_object(value) : known;
   }
@@ -97,7 +104,9 @@ uint32_t BinaryWriter::number(const Value& value, unsigned depth) {
   } else if (const auto* array = cast<Array>(&value)) {
     number_items(array->items(), depth + 1);
   } else {
+    const uint64_t content = visited_content_;
     number_items(cast<Set>(&value)->items(), depth + 1);
+    compared_ += visited_content_ - content;
   }
   return next;
 }
@@ -114,7 +123,9 @@ void BinaryWriter::number_dictionary(const Dictionary& dictionary, unsigned dept
   references_.resize(values + dictionary.size());
   leaves_.expect(2 * dictionary.size());
   size_t at = keys;
+  const uint64_t content = visited_content_;
   for (const Dictionary::Entry& entry : dictionary.entries()) references_[at++] = number(*entry.key, depth);
+  compared_ += visited_content_ - content;
   for (const Dictionary::Entry& entry : dictionary.entries()) {
     const uint32_t value = number(*entry.value, depth);
     references_[at++] = value;

@@ -368,6 +368,22 @@ TEST(BinaryWriter, WritesEachEqualLeafOnceInTheSmallestForm) {
   EXPECT_EQ(written.size(), expected.size() - 7);
 }
 
+// A store would have written a file that no start can read.
+TEST(BinaryWriter, RefusesWhatTheReaderWould) {
+  const auto key = String::create(std::string(3000, 'k'));
+  const Ref<MutableSet> set = MutableSet::create();
+  int refused = 0;
+  for (int i = 0; i < 400; ++i) {
+    Ref<MutableDictionary> member = MutableDictionary::create();
+    member->set(key, Number::create_int32(i));
+    set->add(MutableDictionary::freeze(std::move(member)));
+    const std::string written = write(*set, Encoding::binary);
+    refused += written.starts_with("error: long keys");
+    ASSERT_TRUE(refused > 0 || !read(written).error) << i;
+  }
+  EXPECT_TRUE(refused > 50 && refused < 350) << refused;
+}
+
 TEST(XmlWriter, KeepsItsLayoutAndRefusesWhatXmlCannotHold) {
   for (const char* name : {"data.xml.plist", "dates.xml.plist", "integers.xml.plist"}) {
     EXPECT_EQ(write(*read(testdata(name)).value, Encoding::xml), testdata(name));

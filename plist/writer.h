@@ -43,7 +43,8 @@ class ByteChain {
 
 /// Appends the binary encoding, version 1.0. Each equal string, number, date and data value is written once.
 /// Data values of `share_from` bytes and more are shared, not copied. Answers null, or in one line what
-/// cannot be encoded (a nesting deeper than `max_depth`); what was appended by then has no meaning.
+/// cannot be encoded (a nesting deeper than `max_depth`, or what the reader would refuse because long keys or
+/// members of sets are repeated too often); what was appended by then has no meaning.
 /// Throws std::bad_alloc where memory is out.
 Ref<String> encode_binary(const Value& value, ByteChain& out, size_t share_from = 4096);
 
