@@ -81,11 +81,11 @@ void Subscriber::write_unsent() {
   unsent_.erase(0, socket_.write_some(asio::buffer(unsent_), error));
   if (error && error != asio::error::would_block) return close();
   if (unsent_.empty()) return;
-  waits_to_write_ = true;
   socket_.async_wait(Socket::wait_write, [self = shared_from_this()](const std::error_code& failed) {
     self->waits_to_write_ = false;
     if (!failed && self->socket_.is_open()) self->write_unsent();
   });
+  waits_to_write_ = true;
 }
 
 void Subscriber::close() {
