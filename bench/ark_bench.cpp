@@ -1,15 +1,8 @@
 // The data ark beside what a program would use instead, and beside the limits. Everyone is asked for a domain and
-// a key, and composes what it looks up. Each round measures everything once, one after the other, and ratios are
-// taken inside a round: machines are noisy, but less so within a second. Printed are the median over the rounds
-// and how far it spread.
+// a key, and composes what it looks up. Usage: ark_bench ROUNDS ENTRIES...
 
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <lmdb.h>
 #include <map>
 #include <random>
@@ -18,32 +11,23 @@
 #include <unordered_map>
 #include <vector>
 
+#include "bench/measure.h"
 #include "daemon/log.h"
 #include "platform/common/system_platform.h"
 #include "platform/linux/linux_device.h"
 #include "state/data_ark.h"
+#include "tests/support/test_platform.h"
 
-namespace corvane {
+namespace corvane::bench {
 
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
 using plist::Ref;
 using plist::String;
 
-constexpr int rounds = 7;
 constexpr size_t domain_size = 100;
 constexpr size_t samples = 10000;
-
-[[noreturn]] void die(const std::string& what) {
-  std::fprintf(stderr, "ark_bench: %s\n", what.c_str());
-  std::exit(1);
-}
-
-void must(bool ok, const char* what) {
-  if (!ok) die(what);
-}
 
 /// Domains of 100 keys each, and the order in which they are asked for.
 struct Keys {
@@ -193,41 +177,6 @@ class Lmdb {
 
 // ---- measuring ----------------------------------------------------------------------------------------
 
-/// Nanoseconds for one of `count` operations.
-double time_of(size_t count, const std::function<void()>& all) {
-  const auto start = Clock::now();
-  all();
-  return static_cast<double>(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count()) /
-         static_cast<double>(count);
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
-/// What each of the measured things took in each round.
-class Table {
- public:
-  void add(const std::string& name, double nanoseconds) { times_[name].push_back(nanoseconds); }
-
-  void print_time(const std::string& name) const {
-    std::printf("  %-34s %12.0f ns\n", name.c_str(), median(times_.at(name)));
-  }
-  void print_ratio(const std::string& name, const std::string& peer, const char* aim = "") const {
-    std::vector<double> ratios;
-    for (int i = 0; i < rounds; ++i) {
-      ratios.push_back(times_.at(name)[static_cast<size_t>(i)] / times_.at(peer)[static_cast<size_t>(i)]);
-    }
-    const auto [low, high] = std::minmax_element(ratios.begin(), ratios.end());
-    std::printf("  %-34s %8.2f  (%.2f to %.2f)  %s\n", (name + " / " + peer).c_str(), median(ratios), *low, *high,
-                aim);
-  }
-
- private:
-  std::map<std::string, std::vector<double>> times_;
-};
-
 class Bench {
  public:
   Bench(const std::string& root, size_t count)
@@ -246,9 +195,12 @@ class Bench {
     transient_domains(false);
   }
 
-  void run() {
-    for (int i = 0; i < rounds; ++i) round();
-    report();
+  void round() {
+    gets();
+    sets();
+    new_keys();
+    domains();
+    files();
   }
 
  private:
@@ -284,9 +236,9 @@ class Bench {
 
   template <class Operation>
   void each(const char* name, Operation operation) {
-    table_.add(name, time_of(samples, [&] {
-                 for (const Keys::Key* key : keys_.asked) operation(*key);
-               }));
+    add(name, time_of(samples, [&] {
+          for (const Keys::Key* key : keys_.asked) operation(*key);
+        }));
   }
 
   const std::string& composed(const Keys::Key& key) {
@@ -294,14 +246,6 @@ class Bench {
     composed_ += '-';
     composed_ += key.key->view();
     return composed_;
-  }
-
-  void round() {
-    gets();
-    sets();
-    new_keys();
-    domains();
-    files();
   }
 
   void gets() {
@@ -357,13 +301,12 @@ class Bench {
     for (size_t i = 0; i < samples; i += domain_size) {
       data_ark_set_attribute(ark_.get(), fresh[i].domain.get(), nullptr, 1);
     }
-    table_.add("set new", time_of(samples, [&] {
-                 for (const auto& key : fresh)
-                   data_ark_set(ark_.get(), key.domain.get(), key.key.get(), value.get());
-               }));
-    table_.add("map insert", time_of(samples, [&] {
-                 for (const auto& key : fresh) map_.emplace(composed(key), "new");
-               }));
+    add("set new", time_of(samples, [&] {
+          for (const auto& key : fresh) data_ark_set(ark_.get(), key.domain.get(), key.key.get(), value.get());
+        }));
+    add("map insert", time_of(samples, [&] {
+          for (const auto& key : fresh) map_.emplace(composed(key), "new");
+        }));
     for (const Keys::Key& key : fresh) {
       data_ark_remove(ark_.get(), key.domain.get(), key.key.get());
       map_.erase(key.composed);
@@ -373,9 +316,9 @@ class Bench {
   void domains() {
     const size_t count = 200;
     const auto each_domain = [&](const char* name, const std::function<size_t(const Keys::Key&)>& copy) {
-      table_.add(name, time_of(count, [&] {
-                   for (size_t i = 0; i < count; ++i) must(copy(*keys_.asked[i]) == domain_size, name);
-                 }));
+      add(name, time_of(count, [&] {
+            for (size_t i = 0; i < count; ++i) must(copy(*keys_.asked[i]) == domain_size, name);
+          }));
     };
     data_ark_copy(ark_.get(), keys_.asked[0]->domain.get(), nullptr);  // builds the order index
     each_domain("domain copy", [&](const Keys::Key& key) {
@@ -389,15 +332,15 @@ class Bench {
   }
 
   void files() {
-    table_.add("store", time_of(1, [&] { data_ark_store(ark_.get()); }));
+    add("store", time_of(1, [&] { data_ark_store(ark_.get()); }));
     const std::string bytes = read_whole(ark_path_);
-    table_.add("write and rename", time_of(1, [&] {
-                 std::ofstream(root_ + "/copy.tmp", std::ios::binary) << bytes;
-                 fs::rename(root_ + "/copy.tmp", root_ + "/copy");
-               }));
-    table_.add("load", time_of(1, [&] { must(data_ark_load() != nullptr, "load"); }));
-    table_.add("read", time_of(1, [&] { sum_ += read_whole(ark_path_).size(); }));
-    table_.add("SQLite WAL load into a map", time_of(1, [&] { sum_ += wal_.load().size(); }));
+    add("write and rename", time_of(1, [&] {
+          std::ofstream(root_ + "/copy.tmp", std::ios::binary) << bytes;
+          fs::rename(root_ + "/copy.tmp", root_ + "/copy");
+        }));
+    add("load", time_of(1, [&] { must(data_ark_load() != nullptr, "load"); }));
+    add("read", time_of(1, [&] { sum_ += read_whole(ark_path_).size(); }));
+    add("SQLite WAL load into a map", time_of(1, [&] { sum_ += wal_.load().size(); }));
   }
 
   static std::string read_whole(const std::string& path) {
@@ -406,28 +349,8 @@ class Bench {
     return bytes;
   }
 
-  void report() const {
-    std::printf("%zu entries, %d rounds; median (lowest to highest)\n", keys_.all.size(), rounds);
-    for (const char* name : {"get", "set equal", "set changed, attribute 1", "set dirtying", "log line", "set new",
-                             "domain copy", "load", "store"}) {
-      table_.print_time(name);
-    }
-    table_.print_ratio("get", "map get");
-    table_.print_ratio("get", "LMDB get", "aim 0.5");
-    table_.print_ratio("get", "SQLite WAL get");
-    table_.print_ratio("get", "SQLite rollback get");
-    table_.print_ratio("set equal", "map update", "aim 2");
-    table_.print_ratio("set new", "map insert", "aim 3");
-    table_.print_ratio("set changed, attribute 1", "LMDB put, one transaction");
-    table_.print_ratio("set changed, attribute 1", "SQLite WAL put, one transaction");
-    table_.print_ratio("set changed, attribute 1", "SQLite rollback put, one transaction");
-    table_.print_ratio("set dirtying", "log line", "aim: one log line and 1000 ns");
-    table_.print_ratio("domain copy", "LMDB scan", "aim 2");
-    table_.print_ratio("domain copy", "SQLite WAL range");
-    table_.print_ratio("load", "SQLite WAL load into a map", "aim 0.33");
-    table_.print_ratio("load", "read");
-    table_.print_ratio("store", "write and rename", "aim 4");
-    std::printf("\n");
+  void add(const char* name, double nanoseconds) {
+    figure(std::to_string(keys_.all.size()), name, "ns", nanoseconds);
   }
 
   const std::string root_;
@@ -438,35 +361,32 @@ class Bench {
   Lmdb lmdb_;
   DataArk ark_;
   std::unordered_map<std::string, std::string> map_;
-  Table table_;
   std::string composed_;
   size_t sum_ = 0;
 };
 
 int run(int argc, char** argv) {
-  char name[] = "/tmp/ark-bench.XXXXXX";
-  must(mkdtemp(name) != nullptr, "mkdtemp");
-  const std::string root = fs::canonical(name);
+  const std::string base = testing::make_temporary_folder();
+  const std::string root = base + "/root";
+  testing::make_image_folders(root);
   fs::create_directories(root + "/private/var/mobile/Library/cvd");
-  fs::create_directories(root + "/private/var/mobile/Library/Logs");
-  fs::create_directories(root + "/var");
-  fs::create_directory_symlink("../private/var/mobile", root + "/var/mobile");
   Environment environment;
   environment.root = root;
   SystemPlatform platform(environment, std::make_unique<LinuxDevice>(root));
   install_platform(&platform);
-  for (int i = 1; i < argc; ++i) {
+  for (int i = 2; i < argc; ++i) {
     for (const char* file : {"/wal.db", "/wal.db-wal", "/wal.db-shm", "/rollback.db", "/lmdb", "/lmdb-lock"}) {
       fs::remove(root + file);
     }
-    Bench(root, std::strtoull(argv[i], nullptr, 10)).run();
+    Bench bench(root, count_argument(argc, argv, i, 0));
+    for (size_t round = count_argument(argc, argv, 1, 0); round > 0; --round) bench.round();
   }
-  fs::remove_all(root);
+  fs::remove_all(base);
   return 0;
 }
 
 }  // namespace
 
-}  // namespace corvane
+}  // namespace corvane::bench
 
-int main(int argc, char** argv) { return corvane::run(argc, argv); }
+int main(int argc, char** argv) { return corvane::bench::run(argc, argv); }

@@ -1,28 +1,25 @@
 // The real daemon while a simulated phone's SIM is changed thousands of times and eight clients ask for images
-// without a pause: how long a client waited, and whether the ark ends with the last SIM.
+// without a pause: how long a client waited. Every client must get images and the ark end with the last SIM, or
+// nothing counts. Usage: sim_load [ROUNDS [CHANGES]]
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
+#include "bench/measure.h"
 #include "client/client.h"
 #include "platform/common/small_file.h"
 #include "plist/describe.h"
 #include "tests/support/daemon_process.h"
 #include "tools/plist_edit.h"
 
-namespace corvane {
+namespace corvane::bench {
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr size_t client_count = 8;
 
@@ -36,7 +33,7 @@ void ask_until(const std::atomic<bool>& over, const std::string& root, Waits& wa
   while (!over) {
     const auto start = Clock::now();
     const client::Answer answer = client::copy_regulatory_images(connection);
-    waits.microseconds.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+    waits.microseconds.push_back(nanoseconds_since(start) / 1e3);
     if (answer.outcome != client::Outcome::answered || !answer.response.reply) ++waits.failed;
   }
 }
@@ -53,11 +50,7 @@ bool ends_with(const std::string& ark, const std::string& identity) {
   });
 }
 
-double at(const std::vector<double>& sorted, double share) {
-  return sorted[static_cast<size_t>(share * static_cast<double>(sorted.size() - 1))];
-}
-
-int run(int changes) {
+void round(size_t changes) {
   const testing::DeviceRoot device;
   const std::string root = device.at("");
   std::filesystem::copy_file(CORVANE_SOURCE_DIR "/profiles/phone.plist", device.profile(),
@@ -72,11 +65,11 @@ int run(int changes) {
   for (Waits& each : waits) clients.emplace_back([&] { ask_until(over, root, each); });
   const auto start = Clock::now();
   std::string last;
-  for (int i = 1; i <= changes; ++i) {
+  for (size_t i = 1; i <= changes; ++i) {
     last = std::to_string(i);
     tools::set_entry(device.profile(), "Telephony.SIMIdentity", plist::String::create(last));
   }
-  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  const double seconds = nanoseconds_since(start) / 1e9;
   const bool right = ends_with(root + "/private/var/mobile/Library/cvd/data_ark.plist", last);
   over = true;
   for (std::thread& each : clients) each.join();
@@ -88,16 +81,21 @@ int run(int changes) {
     failed += each.failed;
   }
   std::sort(all.begin(), all.end());
-  std::printf("%d profile changes in %.1f s, %zu clients, %zu requests, %zu of them not answered with images\n",
-              changes, seconds, client_count, all.size(), failed);
-  std::printf("a client's wait: p50 %.0f us, p99 %.0f us, longest %.0f us\n", at(all, 0.5), at(all, 0.99),
-              all.back());
-  std::printf("the ark ended with the last SIM: %s\n", right ? "yes" : "no");
-  return right && failed == 0 ? 0 : 1;
+  must(right, "the ark did not end with the last SIM");
+  must(failed == 0, "a request was not answered with images");
+  figure("SIM changes", "daemon", "changes/s", static_cast<double>(changes) / seconds);
+  figure("SIM changes", "daemon", "requests/s", static_cast<double>(all.size()) / seconds);
+  figure("SIM changes", "daemon", "us, p50", at(all, 0.5));
+  figure("SIM changes", "daemon", "us, p99", at(all, 0.99));
+  figure("SIM changes", "daemon", "us, longest", all.back());
 }
 
 }  // namespace
 
-}  // namespace corvane
+}  // namespace corvane::bench
 
-int main(int argc, char** argv) { return corvane::run(argc > 1 ? std::atoi(argv[1]) : 10000); }
+int main(int argc, char** argv) {
+  using namespace corvane::bench;
+  for (size_t left = count_argument(argc, argv, 1, 1); left > 0; --left)
+    round(count_argument(argc, argv, 2, 10000));
+}
