@@ -7,7 +7,8 @@ case "$1" in
   run) ;;
   test) packages+=(libgtest-dev) ;;
   asan) packages+=(libgtest-dev clang-14 libclang-rt-14-dev llvm-14) ;;
-  bench) packages+=(libgtest-dev libsqlite3-dev liblmdb-dev) ;;
+  bench) packages+=(libgtest-dev libsqlite3-dev liblmdb-dev rapidjson-dev libmsgpack-cxx-dev libxml2-dev libssl-dev
+                    libsystemd-dev dbus-daemon python3) ;;
   *) echo "usage: $0 run|test|asan|bench" >&2; exit 2 ;;
 esac
 
