@@ -9,7 +9,7 @@ namespace corvane::plist {
 
 namespace {
 
-constexpr std::string_view space = " \t\r\n";
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
@@ -59,9 +59,9 @@ bool parse_fraction(std::string_view text, double& fraction) {
 }  // namespace
 
 std::string_view trimmed(std::string_view text) {
-  const size_t first = text.find_first_not_of(space);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(space) - first + 1);
+  while (!text.empty() && is_space(text.front())) text.remove_prefix(1);
+  while (!text.empty() && is_space(text.back())) text.remove_suffix(1);
+  return text;
 }
 
 Ref<Number> parse_integer(std::string_view text) {

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <limits>
 #include <memory>
 #include <new>
@@ -15,6 +16,7 @@
 
 #include "plist/base64_text.h"
 #include "plist/decoding_error.h"
+#include "plist/hash_tables.h"
 #include "plist/xml_leaf.h"
 
 namespace corvane::plist {
@@ -23,27 +25,45 @@ namespace {
 
 enum class Element { none, plist, dict, array, set, key, string, data, date, integer, real, yes, no };
 
-Element element_of(std::string_view name) {
-  struct Named {
-    std::string_view name;
-    Element element;
-  };
-  static constexpr std::array<Named, 12> elements{{{"key", Element::key},
-                                                   {"string", Element::string},
-                                                   {"dict", Element::dict},
-                                                   {"array", Element::array},
-                                                   {"integer", Element::integer},
-                                                   {"true", Element::yes},
-                                                   {"false", Element::no},
-                                                   {"data", Element::data},
-                                                   {"date", Element::date},
-                                                   {"real", Element::real},
-                                                   {"set", Element::set},
-                                                   {"plist", Element::plist}}};
-  for (const Named& known : elements) {
-    if (known.name == name) return known.element;
+// A name as one integer; 0 for one that is longer than any of ours.
+constexpr uint64_t word_of(const char* name) {
+  uint64_t word = 0;
+  for (size_t length = 0; *name != '\0'; ++name) {
+    if (++length > sizeof word) return 0;
+    word = word << 8 | static_cast<unsigned char>(*name);
   }
-  return Element::none;
+  return word;
+}
+
+Element element_of(const char* name) {
+  switch (word_of(name)) {
+    case word_of("plist"):
+      return Element::plist;
+    case word_of("dict"):
+      return Element::dict;
+    case word_of("array"):
+      return Element::array;
+    case word_of("set"):
+      return Element::set;
+    case word_of("key"):
+      return Element::key;
+    case word_of("string"):
+      return Element::string;
+    case word_of("data"):
+      return Element::data;
+    case word_of("date"):
+      return Element::date;
+    case word_of("integer"):
+      return Element::integer;
+    case word_of("real"):
+      return Element::real;
+    case word_of("true"):
+      return Element::yes;
+    case word_of("false"):
+      return Element::no;
+    default:
+      return Element::none;
+  }
 }
 
 bool is_container(Element element) {
@@ -84,6 +104,7 @@ class XmlReader {
   void end_container();
 
   Ref<Value> make_leaf(Element element);
+  Ref<String> make_key();
   Ref<Value> make_container(const Frame& frame);
   Ref<Value> make_array(const Frame& frame);
   Ref<Value> make_set(const Frame& frame);
@@ -124,8 +145,9 @@ class XmlReader {
   Element leaf_ = Element::none;
   std::vector<Frame> frames_;
   std::vector<Ref<Value>> values_;
-  std::string text_;   // of the leaf that is open
-  std::string bytes_;  // of the last data element
+  std::array<Ref<String>, 64> recent_keys_;  // by a part of their hash
+  std::string text_;                         // of the leaf that is open
+  std::string bytes_;                        // of the last data element
   std::string tag_;
   bool stopped_ = false;
   bool out_of_memory_ = false;
@@ -273,9 +295,18 @@ Ref<Value> XmlReader::make_leaf(Element element) {
       if (decode_base64(text_, bytes_)) return Data::create(bytes_);
       fail("<data> holds no Base64");
       return nullptr;
+    case Element::key:
+      return make_key();
     default:
       return String::create(text_);
   }
+}
+
+// Dictionaries of one kind have the same keys: they share them.
+Ref<String> XmlReader::make_key() {
+  Ref<String>& recent = recent_keys_[BytesHash()(text_) % recent_keys_.size()];
+  if (!recent || recent->view() != text_) recent = String::create(text_);
+  return Unpublished::share(recent.get());
 }
 
 void XmlReader::end_container() {
