@@ -72,19 +72,24 @@ SmallFile read_small_file(const std::string& path) {
 
 DictionaryFile::Contents DictionaryFile::contents() {
   const std::lock_guard lock(mutex_);
-  // In this order, so that no change in between can go unnoticed: at worst the file is read once too often.
-  const int64_t now = clock_time();
-  const Stamp stamp = take_stamp(path_);
-  if (settled_ && stamp == stamp_) return contents_;
-  settled_ = false;
-  take_in(decode_dictionary(read_small_file(path_)), stamp);
-  settled_ = is_settled(stamp.changed, now);
+  refresh();
   return contents_;
 }
 
 plist::Ref<plist::Value> DictionaryFile::copy_value(std::string_view key) {
-  const Contents now = contents();
-  return now.dictionary ? now.dictionary->get(key) : nullptr;
+  const std::lock_guard lock(mutex_);
+  refresh();
+  return contents_.dictionary ? contents_.dictionary->get(key) : nullptr;
+}
+
+void DictionaryFile::refresh() {
+  if (settled_ && take_stamp(path_) == stamp_) return;
+  settled_ = false;
+  // In this order, so that no change in between can go unnoticed: at worst the file is read once too often.
+  const int64_t now = clock_time();
+  const Stamp stamp = take_stamp(path_);
+  take_in(decode_dictionary(read_small_file(path_)), stamp);
+  settled_ = is_settled(stamp.changed, now);
 }
 
 // A file that is not settled is read again and again; that alone makes no new version of it.

@@ -58,6 +58,7 @@ class DictionaryFile {
   };
 
   static Stamp take_stamp(const std::string& path);
+  void refresh();
   void take_in(Contents fresh, const Stamp& stamp);
 
   const std::string path_;

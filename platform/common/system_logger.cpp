@@ -26,8 +26,9 @@
 
 // spdlog rotates the disk copy, but expects a folder that works and throws when something fails. DiskCopy
 // stands around its sink and opens it only where opening succeeds (spdlog would create folders, wait for a
-// reader of a FIFO, and sleep between attempts), looks before each line whether the open file is still the
-// one at the path, and takes back the half line that a full disk leaves. A sink that failed is thrown away.
+// reader of a FIFO, and sleep between attempts), looks before each line whether the open file still has a
+// name, now and then whether that is the path, and takes back the half line that a full disk leaves. A sink
+// that failed is thrown away.
 
 namespace corvane {
 
@@ -76,8 +77,13 @@ size_t append_character(std::string& out, std::string_view text) {
   return length;
 }
 
+bool is_plain(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7f; });
+}
+
 std::string one_line(std::string_view text, size_t limit) {
   if (text.ends_with('\n')) text.remove_suffix(1);
+  if (text.size() <= limit && is_plain(text)) return std::string(text);
   std::string out;
   size_t kept = 0;
   size_t left_out = text.size();
@@ -129,11 +135,15 @@ class DiskCopy {
  private:
   using Sink = spdlog::sinks::rotating_file_sink_st;
 
+  // A file that was removed must not take a single line more; one that was renamed has its lines for a while.
   bool is_in_place() {
     struct stat status;
-    if (!sink_ || stat(path_.c_str(), &status) != 0) return false;
+    if (!sink_ || fstat(descriptor_, &status) != 0 || status.st_nlink == 0) return false;
     whole_lines_ = status.st_size;
-    return status.st_dev == device_ && status.st_ino == inode_;
+    if (Clock::now() < next_look_) return true;
+    next_look_ = Clock::now() + retry_interval;
+    struct stat named;
+    return stat(path_.c_str(), &named) == 0 && named.st_dev == status.st_dev && named.st_ino == status.st_ino;
   }
 
   bool has_usable_file() {
@@ -163,12 +173,10 @@ class DiskCopy {
   // Without a buffer a line is one write(2), and nothing of a failed one is left to be written later.
   void watch(std::FILE* file) {
     std::setvbuf(file, nullptr, _IONBF, 0);
-    fcntl(fileno(file), F_SETFD, FD_CLOEXEC);
+    descriptor_ = fileno(file);
+    fcntl(descriptor_, F_SETFD, FD_CLOEXEC);
     struct stat status;
-    if (fstat(fileno(file), &status) != 0) return;
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
-    whole_lines_ = status.st_size;
+    if (fstat(descriptor_, &status) == 0) whole_lines_ = status.st_size;
   }
 
   void give_up() {
@@ -182,8 +190,8 @@ class DiskCopy {
   const size_t bytes_;
   std::unique_ptr<Sink> sink_;
   Clock::time_point next_try_{};
-  dev_t device_ = 0;
-  ino_t inode_ = 0;
+  Clock::time_point next_look_{};
+  int descriptor_ = -1;  // the sink's
   off_t whole_lines_ = 0;
 };
 
