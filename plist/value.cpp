@@ -39,6 +39,7 @@ void Value::destroy(Value* dead) {
       ::operator delete(dead);
       return;
     case Kind::data:
+      if (auto* data = static_cast<Data*>(dead); data->secret_) explicit_bzero(data->start_, data->size_);
       static_cast<Data*>(dead)->~Data();
       ::operator delete(dead);
       return;
@@ -124,9 +125,21 @@ Ref<MutableData> MutableData::create_or_null(size_t size) {
   }
 }
 
+Ref<MutableData> MutableData::create_secret(size_t size) {
+  Ref<MutableData> data = create_or_null(size);
+  if (data) data->secret_ = true;
+  return data;
+}
+
 Ref<Data> MutableData::freeze(Ref<MutableData> data) {
   data->drop_mutability();
   return data;
+}
+
+Ref<Data> MutableData::freeze(Ref<MutableData> data, size_t size) {
+  if (data->secret_) explicit_bzero(data->start_ + size, data->size_ - size);
+  data->size_ = size;
+  return freeze(std::move(data));
 }
 
 Ref<Data> Data::create(std::string_view bytes) {

@@ -170,8 +170,9 @@ class Data : public Value {
   Data(char* start, size_t size, Ref<Data> owner, bool is_mutable)
       : Value(Kind::data, is_mutable), start_(start), size_(size), owner_(std::move(owner)) {}
 
+  bool secret_ = false;
   char* const start_;
-  const size_t size_;
+  size_t size_;
   const Ref<Data> owner_;
 };
 
@@ -182,7 +183,11 @@ class MutableData final : public Data {
   static Ref<MutableData> create(size_t size);
   /// The same; null where memory is out.
   static Ref<MutableData> create_or_null(size_t size);
+  /// The same again, for what may be a secret: its bytes are wiped when it is released.
+  static Ref<MutableData> create_secret(size_t size);
   static Ref<Data> freeze(Ref<MutableData> data);
+  /// Cuts it to its first `size` bytes. Precondition: it has so many.
+  static Ref<Data> freeze(Ref<MutableData> data, size_t size);
 
   char* mutable_bytes() { return start_; }
 
