@@ -10,6 +10,7 @@
 #include "platform/clock.h"
 #include "platform/code_signing.h"
 #include "platform/common/no_telephony.h"
+#include "platform/common/openssl_vault.h"
 #include "platform/device_properties.h"
 #include "platform/files.h"
 #include "platform/hardware_registry.h"
@@ -90,6 +91,7 @@ class TestPlatform final : public Platform,
   Notifications& notifications() override { return *this; }
   HardwareRegistry& hardware_registry() override { return *this; }
   Telephony& telephony() override { return telephony_service == nullptr ? no_telephony_ : *telephony_service; }
+  Vault& vault() override { return vault_; }
   Preferences& preferences() override { return *this; }
   CodeSigning& code_signing() override { return *this; }
   Clock& clock() override { return *this; }
@@ -157,6 +159,7 @@ class TestPlatform final : public Platform,
   Queue main_queue_;
   Queue request_queue_;
   NoTelephony no_telephony_;
+  OpenSslVault vault_;
   const std::string base_;
   const std::string root_;
   std::mutex lines_mutex_;
