@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <map>
 #include <string>
 #include <sys/mman.h>
@@ -17,7 +18,9 @@ namespace corvane::bench {
 /// A program that runs until the object goes, or this process does.
 class Child {
  public:
-  explicit Child(std::vector<std::string> arguments, const std::map<std::string, std::string>& environment = {}) {
+  /// What it says on standard error can be left unsaid.
+  explicit Child(std::vector<std::string> arguments, const std::map<std::string, std::string>& environment = {},
+                 bool quiet = false) {
     auto* shared = static_cast<Clock::time_point*>(
         mmap(nullptr, sizeof(Clock::time_point), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     must(shared != MAP_FAILED, "mmap");
@@ -29,6 +32,7 @@ class Child {
       std::vector<char*> list;
       for (std::string& argument : arguments) list.push_back(argument.data());
       list.push_back(nullptr);
+      if (quiet) dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
       *shared = Clock::now();
       execv(list[0], list.data());
       _exit(127);

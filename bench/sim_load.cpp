@@ -83,6 +83,7 @@ void round(size_t changes) {
   std::sort(all.begin(), all.end());
   must(right, "the ark did not end with the last SIM");
   must(failed == 0, "a request was not answered with images");
+  figure("SIM changes", "daemon", "changes", static_cast<double>(changes));
   figure("SIM changes", "daemon", "changes/s", static_cast<double>(changes) / seconds);
   figure("SIM changes", "daemon", "requests/s", static_cast<double>(all.size()) / seconds);
   figure("SIM changes", "daemon", "us, p50", at(all, 0.5));

@@ -2,7 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
+#include <sstream>
 #include <string>
 
 #include "bench/child.h"
@@ -16,28 +16,48 @@ namespace fs = std::filesystem;
 
 std::string program(const char* name) { return fs::read_symlink("/proc/self/exe").parent_path() / name; }
 
-/// Kibibytes under a name of the process's smaps_rollup.
-double kibibytes(pid_t process, const std::string& name) {
-  std::ifstream rollup("/proc/" + std::to_string(process) + "/smaps_rollup");
-  for (std::string word; rollup >> word;) {
-    double value = 0;
-    if (word == name + ":" && rollup >> value) return value;
+/// Kibibytes of a process's memory, from its smaps.
+struct Memory {
+  explicit Memory(pid_t process) {
+    const std::string folder = "/proc/" + std::to_string(process);
+    const std::string executable = fs::read_symlink(folder + "/exe");
+    std::ifstream maps(folder + "/smaps");
+    bool of_executable = false;
+    for (std::string line; std::getline(maps, line);) {
+      std::istringstream words(line);
+      std::string name;
+      double value = 0;
+      if (!(words >> name) || name.back() != ':') {
+        of_executable = line.ends_with(" " + executable);
+        continue;
+      }
+      words >> value;
+      if (name == "Rss:") resident += value;
+      if (name == "Private_Clean:") (of_executable ? own_executable : others_clean) += value;
+      if (name == "Private_Dirty:") written += value;
+    }
+    must(resident > 0, "smaps");
   }
-  die("smaps_rollup has no " + name);
-}
+
+  double resident = 0;
+  double written = 0;
+  double own_executable = 0;
+  double others_clean = 0;
+};
 
 /// Starts a program, waits until `answers`, and looks at its memory after a moment of idleness.
 template <class Answers>
 void start(const char* what, const std::vector<std::string>& command,
            const std::map<std::string, std::string>& environment, Answers answers) {
-  const Child child(command, environment);
+  const Child child(command, environment, true);
   answers();
   figure("start", what, "ms", nanoseconds_since(child.started()) / 1e6);
   usleep(50'000);
-  figure("memory", what, "KiB resident", kibibytes(child.pid(), "Rss"));
-  const double dirty = kibibytes(child.pid(), "Private_Dirty");
-  figure("memory", what, "KiB private", dirty + kibibytes(child.pid(), "Private_Clean"));
-  figure("memory", what, "KiB private and written", dirty);
+  const Memory memory(child.pid());
+  figure("memory", what, "KiB resident", memory.resident);
+  figure("memory", what, "KiB private", memory.written + memory.own_executable + memory.others_clean);
+  figure("memory", what, "KiB written", memory.written);
+  figure("memory", what, "KiB executable", memory.own_executable);
 }
 
 /// Whether the service answers a ping that is sent through the bus at the socket.
@@ -87,7 +107,7 @@ void start_buses() {
   const char hostnamed[] = "/lib/systemd/systemd-hostnamed";
   if (fs::exists(hostnamed)) {
     fs::remove(socket);
-    const Child bus(command);
+    const Child bus(command, {}, true);
     until([&] { return answers_ping(socket, "org.freedesktop.DBus"); }, "dbus-daemon");
     start("systemd-hostnamed", {hostnamed}, {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + socket}},
           [&] { until([&] { return answers_ping(socket, "org.freedesktop.hostname1"); }, "systemd-hostnamed"); });

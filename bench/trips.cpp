@@ -224,7 +224,8 @@ Trips ask_in_turn(const Subject& subject, size_t count) {
 /// A bus of our own, with the limits of a session's.
 class Bus {
  public:
-  Bus() : child_({"/usr/bin/dbus-daemon", "--nofork", "--nopidfile", "--config-file=" + configuration()}) {
+  Bus()
+      : child_({"/usr/bin/dbus-daemon", "--nofork", "--nopidfile", "--config-file=" + configuration()}, {}, true) {
     close(connected_socket(socket()));
   }
   std::string socket() const { return folder_ + "/bus"; }
