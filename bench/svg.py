@@ -19,7 +19,7 @@ def _document(width, height, title, parts):
 def number(value):
     if value >= 1e6:
         return f"{value / 1e6:.3g} M"
-    if value >= 1e4:
+    if value >= 999.5:
         return f"{value / 1e3:.3g} k"
     return f"{value:.3g}"
 
