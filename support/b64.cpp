@@ -103,7 +103,7 @@ size_t b64_encode2(const void* src, size_t srcSize, char* dest, size_t destLen, 
       length = 76;
       break;
     default:
-      ASSERT(!"Bad line length flag specified to b64_encode2()");
+      assertion_failed("!\"Bad line length flag specified to b64_encode2()\"", __func__, __LINE__);
   }
   uint32_t unused = B64_OK;
   return b64_encode_(src, srcSize, dest, destLen, length, rc == nullptr ? &unused : rc);

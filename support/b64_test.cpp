@@ -92,7 +92,8 @@ Decoded decode(const std::string& text, uint32_t flags = 0) {
 
 TEST(Base64, AnswersLikeThePlainReferenceAtEveryWidth) {
   std::mt19937_64 random(48);
-  const std::string strangers("=== \t\b\v\r\n\n*-_.\0\x01\x7F\x80\xC3\xFF@[`{:", 28);
+  using namespace std::string_literals;
+  const std::string strangers = "=== \t\b\v\r\n\n*-_.\0\x01\x7F\x80\xC3\xFF@[`{:"s;
   for (int i = 0; i < differential_inputs; ++i) {
     std::string octets(random() % (i % 8 == 0 ? 400 : 70), '\0');
     for (char& octet : octets) octet = static_cast<char>(random());

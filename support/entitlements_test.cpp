@@ -151,7 +151,7 @@ TEST(Entitlements, OnLinuxAreThoseOfTheExecutableThatRootAloneCanWrite) {
     ASSERT_EQ(setxattr((executable + ".moved").c_str(), name, value.data(), value.size(), 0), 0);
     EXPECT_EQ(seen(process.pid), "(null)");
   };
-  for (const size_t size : {0, 7, 9}) forge(plist::make_entitlements_blob(granted).substr(0, size));
+  for (const size_t size : {0u, 7u, 9u}) forge(plist::make_entitlements_blob(granted).substr(0, size));
   ASSERT_EQ(chown((executable + ".moved").c_str(), 1, 0), 0);
   forge(plist::make_entitlements_blob(granted));
 }
