@@ -17,7 +17,6 @@ class Preferences;
 class RunLoop;
 class ServiceListener;
 class Telephony;
-class Vault;
 class WorkQueue;
 enum class ServiceAccess;
 
@@ -36,7 +35,6 @@ class Platform {
   virtual Telephony& telephony() = 0;
   virtual CodeSigning& code_signing() = 0;
   virtual Clock& clock() = 0;
-  virtual Vault& vault() = 0;
 
   virtual RunLoop& main_run_loop() = 0;
   /// Work for the main thread.

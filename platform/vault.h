@@ -127,7 +127,14 @@ class Vault {
   virtual bool sha1(std::string_view bytes, VaultSha1Digest& digest) = 0;
 };
 
-// The service's operations by their names, asked of the installed platform.
+/// The installed service. Precondition: there is one.
+Vault& vault();
+
+/// Makes `installed` the service that `vault()` answers. It must outlive every use. It is installed apart from the
+/// platform, so that a process which asks nothing of it does not load the library behind it.
+void install_vault(Vault* installed);
+
+// The service's operations by their names.
 
 std::unique_ptr<VaultKey> VaultKeyCreateRSAPublicKey(std::string_view pkcs1_der);
 std::unique_ptr<VaultKey> VaultKeyCreateRSAPrivateKey(std::string_view pkcs1_der);

@@ -6,7 +6,6 @@
 #include <new>
 
 #include "daemon/log.h"
-#include "platform/platform.h"
 #include "support/b64.h"
 
 namespace corvane {
@@ -50,8 +49,6 @@ class Markers {
   const int header_size_;
   const int footer_size_;
 };
-
-Vault& vault() { return platform().vault(); }
 
 }  // namespace
 

@@ -6,7 +6,6 @@
 #include "platform/common/device.h"
 #include "platform/common/event_loops.h"
 #include "platform/common/notification_service.h"
-#include "platform/common/openssl_vault.h"
 #include "platform/common/preferences.h"
 #include "platform/common/start_up.h"
 #include "platform/common/system_clock.h"
@@ -31,7 +30,6 @@ class SystemPlatform final : public Platform {
   Telephony& telephony() override { return device_->telephony(); }
   CodeSigning& code_signing() override { return device_->code_signing(); }
   Clock& clock() override { return clock_; }
-  Vault& vault() override { return vault_; }
   RunLoop& main_run_loop() override { return main_loop_; }
   WorkQueue& main_queue() override { return main_loop_; }
   WorkQueue& request_queue() override { return request_queue_; }
@@ -47,7 +45,6 @@ class SystemPlatform final : public Platform {
   PreferenceFiles preferences_;
   SystemLogger logger_;
   const std::unique_ptr<Device> device_;
-  OpenSslVault vault_;
   MainLoop main_loop_;
   RequestQueue request_queue_;
   NotificationService notifications_;

@@ -26,6 +26,7 @@ TestPlatform& TestPlatform::fresh() {
 TestPlatform::TestPlatform() : base_(make_temporary_folder()), root_(base_ + "/root") {
   request_queue_.at_once = true;
   install_platform(this);
+  install_vault(&vault_);
 }
 
 std::vector<TestPlatform::Line> TestPlatform::take_lines() {

@@ -91,7 +91,7 @@ class TestPlatform final : public Platform,
   Notifications& notifications() override { return *this; }
   HardwareRegistry& hardware_registry() override { return *this; }
   Telephony& telephony() override { return telephony_service == nullptr ? no_telephony_ : *telephony_service; }
-  Vault& vault() override { return vault_; }
+  Vault& vault() { return vault_; }
   Preferences& preferences() override { return *this; }
   CodeSigning& code_signing() override { return *this; }
   Clock& clock() override { return *this; }
