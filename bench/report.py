@@ -19,14 +19,14 @@ SOURCE = pathlib.Path(__file__).resolve().parent.parent
 BIN = SOURCE / "build/bench/bin"
 CHARTS = SOURCE / "docs/benchmarks"
 
-ONE_CORE, TWO_CORES = "one core", "all cores"
+ONE_CORE, ALL_CORES = "one-core", "all-cores"
 DAEMON, ECHO, READER, PEER, BUS = "daemon", "echo", "read and send", "sd-bus, peer to peer", "dbus-daemon"
 SUBJECTS = [DAEMON, ECHO, READER, PEER, BUS]
 
 # What each section runs: the command, and its arguments in a whole and in a quick report.
 PROGRAMS = {
     ONE_CORE: ("taskset -c 0 {bin}/trips trips", "11 150", "3 50"),
-    TWO_CORES: ("{bin}/trips trips", "11 150", "3 50"),
+    ALL_CORES: ("{bin}/trips trips", "11 150", "3 50"),
     "growth": ("taskset -c 0 {bin}/trips growth", "7 150", "3 40"),
     "codec": ("{bin}/codec_bench", "11 100", "3 40"),
     "log": ("{bin}/log_bench", "11 20000", "3 5000"),
@@ -112,9 +112,9 @@ class Report:
                 figures = self.figures[section]
                 result.append((what, values(figures), *bound))
 
-        for cores in (ONE_CORE, TWO_CORES):
+        for cores in (ONE_CORE, ALL_CORES):
             def trip(what, values, bound):
-                aim(cores, f"{what}, {cores}", values, bound)
+                aim(cores, f"{what}, {self.words(cores)}", values, bound)
             one, eight, p50, rate = "64 bytes, 1 client", "64 bytes, 8 clients", "us, p50", "requests/s"
             trip("64 bytes, 1 client: p50 / echo", lambda f: f.ratio(one, p50, DAEMON, ECHO), most(1.5))
             trip("64 bytes, 1 client: dbus-daemon's p50 / p50", lambda f: f.ratio(one, p50, BUS, DAEMON), least(2))
@@ -158,6 +158,10 @@ class Report:
         return "## Aims\n\nWhat was aimed at, and whether the median reached it.\n\n" + table(
             ["", "aim", "measured", "rounds", ""], rows)
 
+    @staticmethod
+    def words(section):
+        return section.replace("-", " ")
+
     # ---- sections -----------------------------------------------------------------------------------------
 
     def trips_section(self):
@@ -180,18 +184,17 @@ requests under way. "One core" pins all processes to one; "all cores" leaves it 
 wavers between waking the other side on the same core and on another: that is what the wide ranges there show.
 
 """
-        for cores in (ONE_CORE, TWO_CORES):
+        for cores in (ONE_CORE, ALL_CORES):
             if cores not in self.figures:
                 continue
             figures = self.figures[cores]
-            text += f"### On {cores}\n\nEach figure was taken once in each of {figures.rounds} rounds; " \
+            text += f"### On {self.words(cores)}\n\nEach figure was taken once in each of {figures.rounds} rounds; " \
                     "median (lowest to highest). Times in microseconds.\n\n"
             for images in ("64 bytes", "none stored", "1 MiB"):
                 text += self.trips_table(figures, images) + "\n"
-            name = cores.replace(" ", "-")
-            text += self.trips_chart(figures, f"trips-{name}-p50", f"A round trip's p50, one client, {cores}", "us",
+            text += self.trips_chart(figures, f"trips-{cores}-p50", f"A round trip's p50, one client, {self.words(cores)}", "us",
                                      "1 client", "us, p50")
-            text += self.trips_chart(figures, f"trips-{name}-throughput", f"Throughput, eight clients, {cores}",
+            text += self.trips_chart(figures, f"trips-{cores}-throughput", f"Throughput, eight clients, {self.words(cores)}",
                                      "requests/s", "8 clients", "requests/s") + "\n"
         return text
 
@@ -389,7 +392,7 @@ would be no figures. {figures.rounds} rounds, a fresh daemon each; median (lowes
 
     def text(self):
         parts = [self.aims_section()]
-        if ONE_CORE in self.figures or TWO_CORES in self.figures:
+        if ONE_CORE in self.figures or ALL_CORES in self.figures:
             parts.append(self.trips_section())
         for name, section in (("codec", self.codec_section), ("log", self.log_section), ("b64", self.b64_section),
                               ("start", self.start_section), ("ark", self.ark_section), ("sim", self.sim_section)):
@@ -415,7 +418,7 @@ between two things that were measured within a second or two, because machines a
 which have logarithmic scales, go from the lowest to the highest.
 
 Measured on {time.strftime("%Y-%m-%d")}: {model}, {os.cpu_count()} cores, a {platform.system()} {platform.release()} machine; g++ {compiler}. The load
-average before the run was {load_before:.2f}; the run itself keeps both cores busy.
+average before the run was {load_before:.2f}; the run itself keeps them busy.
 
 """
 

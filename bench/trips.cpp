@@ -250,7 +250,7 @@ void run_trips() {
   contests.emplace_back("1 MiB", 1 << 20, &address);
   for (size_t round = 0; round < rounds; ++round) {
     for (const Contest& contest : contests) {
-      for (const size_t clients : {1, 8}) {
+      for (const size_t clients : {1u, 8u}) {
         const std::string row =
             contest.name() + ", " + std::to_string(clients) + (clients == 1 ? " client" : " clients");
         for (const Subject& subject : contest.subjects()) ask(subject, clients).report(row, subject.name);
@@ -274,7 +274,7 @@ void run_growth() {
       for (const Subject& subject : contest.subjects())
         ask(subject, 1).report("images " + contest.name(), subject.name);
     }
-    for (const size_t connections : {1, 5, 20, 100, 250, 500}) {
+    for (const size_t connections : {1u, 5u, 20u, 100u, 250u, 500u}) {
       for (size_t i = 0; i < 2; ++i) {
         const Subject& subject = contests.front().subjects()[i];
         ask_in_turn(subject, connections).report("connections " + std::to_string(connections), subject.name);
