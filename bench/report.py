@@ -1,7 +1,7 @@
 """Runs the benchmarks that bench/report has built, and makes docs/benchmarks.md and its charts of their figures.
 
 A program prints each figure once in each round; the figures of one round are those that came at the same turn, and
-every ratio is taken between two of them before the median is. PEM joins the Base64 section where it is built."""
+every ratio is taken between two of them before the median is."""
 
 import argparse
 import json
@@ -285,13 +285,13 @@ after every 64 characters. {figures.rounds} rounds; median (lowest to highest).
                               for size, count in sizes.items()]) for what in subjects]
             name = "b64-" + operation.replace(" ", "-")
             text += self.chart(name, svg.lines(f"Base64, {operation}", "octets", "octets/ns", series)) + "\n"
-        return text + (self.pem_section() if "pem" in self.figures else "")
+        return text
 
     def pem_section(self):
         figures = self.figures["pem"]
         rows = [[row, spread(figures.of(row, "lockcrypto", "us")), spread(figures.of(row, "OpenSSL", "us")),
                  spread(figures.ratio(row, "us", "lockcrypto", "OpenSSL"))] for row in figures.rows()]
-        return f"""### PEM
+        return f"""## PEM
 
 `lockcrypto_create_pem` and `lockcrypto_decode_pem` beside OpenSSL's PEM_write_bio and PEM_read_bio on a memory buffer,
 with the memory of text and bytes made and freed each time; ours is wiped before that.
@@ -394,7 +394,8 @@ would be no figures. {figures.rounds} rounds, a fresh daemon each; median (lowes
         parts = [self.aims_section()]
         if ONE_CORE in self.figures or ALL_CORES in self.figures:
             parts.append(self.trips_section())
-        for name, section in (("codec", self.codec_section), ("log", self.log_section), ("b64", self.b64_section),
+        for name, section in (("codec", self.codec_section), ("log", self.log_section),
+                              ("b64", self.b64_section), ("pem", self.pem_section),
                               ("start", self.start_section), ("ark", self.ark_section), ("sim", self.sim_section)):
             if name in self.figures:
                 parts.append(section())
@@ -438,7 +439,7 @@ def main():
     parser.add_argument("--quick", action="store_true", help="short rounds; the tables go to standard output")
     parser.add_argument("sections", nargs="*", metavar="SECTION", help=", ".join(PROGRAMS))
     options = parser.parse_args()
-    sections = options.sections or [name for name in PROGRAMS if name != "pem" or (BIN / "pem_bench").exists()]
+    sections = options.sections or list(PROGRAMS)
     for section in sections:
         if section not in PROGRAMS:
             parser.error(f"there is no section {section}")
