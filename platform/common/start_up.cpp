@@ -85,8 +85,10 @@ bool prepare_process(const std::string& root, std::string& refusal) {
   }
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
-  // Left to itself, malloc(3) would soon keep the memory of large answers instead of giving it back.
-  mallopt(M_MMAP_THRESHOLD, 1 << 20);
+  // Left to itself, malloc(3) would soon keep the memory of large answers instead of giving it back. That of
+  // usual ones it may keep, or each would be paged in anew.
+  mallopt(M_MMAP_THRESHOLD, 4 << 20);
+  mallopt(M_TRIM_THRESHOLD, 8 << 20);
   return take_lock(root + "/run/corvaned/corvaned.lock", refusal);
 }
 
