@@ -3,6 +3,7 @@
 #include <absl/container/flat_hash_set.h>
 #include <absl/hash/hash.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstring>
@@ -207,34 +208,54 @@ Ref<Array> MutableArray::freeze(Ref<MutableArray> array) {
 
 // ---- set ----------------------------------------------------------------------------------------------
 
-namespace {
+// The positions of the items, found by their hashes.
+struct Set::Index {
+  struct Sought {
+    uint64_t hash;
+    const Value* value;
+  };
+  struct Hash {
+    using is_transparent = void;
+    size_t operator()(uint32_t position) const { return set->hashes_[position]; }
+    size_t operator()(const Sought& sought) const { return sought.hash; }
+    const Set* set;
+  };
+  struct Equal {
+    using is_transparent = void;
+    bool operator()(uint32_t a, uint32_t b) const { return a == b; }
+    bool operator()(size_t position, const Sought& sought) const {
+      return set->hashes_[position] == sought.hash && equal(set->items_[position].get(), sought.value);
+    }
+    const Set* set;
+  };
 
-struct Member {
-  uint64_t hash;
-  const Value* value;
+  explicit Index(const Set& set) : positions(0, Hash{&set}, Equal{&set}) {
+    make_room(positions, set.items_.capacity());
+    for (uint32_t i = 0; i < set.size(); ++i) positions.insert(i);
+  }
 
-  bool operator==(const Member& other) const { return hash == other.hash && equal(value, other.value); }
-};
-
-struct MemberHash {
-  size_t operator()(const Member& member) const { return member.hash; }
-};
-
-}  // namespace
-
-struct Set::Index : absl::flat_hash_set<Member, MemberHash> {
-  using flat_hash_set::flat_hash_set;
+  absl::flat_hash_set<uint32_t, Hash, Equal> positions;
 };
 
 Set::Set(size_t capacity) : Container(Kind::set, true), items_(this + 1, capacity) {}
 Set::~Set() = default;
 
-bool Set::contains(const Value& value) const {
-  return index_ != nullptr && index_->contains(Member{hash(value), &value});
+bool Set::contains(const Value& value) const { return contains(value, hash(value)); }
+
+bool Set::contains(const Value& value, uint64_t value_hash) const {
+  const Index::Sought sought{value_hash, &value};
+  if (index_ != nullptr) return index_->positions.contains(sought);
+  for (size_t i = 0; i < items_.size(); ++i) {
+    if (Index::Equal{this}(i, sought)) return true;
+  }
+  return false;
 }
 
 Ref<MutableSet> MutableSet::create(size_t capacity) {
-  return Ref<MutableSet>::adopt(new (allocate_with<Ref<Value>, MutableSet>(capacity)) MutableSet(capacity));
+  void* memory = allocate_with<Ref<Value>, MutableSet>(capacity);
+  auto set = Ref<MutableSet>::adopt(new (memory) MutableSet(capacity));
+  set->hashes_.reserve(capacity);
+  return set;
 }
 
 Ref<Set> MutableSet::freeze(Ref<MutableSet> set) {
@@ -243,13 +264,16 @@ Ref<Set> MutableSet::freeze(Ref<MutableSet> set) {
 }
 
 void MutableSet::add(Ref<Value> value) {
-  if (index_ == nullptr) index_ = std::make_unique<Index>();
-  const Member member{hash(*value), value.get()};
-  if (index_->contains(member)) return;
-  make_room(*index_);
+  const uint64_t value_hash = hash(*value);
+  if (contains(*value, value_hash)) return;
+  // Room first, so that nothing can fail once the item is there.
+  if (hashes_.size() == hashes_.capacity()) hashes_.reserve(std::max<size_t>(4, 2 * hashes_.size()));
+  if (index_ == nullptr && items_.size() >= scan_limit) index_ = std::make_unique<Index>(*this);
+  if (index_ != nullptr) make_room(index_->positions);
   items_.push_back(std::move(value));
-  index_->insert(member);
-  members_hash_ += member.hash;
+  hashes_.push_back(value_hash);
+  if (index_ != nullptr) index_->positions.insert(static_cast<uint32_t>(items_.size() - 1));
+  members_hash_ += value_hash;
 }
 
 // ---- dictionary ---------------------------------------------------------------------------------------

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "plist/element_list.h"
 
@@ -307,7 +308,9 @@ class Set : public Container {
   struct Index;
   explicit Set(size_t capacity);
   ~Set();
+  bool contains(const Value& value, uint64_t value_hash) const;
 
+  std::vector<uint64_t> hashes_;  // of the items
   std::unique_ptr<Index> index_;
   uint64_t members_hash_ = 0;
   ElementList<Ref<Value>> items_;

@@ -7,6 +7,7 @@
 #include <limits>
 #include <map>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -111,6 +112,21 @@ TEST(Value, DictionaryAgreesWithMapWhileItGrowsAndShrinks) {
     EXPECT_EQ(dictionary->entries().size(), 0u);
     for (const Dictionary::Entry& entry : copied->entries()) {
       EXPECT_EQ(expected.count(std::string(entry.key->view())), 1u);
+    }
+  }
+}
+
+TEST(Value, SetAgreesWithSetWhileItGrows) {
+  std::mt19937 random(1);
+  for (const unsigned members : {4u, 9u, 300u}) {
+    Ref<MutableSet> set = MutableSet::create();
+    std::set<int64_t> expected;
+    for (int step = 0; step < 2000; ++step) {
+      const int64_t member = static_cast<int64_t>(random() % members);
+      ASSERT_EQ(set->contains(*array_of({integer(member)})), expected.count(member) == 1);
+      set->add(array_of({integer(member)}));
+      expected.insert(member);
+      ASSERT_EQ(set->items().size(), expected.size());
     }
   }
 }
