@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <regex>
+#include <set>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 #include <unistd.h>
 
 #include "platform/common/preferences.h"
+#include "plist/unicode.h"
 #include "tests/support/test_platform.h"
 #include "wire/socket_address.h"
 
@@ -130,6 +132,25 @@ TEST_F(SystemLoggerTest, MessageIsOneLine) {
   const std::regex layout(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z corvaned\[)" + std::to_string(getpid()) +
                           R"(\] <5> CV: 100%[^]*)");
   EXPECT_TRUE(std::regex_match(testing::read_file(log_), layout));
+}
+
+// A terminal would act on them, and another reader see two lines in one.
+TEST_F(SystemLoggerTest, NoControlCharacterComesThrough) {
+  std::string all;
+  for (int c = 0; c < 0x2100; ++c) {
+    const std::string unit{static_cast<char>(c >> 8), static_cast<char>(c)};
+    all += plist::String::create_from_utf16be(unit)->view();
+  }
+  const Lines lines = disk_lines_after(all);
+  ASSERT_EQ(lines.size(), 1U);
+  std::set<char32_t> through;
+  char32_t c = 0;
+  for (std::string_view rest = lines[0]; !rest.empty(); through.insert(c)) {
+    rest.remove_prefix(plist::unicode::decode_utf8(rest, c));
+  }
+  EXPECT_EQ(through.size(), 0x2100U - 0x20 - 0x21 - 2);
+  for (const char32_t control : {0x00, 0x1f, 0x7f, 0x80, 0x9f, 0x2028, 0x2029})
+    EXPECT_EQ(through.count(control), 0U);
 }
 
 TEST_F(SystemLoggerTest, FloodStaysWithinTwoFiles) {
