@@ -2,6 +2,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 
 #include "daemon/admin.h"
 #include "daemon/lockstart.h"
@@ -17,6 +18,7 @@
 #include "platform/run_loop.h"
 #include "platform/simulated/simulated_device.h"
 #include "platform/telephony.h"
+#include "state/values.h"
 #include "wire/messages.h"
 
 namespace corvane {
@@ -34,7 +36,12 @@ std::unique_ptr<Platform> start_platform(std::string& refusal) {
   if (!environment) return nullptr;
   std::unique_ptr<Device> device = open_device(*environment, refusal);
   if (device == nullptr || !prepare_process(environment->root, refusal)) return nullptr;
-  return std::make_unique<SystemPlatform>(*environment, std::move(device));
+  try {
+    return std::make_unique<SystemPlatform>(*environment, std::move(device));
+  } catch (const std::system_error& error) {
+    refusal = std::string("could not make the event loops: ") + error.what();
+    return nullptr;
+  }
 }
 
 void log_report(const char* text) noexcept { cv_log("platform", 0, "%s", text); }
@@ -48,6 +55,15 @@ void store_changed_ark(data_ark* changed) {
 std::unique_ptr<CorvaneDaemon> daemon_object;
 std::unique_ptr<CorvaneAdmin> admin_object;
 DataArk ark;
+
+// Without its thread nothing will ever be served, and what is there by now waits for it to be taken down.
+void create_request_queue() {
+  try {
+    platform().request_queue().create("CVPortHandler");
+  } catch (const std::system_error& error) {
+    end_process("main", error.what());
+  }
+}
 
 int run_daemon() {
   cv_log("main", 0, "____________________ Corvane startup _____________________");
@@ -64,7 +80,7 @@ int run_daemon() {
 
   const auto admin_listener = platform().create_listener(wire::admin_service, ServiceAccess::owner);
   const auto listener = platform().create_listener(wire::public_service, ServiceAccess::everyone);
-  platform().request_queue().create("CVPortHandler");
+  create_request_queue();
   admin_listener->set_delegate(*admin_object);
   listener->set_delegate(*daemon_object);
   platform().notifications().resume();
