@@ -30,7 +30,8 @@ class RunLoop {
   virtual void run() = 0;
 
   /// Takes over the descriptor and calls `readable` on the loop whenever it has something to read, for the
-  /// life of the loop. Main thread.
+  /// life of the loop. Main thread. Throws std::system_error, and leaves the descriptor to the caller, where the
+  /// system refuses.
   virtual void watch(int descriptor, std::function<void()> readable) = 0;
 };
 

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <set>
 #include <sys/inotify.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -132,10 +133,15 @@ void SimulatedTelephony::set_default_run_loop(RunLoop& run_loop) {
   }
   // What changed before the watch began is part of what there is to begin with.
   take_new_snapshot();
-  run_loop.watch(watcher, [this, watcher] {
-    drain(watcher);
-    look_for_changes();
-  });
+  try {
+    run_loop.watch(watcher, [this, watcher] {
+      drain(watcher);
+      look_for_changes();
+    });
+  } catch (const std::system_error& error) {
+    close(watcher);
+    report("could not watch the folder of %s: %s", profile_.path().c_str(), error.what());
+  }
 }
 
 void SimulatedTelephony::add_observer(void* observer, Callback callback, std::string_view name) {
