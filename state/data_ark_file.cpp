@@ -34,9 +34,9 @@ ArkPath ark_path() {
   return path;
 }
 
-bool is_regular_file(const char* path) {
+bool may_be_regular_file(const char* path) {
   struct stat status;
-  return lstat(path, &status) == 0 && S_ISREG(status.st_mode);
+  return lstat(path, &status) == 0 ? S_ISREG(status.st_mode) : errno != ENOENT;
 }
 
 // Start-up stores at once and would overwrite what may still be worth a look. False: the file is still there.
@@ -95,7 +95,7 @@ DataArk data_ark_load() {
   ark->values = plist::cast<plist::MutableDictionary>(value.get());
   if (ark->values) return ark;
   cv_log("data_ark_load", 0, "Could not load %s", path.text);
-  if (is_regular_file(path.text)) ark->unreadable_in_place = !set_aside(path.text);
+  if (may_be_regular_file(path.text)) ark->unreadable_in_place = !set_aside(path.text);
   return ark;
 }
 
