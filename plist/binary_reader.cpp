@@ -53,6 +53,7 @@ class BinaryReader {
     unsigned height;
     uint64_t visits;
     uint64_t content;
+    uint64_t compared;
   };
 
   /// An object that was built, unless it is null. The Booleans are not remembered: they need not be built.
@@ -180,12 +181,13 @@ Ref<Value> BinaryReader::read_value(uint64_t number, unsigned depth, bool share)
 Ref<Value> BinaryReader::read_and_measure_container(uint64_t number, size_t offset, unsigned depth, bool share) {
   const uint64_t visits = visits_;
   const uint64_t content = visited_content_;
+  const uint64_t compared = compared_;
   const unsigned deepest_before = std::exchange(deepest_, depth);
   Ref<Value> container = read_container(offset, depth, share);
   const unsigned deepest = std::exchange(deepest_, std::max(deepest_before, deepest_));
   if (!share || !container) return container;
   memo_[number] = {Unpublished::share(container.get()), static_cast<uint32_t>(extents_.size())};
-  extents_.push_back({deepest - depth + 1, visits_ - visits, visited_content_ - content});
+  extents_.push_back({deepest - depth + 1, visits_ - visits, visited_content_ - content, compared_ - compared});
   return container;
 }
 
@@ -202,6 +204,7 @@ Ref<Value> BinaryReader::recall(uint64_t number, unsigned depth) {
   const unsigned deepest = depth + extent.height - 1;
   if (deepest > depth_limit_) return fail("nesting deeper than " + std::to_string(depth_limit_), objects_end_);
   deepest_ = std::max(deepest_, deepest);
+  if (!charge_comparison(extent.compared, objects_end_)) return nullptr;
   return Unpublished::share(known);
 }
 

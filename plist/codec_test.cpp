@@ -279,6 +279,7 @@ TEST(BinaryReader, SharedAndOverlappingObjectsAreBounded) {
       {binary({"\xAF\x10\xFF" + numbers, text}, 254), "strings and data lie across each other"},
       {binary({"\xAF\x11\x30\x00"s + std::string(0x3000, '\1'), "\xA1\x02", text}), "more references"},
       {binary({"\xCF\x11\x30\x00"s + std::string(0x3000, '\1'), text}), "repeated too often"},
+      {binary({"\xAF\x11\x18\x00"s + std::string(0x1800, '\1'), "\xC1\x02", text}), "repeated too often"},
   };
   for (const auto& [bytes, error] : cases) {
     for (const Containers containers : {Containers::immutable, Containers::made_mutable}) {
