@@ -105,6 +105,7 @@ class Vault {
   /// The time that it takes grows with the fourth power of the key's size.
   virtual VaultKeyPair generate_key_pair(const plist::Dictionary& parameters) = 0;
 
+  // From exactly the DER of a certificate (RFC 5280).
   virtual std::unique_ptr<VaultCertificate> create_certificate(std::string_view der) = 0;
   /// Null where the private key is not that of the certificate.
   virtual std::unique_ptr<VaultIdentity> create_identity(const VaultCertificate& certificate,

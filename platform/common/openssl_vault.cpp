@@ -242,9 +242,11 @@ VaultKeyPair OpenSslVault::generate_key_pair(const plist::Dictionary& parameters
 std::unique_ptr<VaultCertificate> OpenSslVault::create_certificate(std::string_view der) {
   const ErrorQueueKeeper keeper;
   const auto* at = reinterpret_cast<const unsigned char*>(der.data());
-  const auto* end = at + der.size();
   Owned<X509> certificate(d2i_X509(nullptr, &at, static_cast<long>(der.size())));
-  if (at != end) return nullptr;
+  if (!certificate) return nullptr;
+  // libcrypto takes other forms too, and would write another certificate than it read.
+  const Ref<Data> canonical = to_der<X509>(i2d_X509, certificate.get());
+  if (!canonical || canonical->bytes() != der) return nullptr;
   return make<OpenSslCertificate>(std::move(certificate));
 }
 
