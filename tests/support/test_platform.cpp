@@ -66,8 +66,8 @@ int TestPlatform::locate(int descriptor, char (&path)[path_limit + 1]) {
 }
 
 std::string make_temporary_folder() {
-  char name[] = "/tmp/corvane-test.XXXXXX";
-  if (mkdtemp(name) == nullptr) throw std::runtime_error("mkdtemp failed");
+  std::string name = fs::temp_directory_path() / "corvane-test.XXXXXX";
+  if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   return fs::canonical(name);
 }
 
