@@ -1,0 +1,246 @@
+// A data ark's file as it may be found, then operations on what was loaded, held against a plain map, then a
+// store and another load. The input: how many operations, four bytes for each, and the file.
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "fuzz/ensure.h"
+#include "plist/reader.h"
+#include "state/data_ark.h"
+#include "tests/support/test_platform.h"
+
+namespace corvane::fuzz {
+
+using plist::Ref;
+using plist::String;
+using testing::TestPlatform;
+
+namespace {
+
+/// What an ark must answer, kept in the plainest way.
+class Model {
+ public:
+  explicit Model(std::string_view file) {
+    const plist::Decoded decoded = plist::decode(plist::Data::create(file), plist::Containers::immutable);
+    const auto* dictionary = plist::cast<plist::Dictionary>(decoded.value.get());
+    if (dictionary == nullptr) return;
+    exists_ = true;
+    for (const auto& entry : dictionary->entries()) values_[std::string(entry.key->view())] = entry.value;
+  }
+
+  void set(const std::string& domains_own, const std::string& key, bool inherits, const Ref<plist::Value>& value) {
+    exists_ = true;
+    if (values_.count(key) == 0 && inherits) {
+      if (const unsigned inherited = attributes(domains_own)) attributes_[key] |= inherited;
+    }
+    values_[key] = value;
+  }
+  bool remove(const std::string& key) {
+    if (values_.erase(key) != 0) attributes_.erase(key);
+    return exists_;
+  }
+  void set_attribute(const std::string& key, unsigned index) { attributes_[key] |= 1u << index; }
+  void clear_attribute(const std::string& key, unsigned index) { attributes_[key] &= ~(1u << index); }
+  unsigned attributes(const std::string& key) const {
+    const auto found = attributes_.find(key);
+    return found == attributes_.end() ? 0 : found->second;
+  }
+  plist::Value* get(const std::string& key) const {
+    const auto found = values_.find(key);
+    return found == values_.end() ? nullptr : found->second.get();
+  }
+  const std::map<std::string, Ref<plist::Value>>& values() const { return values_; }
+  bool exists() const { return exists_; }
+
+  /// What a new load finds of what was stored.
+  void reload() {
+    std::erase_if(values_,
+                  [this](const auto& entry) { return (attributes(entry.first) & (1u << 1 | 1u << 7)) != 0; });
+    attributes_.clear();
+    exists_ = !values_.empty();
+  }
+
+ private:
+  bool exists_ = false;
+  std::map<std::string, Ref<plist::Value>> values_;
+  std::map<std::string, unsigned> attributes_;
+};
+
+/// One key, as the ark and as the model want it.
+struct Key {
+  Key(Ref<String> domain_part, Ref<String> key_part) : domain(std::move(domain_part)), key(std::move(key_part)) {
+    own = (domain ? std::string(domain->view()) : "") + "-";
+    full = own + (key ? std::string(key->view()) : "");
+  }
+  Ref<String> domain;
+  Ref<String> key;
+  std::string own;
+  std::string full;
+};
+
+class Run {
+ public:
+  explicit Run(std::string_view file) : model_(file) {
+    for (const auto& [key, value] : model_.values()) {
+      if (found_.size() == 8) break;
+      found_.push_back(key);
+      found_values_.push_back(value);
+    }
+    load();
+  }
+
+  void operate(const uint8_t (&bytes)[4]);
+  void store_and_load() {
+    data_ark_store(ark_.get());
+    ENSURE(data_ark_dirty_count(ark_.get()) == 0);
+    model_.reload();
+    load();
+  }
+
+ private:
+  // A callback lives no longer than the ark that was given it.
+  void load() {
+    testing::TestPlatform::installed().run_main_queue();
+    ark_ = data_ark_load();
+    ENSURE(ark_ && data_ark_dirty_count(ark_.get()) == 0);
+    expect_everything();
+  }
+  Key key(uint8_t byte) const;
+  Ref<plist::Value> value(uint8_t byte) const;
+  void expect_domain(const Key& key) const;
+  void expect_everything() const;
+
+  Model model_;
+  std::vector<std::string> found_;
+  std::vector<Ref<plist::Value>> found_values_;
+  DataArk ark_;
+};
+
+// Few enough that operations meet, and among them those of the file.
+Key Run::key(uint8_t byte) const {
+  static const Ref<String> parts[] = {nullptr, String::create(""), String::create("a"), String::create("a-b")};
+  if (byte < 128 || found_.empty()) return {parts[byte & 3], parts[byte >> 2 & 3]};
+  // A key without its separator cannot be asked for.
+  const std::string& composed = found_[byte % found_.size()];
+  const size_t separator = composed.find('-');
+  if (separator == composed.npos) return {nullptr, String::create(composed)};
+  return {String::create(composed.substr(0, separator)), String::create(composed.substr(separator + 1))};
+}
+
+Ref<plist::Value> Run::value(uint8_t byte) const {
+  if (byte >= 128 && !found_values_.empty()) return found_values_[byte % found_values_.size()];
+  switch (byte & 3) {
+    case 0:
+      return String::create("2147483648 text");
+    case 1:
+      return plist::Boolean::yes();
+    case 2:
+      return plist::Number::create_int64(byte - 40);
+    default:
+      return plist::Number::create_real(byte * 1e18);
+  }
+}
+
+void Run::operate(const uint8_t (&bytes)[4]) {
+  data_ark* ark = ark_.get();
+  const Key at = key(bytes[1]);
+  const String* domain = at.domain.get();
+  const String* name = at.key.get();
+  const unsigned index = bytes[2] % 10;
+  const bool known_index = index < ark_attributes;
+  switch (bytes[0] % 8) {
+    case 0:
+    case 1:
+      ENSURE(data_ark_set(ark, domain, name, value(bytes[2]).get()) == 0);
+      model_.set(at.own, at.full, name != nullptr, value(bytes[2]));
+      break;
+    case 2:
+      ENSURE((data_ark_remove(ark, domain, name) == 0) == model_.remove(at.full));
+      break;
+    case 3:
+      ENSURE((data_ark_set_attribute(ark, domain, name, index) == 0) == known_index);
+      if (known_index) model_.set_attribute(at.full, index);
+      break;
+    case 4:
+      ENSURE((data_ark_clear_attribute(ark, domain, name, index) == 0) == known_index);
+      if (known_index) model_.clear_attribute(at.full, index);
+      break;
+    case 5:
+      ENSURE(data_ark_watch(ark, domain, name, String::create("n"), bytes[2] & 7) == 0);
+      ENSURE(data_ark_watch_block(
+                 ark, domain, name, [] {}, bytes[3] & 7) == 0);
+      break;
+    case 6:
+      expect_domain(at);
+      data_ark_get_int(ark, domain, name);
+      data_ark_get_int64(ark, domain, name);
+      break;
+    case 7:
+      store_and_load();
+      return;
+  }
+  for (unsigned i = 0; i < ark_attributes; ++i) {
+    ENSURE(data_ark_has_attribute(ark, domain, name, i) == ((model_.attributes(at.full) >> i & 1) != 0));
+  }
+  ENSURE(data_ark_exists(ark, domain, name) == (model_.get(at.full) != nullptr));
+  if (name == nullptr) return;
+  ENSURE(plist::equal(data_ark_copy(ark, domain, name).get(), model_.get(at.full)));
+}
+
+void Run::expect_domain(const Key& at) const {
+  const Ref<plist::Value> copy = data_ark_copy(ark_.get(), at.domain.get(), nullptr);
+  const auto* entries = plist::cast<plist::MutableDictionary>(copy.get());
+  ENSURE((entries != nullptr) == model_.exists());
+  if (entries == nullptr) return;
+  size_t count = 0;
+  for (const auto& [key, value] : model_.values()) {
+    if (!key.starts_with(at.own)) continue;
+    ENSURE(plist::equal(entries->get(key.substr(at.own.size())), value.get()));
+    ++count;
+  }
+  ENSURE(entries->size() == count);
+}
+
+void Run::expect_everything() const {
+  for (const auto& [composed, value] : model_.values()) {
+    const size_t separator = composed.find('-');
+    if (separator == composed.npos) continue;
+    const Key at(String::create(composed.substr(0, separator)), String::create(composed.substr(separator + 1)));
+    ENSURE(plist::equal(data_ark_copy(ark_.get(), at.domain.get(), at.key.get()).get(), value.get()));
+  }
+  expect_domain({nullptr, nullptr});
+}
+
+}  // namespace
+}  // namespace corvane::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
+  using namespace corvane;
+  static testing::TestPlatform& platform = testing::TestPlatform::fresh();
+  static const std::string folder = platform.root() + "/private/var/mobile/Library/cvd";
+  if (size == 0) return 0;
+  const size_t operations = std::min<size_t>(bytes[0] % 64, (size - 1) / 4);
+  const std::string_view file(reinterpret_cast<const char*>(bytes) + 1 + 4 * operations,
+                              size - 1 - 4 * operations);
+
+  std::filesystem::create_directory(folder);
+  testing::write_file(folder + "/data_ark.plist", file);
+  {
+    fuzz::Run run(file);
+    for (size_t i = 0; i < operations; ++i) {
+      const uint8_t* at = bytes + 1 + 4 * i;
+      run.operate({at[0], at[1], at[2], at[3]});
+    }
+    run.store_and_load();
+  }
+  // What could not be read is kept aside, and must not be there for the next input.
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) std::filesystem::remove(entry.path());
+  platform.take_lines();
+  platform.posted.clear();
+  return 0;
+}

@@ -1,0 +1,99 @@
+// Base64 at every width against the plain one, between buffers of exactly the sizes asked for.
+
+#include "support/b64.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "fuzz/ensure.h"
+#include "fuzz/plain_base64.h"
+
+namespace corvane::fuzz {
+
+using testing::plain_decode;
+using testing::plain_encode;
+using testing::PlainDecoded;
+
+namespace {
+
+/// Of exactly this size on the heap.
+struct Buffer {
+  explicit Buffer(size_t bytes) : start(new char[bytes]), size(bytes) { std::memset(start.get(), 0, bytes); }
+  explicit Buffer(const std::string& bytes) : Buffer(bytes.size()) { bytes.copy(start.get(), size); }
+  std::string text(size_t count) const { return {start.get(), count}; }
+  const std::unique_ptr<char[]> start;
+  const size_t size;
+};
+
+std::string encode(const std::string& octets, size_t line, size_t spare) {
+  const Buffer input(octets);
+  uint32_t rc = 7;
+  const size_t size = b64_encode_(input.start.get(), input.size, nullptr, 0, line, &rc);
+  const Buffer text(size + spare);
+  ENSURE(b64_encode_(input.start.get(), input.size, text.start.get(), text.size, line, &rc) == size);
+  ENSURE(rc == B64_OK);
+  const Buffer narrow(size - 1);
+  ENSURE(b64_encode_(input.start.get(), input.size, narrow.start.get(), narrow.size, line, &rc) == 0);
+  ENSURE(rc == B64_SHORT_BUFFER);
+  const std::string written = text.text(text.size);
+  return written.substr(0, written.find('\0'));
+}
+
+PlainDecoded decode(const std::string& text, uint32_t flags) {
+  const Buffer input(text);
+  const char* bad = nullptr;
+  uint32_t rc = 7;
+  const size_t bound = b64_decode_(input.start.get(), input.size, nullptr, 0, flags, &bad, &rc);
+  ENSURE(bound == (text.size() + 3) / 4 * 3);
+  const Buffer octets(bound);
+  const size_t count = b64_decode_(input.start.get(), input.size, octets.start.get(), bound, flags, &bad, &rc);
+  ENSURE(rc == (bad == nullptr ? B64_OK : B64_BAD_DATA));
+  const size_t at = bad == nullptr ? std::string::npos : static_cast<size_t>(bad - input.start.get());
+  return {octets.text(count), at};
+}
+
+void encode_and_decode(const std::string& octets, size_t line, size_t spare) {
+  if (octets.empty()) return;
+  const std::string text = encode(octets, line, spare);
+  ENSURE(text == plain_encode(octets, line, spare != 0));
+  ENSURE(decode(text, B64_STOP_ON_UNKNOWN | B64_STOP_ON_SPACE) == PlainDecoded{octets});
+}
+
+// The kernels by themselves, where there is nothing to pass over.
+void try_kernels(const std::string& octets, const std::string& text) {
+  const size_t groups = octets.size() / 3;
+  const Buffer input(octets.substr(0, 3 * groups));
+  const std::string encoded = plain_encode(octets.substr(0, 3 * groups), 0, false);
+  const size_t clean = std::min(text.size(), text.find_first_not_of(b64_chars)) / 4 * 4;
+  const Buffer characters(text);
+  for (const B64Kernels& kernels : b64_kernels()) {
+    const Buffer out(encoded.size());
+    kernels.encode(reinterpret_cast<const unsigned char*>(input.start.get()), groups, out.start.get());
+    ENSURE(out.text(out.size) == encoded);
+
+    const Buffer decoded((text.size() + 3) / 4 * 3);
+    const B64Run run = kernels.decode(characters.start.get(), characters.size,
+                                      reinterpret_cast<unsigned char*>(decoded.start.get()), {});
+    ENSURE(run.read >= clean && run.read <= text.size());
+    ENSURE(plain_decode(text.substr(0, run.read), 0) == PlainDecoded{decoded.text(run.written)});
+  }
+}
+
+}  // namespace
+}  // namespace corvane::fuzz
+
+// The first byte: how long lines are, and how much more room there is than needed. The rest is encoded, and
+// also taken for something to decode.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
+  using namespace corvane;
+  if (size == 0) return 0;
+  const std::string input(reinterpret_cast<const char*>(bytes) + 1, size - 1);
+  fuzz::encode_and_decode(input, (bytes[0] & 31) * 4, bytes[0] >> 5);
+  for (const uint32_t flags : {0u, 0x100u, 0x200u, 0x300u}) {
+    ENSURE(fuzz::decode(input, flags) == testing::plain_decode(input, flags));
+  }
+  fuzz::try_kernels(input, input);
+  return 0;
+}

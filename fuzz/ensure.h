@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+
+/// What a target holds the product to, in every build: a finding where it is not so.
+#define ENSURE(condition) ((condition) ? void(0) : ::corvane::fuzz::found(#condition, __FILE__, __LINE__))
+
+namespace corvane::fuzz {
+
+[[noreturn]] inline void found(const char* condition, const char* file, int line) {
+  std::fprintf(stderr, "%s:%d: this does not hold: %s\n", file, line, condition);
+  std::abort();
+}
+
+}  // namespace corvane::fuzz

@@ -1,0 +1,117 @@
+// What a client is told: the bytes come from a daemon's socket to the real client library, once as the answer to
+// a request and once to a subscriber, and what is understood is printed in every form that corvanectl has.
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+#include "client/client.h"
+#include "client/subscription.h"
+#include "fuzz/ensure.h"
+#include "tests/support/test_platform.h"
+#include "tools/json.h"
+#include "tools/print.h"
+#include "wire/messages.h"
+#include "wire/socket_address.h"
+
+namespace corvane::fuzz {
+
+namespace {
+
+using client::Outcome;
+
+/// Serves one service's socket: sends everyone the same bytes in chunks, and hangs up.
+class Server {
+ public:
+  Server(const std::string& path, bool is_asked) : is_asked_(is_asked) {
+    const wire::SocketAddress address(path);
+    listening_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ENSURE(bind(listening_, address.get(), address.size()) == 0 && listen(listening_, 8) == 0);
+    std::thread([this] {
+      for (;;) serve(::accept(listening_, nullptr, nullptr));
+    }).detach();
+  }
+
+  void set_answer(std::string_view bytes, size_t chunk) {
+    const std::lock_guard lock(mutex_);
+    answer_ = bytes;
+    chunk_ = chunk;
+  }
+
+ private:
+  void serve(int socket) {
+    char request[4096];
+    if (is_asked_) ENSURE(::read(socket, request, sizeof request) > 0);
+    const std::lock_guard lock(mutex_);
+    for (std::string_view rest = answer_; !rest.empty();) {
+      const ssize_t sent = ::send(socket, rest.data(), std::min(rest.size(), chunk_), MSG_NOSIGNAL);
+      if (sent <= 0) break;
+      rest.remove_prefix(static_cast<size_t>(sent));
+    }
+    ::close(socket);
+  }
+
+  const bool is_asked_;
+  int listening_;
+  std::mutex mutex_;
+  std::string answer_;
+  size_t chunk_ = 1;
+};
+
+void expect_printable(const plist::Value& value) {
+  ENSURE(!tools::to_text(value).empty());
+  ENSURE(nlohmann::json::accept(tools::to_json(value)));
+}
+
+void ask(const std::string& root) {
+  client::Connection connection(wire::public_service, root);
+  const client::Answer answer = client::copy_regulatory_images(connection);
+  if (answer.outcome == Outcome::answered) {
+    if (answer.response.reply) expect_printable(*answer.response.reply);
+    ENSURE(answer.response.failed || (answer.response.code == 0 && answer.response.description.empty()));
+    return;
+  }
+  ENSURE(answer.outcome == Outcome::bad_answer || answer.outcome == Outcome::closed);
+  ENSURE(!answer.detail.empty() && answer.detail.find('\n') == answer.detail.npos);
+}
+
+void listen_to(const std::string& root) {
+  client::Subscription subscription(root);
+  std::string detail;
+  ENSURE(subscription.open(detail) == Outcome::answered);
+  wire::Notification notification;
+  Outcome outcome;
+  while ((outcome = subscription.next(notification, detail)) == Outcome::answered) {
+    ENSURE(notification.name.empty() == (notification.missed > 0));
+  }
+  ENSURE((outcome == Outcome::bad_answer || outcome == Outcome::closed) && !detail.empty());
+}
+
+void receive(std::string_view bytes, size_t chunk) {
+  static const std::string root = testing::TestPlatform::fresh().root();
+  static const std::string folder = root + std::string(wire::socket_folder) + "/";
+  static auto& service = *new Server(folder + std::string(wire::public_service), true);
+  static auto& notifications = *new Server(folder + std::string(wire::notification_service), false);
+  service.set_answer(bytes, chunk);
+  ask(root);
+  notifications.set_answer(bytes, chunk);
+  listen_to(root);
+}
+
+}  // namespace
+}  // namespace corvane::fuzz
+
+// The first byte says in what chunks the rest comes.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
+  if (size == 0) return 0;
+  constexpr size_t chunks[] = {SIZE_MAX, 7, 100, 4096};
+  corvane::fuzz::receive({reinterpret_cast<const char*>(bytes) + 1, size - 1}, chunks[bytes[0] & 3]);
+  return 0;
+}

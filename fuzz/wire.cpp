@@ -1,0 +1,170 @@
+// A client's stream on a real connection of the public or the admin service: what comes back must be one
+// well-formed response for each request of the raw-data kind up to the first thing that is no frame, in order.
+
+#include <asio/local/connect_pair.hpp>
+
+#include <algorithm>
+#include <cstdint>
+#include <fcntl.h>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+#include "daemon/admin.h"
+#include "daemon/protocol.h"
+#include "daemon/service.h"
+#include "fuzz/ensure.h"
+#include "platform/common/service_connection.h"
+#include "plist/big_endian.h"
+#include "plist/entitlements_blob.h"
+#include "plist/reader.h"
+#include "tests/support/test_platform.h"
+#include "wire/limits.h"
+#include "wire/messages.h"
+
+namespace corvane::fuzz {
+
+using plist::Ref;
+using testing::TestPlatform;
+
+namespace {
+
+/// A listener with room for everything, which counts what is held for the client.
+struct Owner final : ConnectionOwner {
+  void connection_was_active(LocalConnection&) override {}
+  void connection_has_deadline() override {}
+  void connection_closed(LocalConnection&, const char*) override { closed = true; }
+  void output_grew(size_t bytes) override { held += bytes; }
+  void output_shrank(size_t bytes) override {
+    ENSURE(bytes <= held);
+    held -= bytes;
+  }
+  bool takes_requests() const override { return true; }
+  bool needs_room() const override { return false; }
+
+  bool closed = false;
+  size_t held = 0;
+};
+
+/// The client's end: sends what it is told, and keeps what comes back.
+class Client {
+ public:
+  explicit Client(LocalConnection::Socket socket) : socket_(std::move(socket)) { socket_.non_blocking(true); }
+
+  /// Sends as much as the other end takes now.
+  size_t send(std::string_view bytes) {
+    const ssize_t sent = ::send(socket_.native_handle(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    return sent < 0 ? 0 : static_cast<size_t>(sent);
+  }
+  void end() { ::shutdown(socket_.native_handle(), SHUT_WR); }
+
+  bool receive() {
+    const std::span<char> space = reader_.space();
+    const ssize_t count = ::recv(socket_.native_handle(), space.data(), space.size(), 0);
+    if (count <= 0) return false;
+    reader_.added(static_cast<size_t>(count));
+    wire::Frame frame;
+    wire::FrameReader::Status status;
+    while ((status = reader_.next(frame)) == wire::FrameReader::Status::frame) responses.push_back(frame);
+    ENSURE(status == wire::FrameReader::Status::incomplete);
+    return true;
+  }
+  bool inside_frame() const { return reader_.inside_frame(); }
+
+  std::vector<wire::Frame> responses;
+
+ private:
+  LocalConnection::Socket socket_;
+  wire::FrameReader reader_{wire::response_limit};
+};
+
+/// The bodies of the requests that a response is due to.
+std::vector<std::string_view> due_requests(std::string_view stream, uint32_t limit) {
+  std::vector<std::string_view> due;
+  while (stream.size() >= 8 && stream.starts_with("CV\1")) {
+    const uint64_t length = plist::load_big_endian<4>(stream.data() + 4);
+    if (length > limit || length > stream.size() - 8) break;
+    if (stream[3] == 1) due.push_back(stream.substr(8, length));
+    stream.remove_prefix(8 + length);
+  }
+  return due;
+}
+
+void expect_response(const wire::Frame& frame, std::string_view request) {
+  ENSURE(frame.kind == wire::raw_data_kind);
+  const plist::Decoded decoded = plist::decode(frame.body, plist::Containers::immutable);
+  const auto* dictionary = plist::cast<plist::Dictionary>(decoded.value.get());
+  wire::Response response;
+  ENSURE(dictionary != nullptr && wire::read_response(*dictionary, response));
+
+  const plist::Decoded asked =
+      plist::decode(plist::Data::create(request), plist::Containers::immutable, wire::request_depth_limit);
+  const auto* question = plist::cast<plist::Dictionary>(asked.value.get());
+  const plist::String* selector = question == nullptr ? nullptr : wire::request_selector(*question);
+  ENSURE(wire::request_selector(*dictionary)->view() == (selector == nullptr ? "" : selector->view()));
+  ENSURE(question != nullptr || response.failed);
+}
+
+void exchange(std::string_view stream, bool admin, size_t chunk) {
+  static CorvaneDaemon daemon;
+  static CorvaneAdmin administrator;
+  RequestQueue queue;
+  LocalConnection::Socket ours(queue.context());
+  LocalConnection::Socket theirs(queue.context());
+  asio::local::connect_pair(ours, theirs);
+  Client client(std::move(theirs));
+  Owner owner;
+  const uint32_t limit = admin ? wire::admin_request_limit : wire::public_request_limit;
+  {
+    const auto connection = std::make_shared<LocalConnection>(std::move(ours), queue, limit, owner);
+    connection->set_exported_interface(admin ? corvane_admin_protocol() : corvane_protocol());
+    connection->set_exported_object(admin ? static_cast<ExportedObject&>(administrator) : daemon);
+    connection->set_delivery_queue(queue);
+    connection->resume();
+    const auto turn = [&] {
+      queue.context().restart();
+      const bool worked = queue.context().poll() > 0;
+      return client.receive() || worked;
+    };
+    for (std::string_view rest = stream; !rest.empty() && !owner.closed;) {
+      rest.remove_prefix(client.send(rest.substr(0, chunk)));
+      while (turn()) {
+      }
+    }
+    client.end();
+    while (turn() || !owner.closed) {
+    }
+  }
+  ENSURE(owner.held == 0);
+  const std::vector<std::string_view> due = due_requests(stream, limit);
+  ENSURE(client.responses.size() == due.size() && !client.inside_frame());
+  for (size_t i = 0; i < due.size(); ++i) expect_response(client.responses[i], due[i]);
+}
+
+// What a stored request leaves behind must not be there for the next input.
+void start_anew() {
+  static TestPlatform& platform = TestPlatform::fresh();
+  static const std::string folder = platform.root() + "/private/var/mobile/Library/cvd";
+  static const bool has_folder = mkdir(folder.c_str(), 0700) == 0;
+  ENSURE(has_folder);
+  unlink((folder + "/regulatory_images/regulatory_images.plist").c_str());
+  platform.take_lines();
+  platform.properties["ProductVersion"] = plist::String::create("9.1");
+  platform.entitlements_blob =
+      plist::make_entitlements_blob("<plist version=\"1.0\"><dict><key>radio</key><true/></dict></plist>");
+}
+
+}  // namespace
+}  // namespace corvane::fuzz
+
+// The first byte: whose service, and in what chunks the stream comes.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
+  if (size == 0) return 0;
+  constexpr size_t chunks[] = {SIZE_MAX, 1, 7, 8, 9, 100, 4096, 5000};
+  corvane::fuzz::start_anew();
+  corvane::fuzz::exchange({reinterpret_cast<const char*>(bytes) + 1, size - 1}, (bytes[0] & 8) != 0,
+                          chunks[bytes[0] & 7]);
+  return 0;
+}
