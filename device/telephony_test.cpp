@@ -12,47 +12,38 @@
 namespace corvane {
 namespace {
 
-using testing::TestPlatform;
 using Lines = std::vector<std::string>;
 using Value = plist::Ref<plist::Value>;
 using Query = TelvoServerConnection::Query;
 
 const std::string changed_post = "com.norvane.mobile.keelhold.phone_number_changed";
-const std::string in_old_lookup = "lookup_baseband_info_old: ";
 
 plist::Ref<plist::String> text(std::string_view utf8) { return plist::String::create(utf8); }
 Value number(int32_t value) { return plist::Number::create_int32(value); }
 
-/// A radio that says what a test tells it to. A query that fails fills its slot all the same.
-struct Radio final : Telephony, TelephonyCentre {
+/// A radio that says what a test tells it to.
+struct Radio final : Telephony {
   struct Connection final : TelvoServerConnection {
+    // A query that fails fills its slot all the same; an error of 0 is success in every domain.
     TelvoStatus copy(Query query, Value& slot) override {
       slot = answers[query];
-      return results[query];
+      return {1, fails ? static_cast<int32_t>(query) + 1 : 0};
     }
     std::map<Query, Value> answers;
-    std::map<Query, TelvoStatus> results;
+    bool fails = false;
   };
 
-  TelephonyCentre* default_centre() override { return this; }
-  std::unique_ptr<TelvoServerConnection> connect(void (*callback)()) override {
-    server_callback = callback;
-    return connects ? std::make_unique<Connection>(connection) : nullptr;
+  TelephonyCentre* default_centre() override { return nullptr; }
+  std::unique_ptr<TelvoServerConnection> connect(void (*)()) override {
+    return std::make_unique<Connection>(connection);
   }
   TelvoRadioStatus copy_radio_status() override { return record; }
   Value sim_status() override { return status; }
   Value copy_my_phone_number() override { return phone_number; }
-  void set_default_run_loop(RunLoop&) override {}
-  void add_observer(void* observer, Callback callback, std::string_view name) override {
-    observers.emplace_back(observer, callback, std::string(name));
-  }
 
-  bool connects = true;
   Connection connection;
   TelvoRadioStatus record;
   Value status, phone_number;
-  std::vector<std::tuple<void*, Callback, std::string>> observers;
-  void (*server_callback)() = nullptr;
 };
 
 /// A device with a radio and an ark. A process keeps the baseband class that it saw first.
@@ -63,189 +54,120 @@ struct Phone {
     baseband_class_above_one();
     platform.take_lines();
   }
-  bool is_transient(const char* key) { return data_ark_has_attribute(ark, nullptr, text(key).get(), 1); }
-  std::string stored() { return plist::describe(data_ark_copy(ark, nullptr, nullptr).get()); }
-
-  TestPlatform& platform = TestPlatform::fresh();
+  testing::TestPlatform& platform = testing::TestPlatform::fresh();
   Radio radio;
-  const DataArk owned_ark = data_ark_load();
-  data_ark* const ark = owned_ark.get();
+  const DataArk ark = data_ark_load();
 };
 
-/// Each step is what the radio says ('_' nothing, '0' an empty text, '#' no text, '!' a failure) and what comes of
-/// it: '+' an insertion, '~' a change, '-' a removal, '=' nothing. `lines` are those of the three and of the
-/// failure. Without a query it is the SIM status, which is followed without a connection too.
-void expect_followed(const char* key, const Query* query, const Lines& steps, const Lines& lines) {
-  Phone phone;
-  phone.radio.connects = query != nullptr;
-  Value kept;
-  for (const std::string& step : steps) {
-    const bool fails = query == nullptr || step[0] == '!', changes = step[1] != '=';
-    const Value word = text(step[0] == '0' ? "" : step.substr(0, 1));
-    const Value said = step[0] == '_' ? nullptr : step[0] == '#' ? number(1) : word;
-    (query == nullptr ? phone.radio.status : phone.radio.connection.answers[*query]) = said;
-    // An error of 0 is success in every domain.
-    if (query != nullptr) phone.radio.connection.results[*query] = {1, fails ? -5 : 0};
-    Lines logged;
-    if (changes) logged.push_back(in_old_lookup + lines[std::string("+~-").find(step[1])]);
-    if (changes && step[1] != '-') logged.push_back("data_ark_set: dirtied by changing -" + std::string(key));
-    if (fails) logged.push_back(in_old_lookup + lines[3]);
-    if (changes) kept = step[1] == '-' ? nullptr : said;
-    EXPECT_EQ(lookup_baseband_info(phone.ark), changes) << key << step;
-    EXPECT_EQ(phone.platform.take_texts(), logged) << key << step;
-    EXPECT_TRUE(plist::equal(data_ark_copy(phone.ark, nullptr, text(key).get()).get(), kept.get())) << key << step;
-  }
-  EXPECT_EQ(phone.platform.posted, Lines(steps.size(), changed_post));
-}
-
 TEST(OldLookup, FollowsTheSimAndKeepsWhatItCannotRead) {
-  expect_followed("PreviousSIMStatus", nullptr, {"_=", "#=", "a+", "a=", "b~", "#=", "_-", "_="},
-                  {"We now have SIM status", "The SIM status has changed", "SIM status has gone away?",
-                   "Could not connect to Telvo"});
-  const Query sim = Query::sim_identity, subscriber = Query::mobile_subscriber_identity;
-  const Lines steps{"_=", "#=", "!=", "0=", "a+", "a=", "_=", "#=", "!=", "b~", "0-", "0=", "a+"};
-  const auto lines = [](const std::string& what, const std::string& name) {
-    return Lines{"Inserting " + what + " into the data ark", "The " + what + " has changed",
-                 "Removing " + what + " from the data ark",
-                 "_TelvoServerConnectionCopy" + name + "() error: 1.-5"};
-  };
-  expect_followed("IntegratedCircuitCardIdentity", &sim, steps, lines("SIM identity", "SIMIdentity"));
-  expect_followed("InternationalMobileSubscriberIdentity", &subscriber, steps,
-                  lines("subscriber identity", "MobileSubscriberIdentity"));
+  Phone phone;
+  // What the radio says to all questions but one, whether that is a change, and what is kept of each answer.
+  const std::tuple<Value, bool, std::string> steps[] = {
+      {nullptr, false, "-----2"},   {number(1), false, "----12"}, {text("a"), true, "aaaaa2"},
+      {text("a"), false, "aaaaa2"}, {number(1), false, "aaaa12"}, {text("b"), true, "bbbab2"},
+      {nullptr, true, "bb-ab2"},    {text(""), true, "--a2"},     {text(""), false, "--a2"}};
+  phone.radio.connection.answers[Query::group_identifier_2] = number(2);
+  for (const auto& [said, changes, expected] : steps) {
+    phone.radio.status = said;
+    for (int query = 0; query < 5; ++query) phone.radio.connection.answers[static_cast<Query>(query)] = said;
+    EXPECT_EQ(lookup_baseband_info(phone.ark.get()), changes);
+    std::string found;
+    for (const char* key : {"IntegratedCircuitCardIdentity", "InternationalMobileSubscriberIdentity",
+                            "PreviousSIMStatus", "BasebandBootloaderVersion", "SIMGID1", "SIMGID2"}) {
+      const Value value = data_ark_copy(phone.ark.get(), nullptr, text(key).get());
+      found += value ? plist::describe(value.get()) : "-";
+    }
+    EXPECT_EQ(found, expected);
+  }
+  EXPECT_EQ(phone.platform.posted, Lines(std::size(steps), changed_post));
+  Lines lines = phone.platform.take_texts();
+  // The last three are kept for this run only.
+  EXPECT_EQ(std::erase_if(lines, [](const std::string& line) { return line.starts_with("data_ark_set: "); }), 7u);
+  for (std::string& line : lines) line.erase(0, std::string_view("lookup_baseband_info_old: ").size());
+  EXPECT_EQ(lines,
+            (Lines{"We now have SIM status", "Inserting SIM identity into the data ark",
+                   "Inserting subscriber identity into the data ark",
+                   "Inserting baseband bootloader version into the data ark", "The SIM status has changed",
+                   "The SIM identity has changed", "The subscriber identity has changed",
+                   "SIM status has gone away?", "We now have SIM status",
+                   "Removing SIM identity from the data ark", "Removing subscriber identity from the data ark"}));
 }
 
 TEST(OldLookup, AsksInOrderAndGoesOnAfterEachFailure) {
   Phone phone;
+  phone.radio.connection.fails = true;
   Lines lines;
   for (const std::string name :
        {"SIMIdentity", "MobileSubscriberIdentity", "FirmwareVersion", "BootloaderVersion", "Gid1", "Gid2"}) {
-    const auto query = static_cast<Query>(lines.size());
-    phone.radio.connection.answers[query] = text("not to be used");
-    phone.radio.connection.results[query] = {-1, static_cast<int32_t>(query) + 1};
-    lines.push_back(in_old_lookup + "_TelvoServerConnectionCopy" + name + "() error: -1.");
+    phone.radio.connection.answers[static_cast<Query>(lines.size())] = text("not to be used");
+    lines.push_back("lookup_baseband_info_old: _TelvoServerConnectionCopy" + name + "() error: 1.");
     lines.back() += std::to_string(lines.size());
   }
-  EXPECT_FALSE(lookup_baseband_info(phone.ark));
+  EXPECT_FALSE(lookup_baseband_info(phone.ark.get()));
   EXPECT_EQ(phone.platform.take_texts(), lines);
-  EXPECT_EQ(phone.stored(), "(null)");
+  EXPECT_EQ(plist::describe(data_ark_copy(phone.ark.get(), nullptr, nullptr).get()), "(null)");
 }
 
-TEST(OldLookup, KeepsGroupIdentifiersAndBootloaderVersionForThisRunOnly) {
+TEST(BasebandStatus, IsWhatTheFirmwareSecurityInformationSays) {
   Phone phone;
-  auto& answers = phone.radio.connection.answers;
-  answers[Query::firmware_version] = text("4.10");
-  const auto look_up = [&](const Value& bootloader, const Value& group_1, const Value& group_2) {
-    answers[Query::bootloader_version] = bootloader;
-    answers[Query::group_identifier_1] = group_1;
-    answers[Query::group_identifier_2] = group_2;
-    EXPECT_FALSE(lookup_baseband_info(phone.ark) || data_ark_dirty_count(phone.ark) != 0);
-    return phone.platform.take_texts();
-  };
-  EXPECT_EQ(look_up(number(5), nullptr, nullptr), Lines{});
-  EXPECT_EQ(look_up(text(""), nullptr, text("b")), Lines{});
-  EXPECT_EQ(phone.stored(), R"({"SIMGID2": "b"})");
-  EXPECT_EQ(look_up(text("5.02"), text("a"), number(7)),
-            Lines{in_old_lookup + "Inserting baseband bootloader version into the data ark"});
-  EXPECT_EQ(look_up(text("6.00"), number(8), nullptr), Lines{});
-  EXPECT_EQ(phone.stored(), R"({"BasebandBootloaderVersion": "5.02", "SIMGID1": 8, "SIMGID2": 7})");
-  for (const char* key : {"BasebandBootloaderVersion", "SIMGID1", "SIMGID2"}) EXPECT_TRUE(phone.is_transient(key));
-}
-
-TEST(Notifications, AreAnsweredByALookupAndTheHookAfterAChange) {
-  Phone phone;
-  static std::vector<data_ark*> hooked;
-  set_radio_change_hook([](data_ark* ark) { hooked.push_back(data_ark_dirty_count(ark) != 0 ? ark : nullptr); });
-  registerForTelvoCallNotifications(phone.ark);
-  const std::string_view names[] = {telvo_sim_inserted, telvo_sim_status_changed, telvo_phone_number_changed};
-  ASSERT_EQ(phone.radio.observers.size(), std::size(names));
-  for (size_t i = 0; i < 6; ++i) {
-    const auto& [observer, callback, name] = phone.radio.observers[i % 3];
-    EXPECT_EQ(name, names[i % 3]);
-    // The second time round nothing has changed.
-    if (i < 3) phone.radio.connection.answers[Query::sim_identity] = text(name);
-    phone.platform.posted.clear();
-    callback(&phone.radio, observer, text(name).get(), nullptr, nullptr);
-    EXPECT_EQ(phone.platform.posted, Lines(i % 3 == 0 ? 2 : 1, changed_post));
-    EXPECT_EQ(hooked, std::vector(i < 3 ? i + 1 : 3, phone.ark));
-  }
-}
-
-TEST(BasebandStatus, IsACopyOfTheFirmwareSecurityInformation) {
-  Phone phone;
-  const auto information = create_dict();
-  information->set("Fused", plist::Boolean::yes());
-  const auto expect_status = [&](const Value& answer, int32_t error, const char* status, const char* line) {
+  const auto info = create_dict();
+  info->set("Fused", plist::Boolean::yes());
+  for (const Value& answer : {Value(), Value(text("no dictionary")), Value(info)}) {
     phone.radio.connection.answers[Query::firmware_security_info] = answer;
-    phone.radio.connection.results[Query::firmware_security_info] = {2, error};
-    const auto copy = copyBasebandStatus();
-    EXPECT_EQ(plist::describe(copy.get()), status);
-    EXPECT_NE(copy.get(), information.get());
-    EXPECT_EQ(phone.platform.take_texts(), line == nullptr ? Lines{} : Lines{line});
-  };
-  expect_status(information, 0, R"({"Fused": true})",
-                "__copyBasebandStatus_block_invoke: got Fused = true from telvo");
-  expect_status(information, 9, "{}",
-                "copyBasebandStatus: _TelvoServerConnectionCopyFirmwareSecurityInfo() error: 2.9");
-  expect_status(nullptr, 0, "{}", "copyBasebandStatus: Telvo returned NULL FirmwareSecurityInfo");
-  expect_status(text("no dictionary"), 0, "{}", nullptr);
-  phone.radio.connects = false;
-  expect_status(information, 0, "(null)", "copyBasebandStatus: Can't connect to Telvo");
-  phone.radio.server_callback();
-  EXPECT_EQ(phone.platform.take_texts(), Lines{"_telvoserver_callback: _telvoserver_callback?"});
-  phone.platform.properties["BasebandStatus"] = information;
-  EXPECT_EQ(copy_baseband_status_answer().get(), information.get());
+    EXPECT_EQ(plist::describe(copyBasebandStatus().get()),
+              answer.get() == info.get() ? R"({"Fused": true})" : "{}");
+  }
+  phone.radio.connection.fails = true;
+  EXPECT_EQ(plist::describe(copyBasebandStatus().get()), "{}");
+  phone.platform.telephony_service = nullptr;
+  EXPECT_FALSE(copyBasebandStatus());
+  EXPECT_EQ(phone.platform.take_texts(),
+            (Lines{"copyBasebandStatus: Telvo returned NULL FirmwareSecurityInfo",
+                   "__copyBasebandStatus_block_invoke: got Fused = true from telvo",
+                   "copyBasebandStatus: _TelvoServerConnectionCopyFirmwareSecurityInfo() error: 1.7",
+                   "copyBasebandStatus: Can't connect to Telvo"}));
 }
 
 TEST(PhoneNumber, IsANonEmptyStringOrNull) {
   Phone phone;
-  const std::string longest(1023, '5'), head = "copy_phonenumber: ";
-  const std::string locale = "copy_locale: Could not lookup locale preference",
-                    returned = head + "TelvoSettingCopyMyPhoneNumber() returned ";
-  const std::tuple<Value, bool, Lines> cases[] = {
-      {text("+1555"), true, {locale}},
-      {text(longest), true, {locale}},
-      {text(longest + "5"), true, {locale, head + "Could not convert phone number to string"}},
-      {text(""), false, {locale, returned + "an empty phone number - returning NULL"}},
-      {number(1555), false, {returned + "non-string: 1555, but we're returning NULL anyway"}},
-      {nullptr, false, {returned + "NULL"}}};
-  for (const auto& [value, is_number, lines] : cases) {
+  const Value values[] = {text(std::string(1023, '5')), text(std::string(1024, '5')), text(""), number(1),
+                          nullptr};
+  for (const Value& value : values) {
     phone.radio.phone_number = value;
-    EXPECT_EQ(copy_phonenumber().get(), is_number ? value.get() : nullptr);
-    EXPECT_EQ(phone.platform.take_texts(), lines);
+    EXPECT_EQ(copy_phonenumber().get(), &value < &values[2] ? value.get() : nullptr);
   }
+  const std::string locale = "copy_locale: Could not lookup locale preference";
+  const std::string returned = "copy_phonenumber: TelvoSettingCopyMyPhoneNumber() returned ";
+  EXPECT_EQ(phone.platform.take_texts(),
+            (Lines{locale, locale, "copy_phonenumber: Could not convert phone number to string", locale,
+                   returned + "an empty phone number - returning NULL",
+                   returned + "non-string: 1, but we're returning NULL anyway", returned + "NULL"}));
 }
 
 // In a process of its own, for the class.
 void follow_a_newer_phone() {
   Phone phone(2);
-  registerForTelvoCallNotifications(phone.ark);
-  EXPECT_TRUE(phone.radio.observers.empty() && phone.platform.take_lines().empty());
   const auto properties = create_dict();
-  for (const char* key : {"Signal", "MobileEquipmentIdentifier", "Operator", "IntegratedCircuitCardIdentity",
+  for (const char* key : {"Signal", "MobileEquipmentIdentifier", "IntegratedCircuitCardIdentity",
                           "InternationalMobileEquipmentIdentity"}) {
     properties->set(key, text("x"));
   }
-  static int hooked = 0;
-  set_radio_change_hook([](data_ark*) { ++hooked; });
-  const auto expect_record = [&](const Value& readiness, const Lines& lines, const std::string& stored) {
+  for (const Value& readiness : {Value(), Value(text("not ready")), Value(text("ready"))}) {
     phone.radio.record = {readiness, properties};
-    sim_notification_callback(&phone.radio, phone.ark, text(telvo_sim_inserted).get(), nullptr, nullptr);
-    EXPECT_EQ(phone.platform.take_texts(), lines);
-    EXPECT_EQ(phone.stored(), stored);
-  };
-  const std::string got = "__lookup_baseband_info_new_block_invoke: got ",
-                    radio = "lookup_baseband_info_new: radio ";
-  expect_record(nullptr, {radio + "not responding"}, "(null)");
-  expect_record(text("not ready"), {radio + "not ready: not ready"}, "(null)");
-  expect_record(text("ready"), {got + "Signal = x from telvo", got + "Operator = x from telvo"},
-                R"({"Operator": "x", "Signal": "x"})");
-  EXPECT_TRUE(phone.is_transient("Signal") && phone.is_transient("Operator") && hooked == 3);
+    sim_notification_callback(nullptr, phone.ark.get(), text(telvo_sim_inserted).get(), nullptr, nullptr);
+  }
+  EXPECT_EQ(phone.platform.take_texts(),
+            (Lines{"lookup_baseband_info_new: radio not responding",
+                   "lookup_baseband_info_new: radio not ready: not ready",
+                   "__lookup_baseband_info_new_block_invoke: got Signal = x from telvo"}));
+  EXPECT_EQ(plist::describe(data_ark_copy(phone.ark.get(), nullptr, nullptr).get()), R"({"Signal": "x"})");
+  EXPECT_EQ(data_ark_dirty_count(phone.ark.get()), 0u);
   EXPECT_EQ(phone.platform.posted, Lines(3, changed_post));
   phone.platform.prepare_to_die();
   std::_Exit(::testing::Test::HasFailure());
 }
 
-TEST(NewerPhoneDeathTest, SubscribesToNothingAndWithholdsItsIdentities) {
+TEST(NewerPhoneDeathTest, AnnouncesEachEventAndWithholdsItsIdentities) {
   EXPECT_EXIT(follow_a_newer_phone(), ::testing::ExitedWithCode(0), "");
 }
 
