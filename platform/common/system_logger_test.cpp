@@ -149,7 +149,7 @@ TEST_F(SystemLoggerTest, NoControlCharacterComesThrough) {
     rest.remove_prefix(plist::unicode::decode_utf8(rest, c));
   }
   EXPECT_EQ(through.size(), 0x2100U - 0x20 - 0x21 - 2);
-  for (const char32_t control : {0x00, 0x1f, 0x7f, 0x80, 0x9f, 0x2028, 0x2029})
+  for (const char32_t control : {0x00u, 0x1fu, 0x7fu, 0x80u, 0x9fu, 0x2028u, 0x2029u})
     EXPECT_EQ(through.count(control), 0U);
 }
 
