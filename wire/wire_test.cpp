@@ -16,14 +16,16 @@ constexpr uint32_t body_limit = 0x30d40;
 std::pair<std::string, Status> read_in_chunks(std::string_view stream, size_t chunk) {
   FrameReader reader(body_limit);
   Frame taken;
+  size_t come = 0;
   std::pair<std::string, Status> read{"", Status::incomplete};
   while (read.second == Status::incomplete && !stream.empty()) {
     const std::span<char> space = reader.space();
     // Not the whole memory that a header asks for.
-    EXPECT_TRUE(!space.empty() && space.size() <= 65536);
+    EXPECT_TRUE(!space.empty() && space.size() <= std::max<size_t>(65536, come));
     const size_t count = stream.copy(space.data(), std::min(space.size(), chunk));
     stream.remove_prefix(count);
     reader.added(count);
+    come += count;
     while ((read.second = reader.next(taken)) == Status::frame)
       read.first += frame(taken.body->bytes(), taken.kind);
   }
