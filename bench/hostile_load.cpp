@@ -45,7 +45,7 @@ constexpr size_t honest_clients = 8;
 constexpr size_t mebibyte = size_t{1} << 20;
 
 // What the allocator may keep of the worst moment.
-constexpr size_t memory_bound = 16 * mebibyte;
+constexpr size_t memory_bound = 8 * mebibyte;
 constexpr double processor_bound = 0.05;
 constexpr size_t log_bound = 2 * 65536;
 

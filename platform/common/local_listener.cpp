@@ -3,6 +3,7 @@
 #include <asio/steady_timer.hpp>
 
 #include <algorithm>
+#include <malloc.h>
 #include <new>
 #include <optional>
 #include <utility>
@@ -221,7 +222,9 @@ void LocalService::tick() {
       if (!full_) connection.resume();
     });
   }
-  if (more) connection_has_deadline();
+  if (more) return connection_has_deadline();
+  // Nobody waits for anything now: what large answers took goes back to the system.
+  malloc_trim(0);
 }
 
 // ---- the handle ---------------------------------------------------------------------------------------
