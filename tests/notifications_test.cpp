@@ -90,7 +90,9 @@ TEST_F(Notifications, SlotsAreLimitedAndComeBack) {
   for (const auto& each : subscribers) EXPECT_EQ(plist::describe(each->response().get()), heard("full"));
   subscribers.back()->finish();
   settle();
+  const size_t held = open_descriptors();
   subscribers.pop_back();
+  EXPECT_TRUE(eventually([held] { return open_descriptors() == held - 2; }));
   const auto newcomer = subscriber();
   post("free");
   EXPECT_EQ(plist::describe(newcomer->response().get()), heard("free"));

@@ -59,10 +59,12 @@ bool Subscriber::is_gone() {
 }
 
 void Subscriber::watch_for_the_end() {
-  socket_.async_read_some(asio::buffer(unwanted_),
-                          [self = shared_from_this()](const std::error_code& error, size_t) {
-                            if (!self->is_gone() && !error) self->close();
-                          });
+  socket_.async_read_some(
+      asio::buffer(unwanted_), [self = shared_from_this()](const std::error_code& error, size_t) {
+        if (self->is_gone()) return;
+        if (!error) return self->close();
+        self->socket_.async_wait(Socket::wait_error, [self](const std::error_code&) { self->is_gone(); });
+      });
 }
 
 void Subscriber::send(const std::string& frame) {
