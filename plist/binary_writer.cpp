@@ -17,13 +17,21 @@ namespace {
 
 constexpr size_t max_objects = std::numeric_limits<uint32_t>::max();
 
+// What a response takes without growing step by step.
+constexpr size_t usual_objects = 16;
+constexpr size_t usual_size = 512;
+
 size_t unsigned_size(uint64_t value) {
   return value <= 0xFF ? 1 : value <= 0xFFFF ? 2 : value <= 0xFFFFFFFF ? 4 : 8;
 }
 
 class BinaryWriter {
  public:
-  BinaryWriter(ByteChain& out, size_t share_from) : out_(out), base_(out.size()), share_from_(share_from) {}
+  BinaryWriter(ByteChain& out, size_t share_from) : out_(out), base_(out.size()), share_from_(share_from) {
+    objects_.reserve(usual_objects);
+    references_.reserve(usual_objects);
+    buffer_.reserve(usual_size);
+  }
 
   Ref<String> write(const Value& value);
 

@@ -8,9 +8,33 @@ namespace {
 // value would cost a hash of it all.
 constexpr size_t long_from = 256;
 
+constexpr size_t recent_strings = 64;
+
+bool is_long(const Value& leaf) {
+  if (const auto* string = cast<String>(&leaf)) return string->view().size() >= long_from;
+  const auto* data = cast<Data>(&leaf);
+  return data != nullptr && data->bytes().size() >= long_from;
+}
+
 }  // namespace
 
 uint32_t LeafTable::number_of(const Value& leaf, uint32_t next) {
+  if (next > few && recent_.empty()) enter_the_few();
+  if (next > few || is_long(leaf)) return number_in_tables(leaf, next);
+  uint32_t known = 0;
+  while (known < next && !equal(objects_[known], &leaf)) ++known;
+  return known;
+}
+
+void LeafTable::enter_the_few() {
+  recent_.resize(recent_strings);
+  for (uint32_t number = 0; number < objects_.size(); ++number) {
+    const Value& object = *objects_[number];
+    if (!object.is_container() && !is_long(object)) number_in_tables(object, number);
+  }
+}
+
+uint32_t LeafTable::number_in_tables(const Value& leaf, uint32_t next) {
   if (leaf.kind() == Kind::string) return number_of_string(*cast<String>(&leaf), next);
   if (leaf.kind() == Kind::data) return number_of_data(*cast<Data>(&leaf), next);
   return number_of_content(leaf, hash(leaf), next);

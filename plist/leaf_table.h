@@ -3,7 +3,6 @@
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 
-#include <array>
 #include <cstdint>
 #include <string_view>
 #include <vector>
@@ -17,16 +16,22 @@ namespace corvane::plist {
 /// `objects`, in which the caller enters it before the next call.
 class LeafTable {
  public:
-  explicit LeafTable(const std::vector<const Value*>& objects) : leaves_(0, Hash{}, Same{&objects}) {}
+  explicit LeafTable(const std::vector<const Value*>& objects)
+      : objects_(objects), leaves_(0, Hash{}, Same{&objects}) {}
 
   /// Says that up to `count` more leaves may follow, so that the table need not grow step by step.
-  void expect(size_t count) { make_room(leaves_, count); }
+  void expect(size_t count) {
+    if (objects_.size() + count > few) make_room(leaves_, count);
+  }
 
   /// The number of the equal leaf seen before; otherwise `next`, which is the leaf's number from then on.
   uint32_t number_of(const Value& leaf, uint32_t next);
 
  private:
   using Objects = std::vector<const Value*>;
+
+  /// Among so many objects a short leaf is searched one by one, which costs small lists less than tables would.
+  static constexpr size_t few = 16;
 
   /// With its hash, a leaf is not touched when the table grows, and hardly ever when another is looked up.
   struct Slot {
@@ -66,13 +71,16 @@ class LeafTable {
     uint32_t number = 0;
   };
 
+  void enter_the_few();
+  uint32_t number_in_tables(const Value& leaf, uint32_t next);
   uint32_t number_of_string(const String& string, uint32_t next);
   uint32_t number_of_long_string(const String& string, uint32_t next);
   uint32_t number_of_data(const Data& data, uint32_t next);
   uint32_t number_of_content(const Value& leaf, uint64_t hash, uint32_t next);
 
+  const Objects& objects_;
   absl::flat_hash_set<Slot, Hash, Same> leaves_;
-  std::array<Recent, 64> recent_;
+  std::vector<Recent> recent_;  // empty while there are few objects
   ByIdentity long_ones_;
   absl::flat_hash_map<size_t, SameSize> data_;
 };
