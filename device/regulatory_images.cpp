@@ -16,18 +16,23 @@ namespace {
 
 constexpr char images_directory[] = "/Library/cvd/regulatory_images";
 
-struct Paths {
-  char directory[path_buffer_size];
-  char file[path_buffer_size];
+struct Path {
+  char text[path_buffer_size];
 };
 
-Paths images_paths() {
-  Paths paths;
-  const std::string home = system_path("/private/var/mobile");
-  std::snprintf(paths.directory, path_buffer_size, "%s%s", home.c_str(), images_directory);
-  std::snprintf(paths.file, path_buffer_size, "%s%s/%s", home.c_str(), images_directory,
+std::string home() { return system_path("/private/var/mobile"); }
+
+Path images_file() {
+  Path path;
+  std::snprintf(path.text, path_buffer_size, "%s%s/%s", home().c_str(), images_directory,
                 "regulatory_images.plist");
-  return paths;
+  return path;
+}
+
+void create_images_directory() {
+  Path path;
+  std::snprintf(path.text, path_buffer_size, "%s%s", home().c_str(), images_directory);
+  mkdir(path.text, 0755);
 }
 
 // Null where the device has no version.
@@ -45,17 +50,16 @@ plist::Ref<plist::Dictionary> images_record(plist::Value& images) {
 
 int store_regulatory_images(plist::Value& images) {
   try {
-    const Paths paths = images_paths();
-    mkdir(paths.directory, 0755);
+    create_images_directory();
     const auto record = images_record(images);
-    return record ? store_dict(paths.file, *record) : -1;
+    return record ? store_dict(images_file().text, *record) : -1;
   } catch (const std::bad_alloc&) {
     return -1;
   }
 }
 
 plist::Ref<plist::Dictionary> copy_regulatory_images() {
-  const auto images = load_dict(images_paths().file);
+  const auto images = load_dict(images_file().text);
   return as_dictionary(images.get());
 }
 
