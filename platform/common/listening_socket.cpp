@@ -105,6 +105,8 @@ std::optional<ListeningSocket::Socket> ListeningSocket::accept(std::error_code& 
   Socket socket = acceptor_.accept(error);
   if (error) return std::nullopt;
   fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
+  socket.non_blocking(true, error);
+  if (error) return std::nullopt;
   return socket;
 }
 

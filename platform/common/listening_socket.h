@@ -22,6 +22,7 @@ class Host {
  public:
   virtual ~Host() = default;
 
+  /// The socket does not block.
   virtual void take_newcomer(asio::local::stream_protocol::socket socket) = 0;
   /// Somebody waits, and there is no descriptor to accept with.
   virtual void descriptors_ran_out() {}

@@ -134,8 +134,6 @@ class NotificationService::Hub : public Host, public std::enable_shared_from_thi
  private:
   void add(Socket socket) {
     if (subscribers_.size() >= limit_) return turned_away_("turned a subscriber away: there are %zu", limit_);
-    std::error_code error;
-    socket.non_blocking(true, error);
     const auto subscriber = std::make_shared<Subscriber>(std::move(socket));
     subscriber->watch_for_the_end();
     subscribers_.push_back(subscriber);

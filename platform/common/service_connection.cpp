@@ -1,5 +1,7 @@
 #include "platform/common/service_connection.h"
 
+#include <asio/error.hpp>
+
 #include <cassert>
 #include <new>
 #include <string_view>
@@ -114,16 +116,18 @@ void LocalConnection::respond(const wire::Frame& request) {
 // ---- responses ----------------------------------------------------------------------------------------
 
 void LocalConnection::write_more() {
-  if (writing_ || unsent_ == 0) return;
-  writing_ = true;
-  socket_.async_write_some(gather(), [self = shared_from_this()](const std::error_code& error, size_t count) {
-    self->writing_ = false;
+  if (waits_to_write_ || unsent_ == 0) return;
+  std::error_code error;
+  written(socket_.write_some(gather(), error));
+  if (error && error != asio::error::would_block) return close();
+  if (unsent_ == 0) return;
+  socket_.async_wait(Socket::wait_write, [self = shared_from_this()](const std::error_code& failed) {
+    self->waits_to_write_ = false;
     if (self->closed_) return;
-    if (error) return self->close();
-    self->written(count);
-    self->owner_.connection_was_active(*self);
+    if (failed) return self->close();
     self->serve();
   });
+  waits_to_write_ = true;
 }
 
 LocalConnection::Buffers LocalConnection::gather() {
@@ -144,6 +148,8 @@ LocalConnection::Buffers LocalConnection::gather() {
 }
 
 void LocalConnection::written(size_t count) {
+  if (count == 0) return;
+  owner_.connection_was_active(*this);
   write_ticks_left_ = 0;
   unsent_ -= count;
   sent_of_front_ += count;
@@ -158,6 +164,7 @@ void LocalConnection::written(size_t count) {
 // ---- between events -----------------------------------------------------------------------------------
 
 void LocalConnection::settle() {
+  if (closed_) return;
   if (!input_open_ && unsent_ == 0) return close(close_reason_);
 
   const bool waits_for_request = takes_requests() && reader_.inside_frame();

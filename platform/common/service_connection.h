@@ -107,7 +107,7 @@ class LocalConnection final : public ServiceConnection, public std::enable_share
   std::array<asio::const_buffer, 64> buffers_;
   size_t unsent_ = 0;
   size_t sent_of_front_ = 0;
-  bool writing_ = false;
+  bool waits_to_write_ = false;
 
   bool closed_ = false;
   const char* close_reason_ = nullptr;

@@ -1,8 +1,10 @@
 #include "platform/common/system_files.h"
 
 #include <cerrno>
-#include <cstdio>
+#include <charconv>
+#include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <unistd.h>
 
 namespace corvane {
@@ -12,8 +14,8 @@ int SystemFiles::open(const char* path, int flags, mode_t mode, int) {
 }
 
 int SystemFiles::locate(int descriptor, char (&path)[path_limit + 1]) {
-  char link[32];
-  std::snprintf(link, sizeof(link), "/proc/self/fd/%d", descriptor);
+  char link[32] = "/proc/self/fd/";
+  std::to_chars(link + std::strlen(link), std::end(link) - 1, descriptor);
   const ssize_t length = readlink(link, path, sizeof(path));
   if (length < 0) return -1;
   if (static_cast<size_t>(length) == sizeof(path)) {
