@@ -1,5 +1,6 @@
 #pragma once
 
+#include <poll.h>
 #include <span>
 #include <string>
 #include <string_view>
@@ -76,6 +77,10 @@ class ByteClient final : public Client {
   }
   void receive(size_t count) override {
     for (size_t left = count * answer_size_; left > 0;) {
+      // As the client library does. A reader that blocks in recv(2) is woken once in vain for each request that is
+      // taken off the socket.
+      pollfd readable{socket_, POLLIN, 0};
+      must(poll(&readable, 1, -1) == 1, "poll");
       const ssize_t received = recv(socket_, buffer_.data(), std::min(left, buffer_.size()), 0);
       must(received > 0, "recv");
       left -= static_cast<size_t>(received);

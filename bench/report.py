@@ -177,9 +177,10 @@ of its own:
 - **sd-bus, peer to peer**: a method that takes a string and returns as many bytes, over a local socket
 - **dbus-daemon**: the same method through a dbus-daemon of our own, with the limits of a session's
 
-The clients are the same for all that take bytes: threads with a blocking socket each, which send a request that was
-made beforehand and count the bytes of the answer; those of sd-bus make a message and call. So what is measured is the
-server, two system calls of the client's, and the switches between them. Pipelined means one client with 32 to 64
+The clients are the same for all that take bytes: threads with a socket each, which send a request that was made
+beforehand, wait with poll(2), as the client library does, and count the bytes of the answer; those of sd-bus make a
+message and call. So what is measured is the server, three system calls of the client's, and the switches between
+them. Pipelined means one client with 32 to 64
 requests under way. "One core" pins all processes to one; "all cores" leaves it to the scheduler, which for one client
 wavers between waking the other side on the same core and on another: that is what the wide ranges there show.
 
