@@ -17,9 +17,8 @@ namespace {
 
 constexpr size_t max_objects = std::numeric_limits<uint32_t>::max();
 
-// What a response takes without growing step by step.
+// A response needs no more.
 constexpr size_t usual_objects = 16;
-constexpr size_t usual_size = 512;
 
 size_t unsigned_size(uint64_t value) {
   return value <= 0xFF ? 1 : value <= 0xFFFF ? 2 : value <= 0xFFFFFFFF ? 4 : 8;
@@ -30,7 +29,6 @@ class BinaryWriter {
   BinaryWriter(ByteChain& out, size_t share_from) : out_(out), base_(out.size()), share_from_(share_from) {
     objects_.reserve(usual_objects);
     references_.reserve(usual_objects);
-    buffer_.reserve(usual_size);
   }
 
   Ref<String> write(const Value& value);
@@ -70,6 +68,7 @@ class BinaryWriter {
   size_t reference_size_ = 0;
   std::vector<uint64_t> offsets_;
   std::string buffer_;
+  size_t unique_content_ = 0;     // without what may be shared
   uint64_t visited_content_ = 0;  // as the reader will count
   uint64_t compared_ = 0;
   Ref<String> error_;
@@ -80,6 +79,8 @@ Ref<String> BinaryWriter::write(const Value& value) {
   if (error_) return std::move(error_);
   reference_size_ = unsigned_size(objects_.size() - 1);
   offsets_.reserve(objects_.size());
+  // About what it will take; at once, because growing is a copy and new memory each time.
+  buffer_.reserve(unique_content_ + references_.size() * reference_size_ + objects_.size() * 8);
   buffer_ = "bplist00";
   for (const Value* object : objects_) {
     offsets_.push_back(position());
@@ -100,7 +101,9 @@ uint32_t BinaryWriter::number(const Value& value, unsigned depth) {
   if (!value.is_container()) {
     visited_content_ += content_of(value);
     const uint32_t known = leaves_.number_of(value, next);
-    return known == next ? add_object(value) : known;
+    if (known != next) return known;
+    if (content_of(value) < share_from_) unique_content_ += content_of(value);
+    return add_object(value);
   }
   if (depth > max_depth && !error_) {
     error_ = String::create("nesting deeper than " + std::to_string(max_depth));
