@@ -13,6 +13,7 @@
 
 #include "bench/measure.h"
 #include "daemon/log.h"
+#include "platform/common/start_up.h"
 #include "platform/common/system_platform.h"
 #include "platform/linux/linux_device.h"
 #include "state/data_ark.h"
@@ -389,4 +390,7 @@ int run(int argc, char** argv) {
 
 }  // namespace corvane::bench
 
-int main(int argc, char** argv) { return corvane::bench::run(argc, argv); }
+int main(int argc, char** argv) {
+  corvane::set_memory_thresholds();
+  return corvane::bench::run(argc, argv);
+}

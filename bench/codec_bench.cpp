@@ -12,6 +12,7 @@
 #include <string>
 
 #include "bench/measure.h"
+#include "platform/common/start_up.h"
 #include "plist/reader.h"
 #include "plist/writer.h"
 
@@ -243,6 +244,7 @@ class Bench {
 
 int main(int argc, char** argv) {
   using namespace corvane::bench;
+  corvane::set_memory_thresholds();
   Bench bench{milliseconds(count_argument(argc, argv, 2, 100))};
   for (size_t round = count_argument(argc, argv, 1, 7); round > 0; --round) bench.round();
 }

@@ -77,6 +77,13 @@ std::optional<Environment> read_environment(std::string& refusal) {
   return std::nullopt;
 }
 
+// Left to itself, malloc(3) would soon keep the memory of large answers instead of giving it back. That of usual
+// ones it may keep, or each would be paged in anew.
+void set_memory_thresholds() {
+  mallopt(M_MMAP_THRESHOLD, 4 << 20);
+  mallopt(M_TRIM_THRESHOLD, 8 << 20);
+}
+
 bool prepare_process(const std::string& root, std::string& refusal) {
   umask(022);
   if (!open_standard_descriptors()) {
@@ -85,10 +92,7 @@ bool prepare_process(const std::string& root, std::string& refusal) {
   }
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
-  // Left to itself, malloc(3) would soon keep the memory of large answers instead of giving it back. That of
-  // usual ones it may keep, or each would be paged in anew.
-  mallopt(M_MMAP_THRESHOLD, 4 << 20);
-  mallopt(M_TRIM_THRESHOLD, 8 << 20);
+  set_memory_thresholds();
   return take_lock(root + "/run/corvaned/corvaned.lock", refusal);
 }
 

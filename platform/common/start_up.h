@@ -16,9 +16,12 @@ struct Environment {
 /// Nothing where the environment makes no sense; `refusal` says why in one line.
 std::optional<Environment> read_environment(std::string& refusal);
 
+/// Has malloc(3) give the memory of large values back to the system, and keep that of usual ones for the next.
+void set_memory_thresholds();
+
 /// Makes the process fit to be a daemon: umask 022, descriptors 0 to 2 open, SIGPIPE and SIGXFSZ ignored,
-/// and the lock <root>/run/corvaned/corvaned.lock taken for the life of the process. False: `refusal` says why
-/// in one line; a held lock is left as it is.
+/// the memory thresholds set, and the lock <root>/run/corvaned/corvaned.lock taken for the life of the process.
+/// False: `refusal` says why in one line; a held lock is left as it is.
 bool prepare_process(const std::string& root, std::string& refusal);
 
 }  // namespace corvane
