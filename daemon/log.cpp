@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <string>
 #include <syslog.h>
@@ -63,8 +64,9 @@ void append_argument(std::string& line, const char* start, const Conversion& con
 void append_message(std::string& line, const char* format, std::span<const Argument> arguments) {
   size_t next = 0;
   for (const char* c = format; *c != '\0';) {
-    if (*c != '%') {
-      line += *c++;
+    if (const size_t plain = std::strcspn(c, "%"); plain != 0) {
+      line.append(c, plain);
+      c += plain;
       continue;
     }
     const Conversion conversion = log_format::read_conversion(c);

@@ -81,22 +81,26 @@ bool is_plain(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7f; });
 }
 
-std::string one_line(std::string_view text, size_t limit) {
+// As one line of at most `limit` bytes.
+void append_line(std::string& line, std::string_view text, size_t limit) {
   if (text.ends_with('\n')) text.remove_suffix(1);
-  if (text.size() <= limit && is_plain(text)) return std::string(text);
-  std::string out;
-  size_t kept = 0;
+  if (text.size() <= limit && is_plain(text)) {
+    line += text;
+    return;
+  }
+  const size_t before = line.size();
+  size_t kept = before;
   size_t left_out = text.size();
-  while (!text.empty() && out.size() <= limit) {
-    if (out.size() + longest_cut_note <= limit) {
-      kept = out.size();
+  while (!text.empty() && line.size() - before <= limit) {
+    if (line.size() - before + longest_cut_note <= limit) {
+      kept = line.size();
       left_out = text.size();
     }
-    text.remove_prefix(append_character(out, text));
+    text.remove_prefix(append_character(line, text));
   }
-  if (out.size() <= limit) return out;
-  out.resize(kept);
-  return out + " [" + std::to_string(left_out) + " more bytes]";
+  if (line.size() - before <= limit) return;
+  line.resize(kept);
+  line += " [" + std::to_string(left_out) + " more bytes]";
 }
 
 class DiskCopy {
@@ -258,7 +262,7 @@ class Logger::Handle {
     const size_t head_size = line.size();
     line.append(tag).append(": ");
     const size_t longest = disk_ ? disk_->longest_line() : longest_line_without_disk;
-    line += one_line(text, longest - std::min(longest, line.size() + 1));
+    append_line(line, text, longest - std::min(longest, line.size() + 1));
     line += '\n';
     const bool on_disk = disk_ && disk_->append(line);
     return {std::move(line), head_size, on_disk};
