@@ -275,8 +275,9 @@ class Logger::Handle {
     return {text.data(), text.size()};
   }
 
-  spdlog::pattern_formatter head_formatter_{"%Y-%m-%dT%H:%M:%S.%eZ corvaned[%P]", spdlog::pattern_time_type::utc,
-                                            ""};
+  // spdlog's own "%P" asks the kernel for each line.
+  spdlog::pattern_formatter head_formatter_{"%Y-%m-%dT%H:%M:%S.%eZ corvaned[" + std::to_string(getpid()) + "]",
+                                            spdlog::pattern_time_type::utc, ""};
   std::optional<DiskCopy> disk_;
 };
 
