@@ -146,7 +146,7 @@ struct Probe final : VaultIdentity {
 };
 
 TEST_F(Lockcrypto, IdentityGoesInAndOutWhole) {
-  openssl("genrsa -traditional -out key 1024");
+  openssl("genrsa -traditional -out key 4096");
   openssl("rsa -in key -RSAPublicKey_out -out public");
   openssl("req -x509 -key key -subj /CN=x -out certificate");
   openssl("req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout ec -subj /CN=x -out curve");
