@@ -66,28 +66,13 @@ void expect_kept(const Value& value, Encoding encoding) {
   ASSERT_TRUE(equal(read(bytes).value.get(), &value)) << describe(&value) << bytes;
 }
 
-TEST(Codec, EveryTestFileHoldsItsJsonAndIsRefusedOrSoundWhenDamaged) {
+TEST(Codec, EveryTestFileHoldsItsJson) {
   for (const char* name :
        {"ark.bin", "ark.xml", "data.bin", "data.xml", "dates.bin", "dates.xml", "entities.xml", "integers.bin",
         "integers.xml", "nested.bin", "nested.xml", "strings.bin", "strings.xml", "whitespace.xml"}) {
-    const std::string file = test_file(name + ".plist"s);
-    const Decoded whole = read(file);
+    const Decoded whole = read(test_file(name + ".plist"s));
     ASSERT_TRUE(whole.value) << name << ": " << describe(whole.error.get());
     EXPECT_EQ(tools::to_json(*whole.value), test_file(name + ".json"s)) << name;
-    std::vector<std::string> damaged;
-    for (size_t length = 0; length < file.size() && file.size() < 1000; ++length) {
-      // A trailer at every length gets past the first checks.
-      damaged.insert(damaged.end(),
-                     {file.substr(0, length), file.substr(0, length) + file.substr(file.size() - 32)});
-      for (const int bit : {1, 2, 4, 8, 16, 32, 64, 128}) {
-        damaged.push_back(file);
-        damaged.back()[length] ^= static_cast<char>(bit);
-      }
-    }
-    for (const std::string& bytes : damaged) {
-      const Decoded decoded = read(bytes);
-      if (decoded.value) expect_kept(*decoded.value, decoded.encoding);
-    }
   }
 }
 
@@ -237,6 +222,12 @@ TEST(BinaryWriter, WritesEachEqualLeafOnceInTheSmallestForm) {
   EXPECT_EQ(write(*array, Encoding::binary),
             "bplist00\xAE\1\1\2\2\3\3\4\1\1\2\2\3\3\4\x10\xFF\x61\0\xE9\x43one\x43two\x08\x17\x19\x1C\x20"
             "\0\0\0\0\0\0\1\1\0\0\0\0\0\0\0\5\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x24"s);
+
+  for (const int count : {15, 16, 17, 100}) {
+    array = MutableArray::create();
+    for (int i = 0; i < 3 * count; ++i) array->append(String::create(std::to_string(i % count)));
+    EXPECT_EQ(write(*array, Encoding::binary).end()[-17], count + 1) << "objects";
+  }
 }
 
 // A store would have written a file that no start can read.
