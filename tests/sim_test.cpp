@@ -3,8 +3,6 @@
 #include <optional>
 
 #include "platform/common/small_file.h"
-#include "platform/run_loop.h"
-#include "platform/simulated/simulated_telephony.h"
 #include "plist/describe.h"
 #include "tests/support/daemon_process.h"
 #include "tools/plist_edit.h"
@@ -58,7 +56,7 @@ void expect_posts(RawClient& subscriber, int count) {
   EXPECT_FALSE(subscriber.has_news(100));
 }
 
-TEST(Sim, IsFollowedByTheArkAndAnnounced) {
+TEST(Sim, IsFollowedByTheArkAndAnnouncedEvenInAStorm) {
   const EditedDevice device("phone.plist");
   std::optional<DaemonProcess> daemon(std::in_place, device);
   std::optional<RawClient> subscriber(std::in_place, device.socket(wire::notification_service));
@@ -68,24 +66,38 @@ TEST(Sim, IsFollowedByTheArkAndAnnounced) {
   };
   device.write({{"SIMIdentity", text("1")}, {"SubscriberIdentity", text("a")}, {"SIMStatus", text("ready")}});
   expect_due(3, ark_text("1", "a", "ready"));
+  device.write({});
+  device.write({{"SIMIdentity", plist::Number::create_int32(1)}, {"SubscriberIdentity", text("b")}});
+  expect_due(0, ark_text("1", "a", "ready"));
   device.replace("SIMIdentity", text("2"));
-  expect_due(2, ark_text("2", "a", "ready"));
-  device.replace("SubscriberIdentity", text("b"));
-  expect_due(0, ark_text("2", "a", "ready"));
-  device.replace("PhoneNumber", text("+1555"));
-  expect_due(1, ark_text("2", "b", "ready"));
+  expect_due(2, ark_text("2", "b", "ready"));
+  device.write({{"PhoneNumber", text("+1555")}, {"SubscriberIdentity", text("c")}});
+  expect_due(1, ark_text("2", "c", "ready"));
   device.replace("Errors.SIMIdentity.Error", plist::Number::create_int32(5));
   device.write({{"SIMIdentity", text("3")}, {"SubscriberIdentity", nullptr}});
-  expect_due(2, ark_text("2", "b", "ready"));
+  expect_due(2, ark_text("2", "c", "ready"));
   device.replace("NoConnection", plist::Boolean::yes());
   device.write({{"SIMIdentity", text("")}, {"SIMStatus", text("locked")}});
-  expect_due(1, ark_text("2", "b", "locked"));
+  expect_due(1, ark_text("2", "c", "locked"));
   EXPECT_NE(daemon->standard_error().find("Could not connect to Telvo"), std::string::npos);
   daemon.emplace(device);
   subscriber.emplace(device.socket(wire::notification_service));
-  expect_due(0, ark_text("2", "b", "locked"));
+  expect_due(0, ark_text("2", "c", "locked"));
   device.write({{"Errors", nullptr}, {"NoConnection", nullptr}, {"PhoneNumber", nullptr}});
-  expect_due(1, R"({"-InternationalMobileSubscriberIdentity": "b", "-PreviousSIMStatus": "locked"})");
+  expect_due(1, R"({"-InternationalMobileSubscriberIdentity": "c", "-PreviousSIMStatus": "locked"})");
+  device.write({{"SIMIdentity", text("4")}, {"SIMStatus", text("new")}, {"NoCentre", plist::Boolean::yes()}});
+  expect_posts(*subscriber, 0);
+
+  device.replace("NoCentre", plist::Boolean::no());
+  RawClient client(device.socket(wire::public_service));
+  std::string last;
+  for (int i = 1; i <= 150; ++i) {
+    last = std::to_string(i);
+    device.replace("SIMIdentity", text("overtaken"));
+    device.write({{"SIMIdentity", text(last)}, {"SubscriberIdentity", text(last)}, {"SIMStatus", text(last)}});
+    ASSERT_EQ(client.ask("r"), testing::refusal("r"));
+  }
+  device.expect_ark(ark_text(last, last, last));
 }
 
 TEST(Sim, IsNotFollowedWithoutASubscription) {
@@ -98,54 +110,6 @@ TEST(Sim, IsNotFollowedWithoutASubscription) {
     expect_posts(subscriber, 0);
     device->expect_ark("(null)");
     EXPECT_EQ(daemon.standard_error().find("Telvo phone center") < std::string::npos, device != &newer);
-  }
-}
-
-TEST(Sim, LeavesTheLastStateAfterAStorm) {
-  const EditedDevice device("phone.plist");
-  const DaemonProcess daemon(device);
-  RawClient client(device.socket(wire::public_service));
-  std::string last;
-  for (int i = 1; i <= 200; ++i) {
-    last = std::to_string(i);
-    device.replace("SIMIdentity", text("overtaken"));
-    device.write({{"SIMIdentity", text(last)}, {"SubscriberIdentity", text(last)}, {"SIMStatus", text(last)}});
-    ASSERT_EQ(client.ask("r"), testing::refusal("r"));
-  }
-  device.expect_ark(ark_text(last, last, last));
-}
-
-TEST(SimulatedTelephony, DeliversWhatFollowsFromAnEditInOrder) {
-  struct HandDrivenLoop final : RunLoop {
-    void run() override {}
-    void watch(int, std::function<void()> work) override { readable = std::move(work); }
-    std::function<void()> readable;
-  } loop;
-  const EditedDevice device("phone.plist");
-  std::string fault;
-  const auto profile = Profile::open(device.profile(), fault);
-  SimulatedTelephony telephony(*profile);
-  static std::string delivered;
-  const auto note = [](TelephonyCentre*, void*, const plist::String* name, const plist::Value*,
-                       const plist::Dictionary*) { delivered += name->view().substr(5, 4); };
-  for (const std::string_view name : {telvo_phone_number_changed, telvo_sim_status_changed, telvo_sim_inserted}) {
-    telephony.add_observer(nullptr, note, name);
-  }
-  device.write({{"PhoneNumber", text("before the watch")}});
-  telephony.set_default_run_loop(loop);
-  const std::pair<Entries, std::string> edits[] = {
-      {{}, ""},
-      {{{"PhoneNumber", text("1")}, {"SIMStatus", text("s")}, {"SIMIdentity", text("a")}}, "SIMNSIMSPhon"},
-      {{{"PhoneNumber", nullptr}, {"SIMIdentity", text("b")}}, "SIMNPhon"},
-      {{{"SIMIdentity", text("")}, {"SIMStatus", nullptr}}, "SIMS"},
-      {{{"SIMIdentity", plist::Number::create_int32(1)}, {"SubscriberIdentity", text("b")}}, ""},
-      {{{"SIMIdentity", text("b")}, {"SIMStatus", text("t")}}, "SIMNSIMS"},
-      {{{"SIMIdentity", text("c")}, {"NoCentre", plist::Boolean::yes()}}, ""}};
-  for (const auto& [edit, names] : edits) {
-    device.write(edit);
-    delivered.clear();
-    loop.readable();
-    EXPECT_EQ(delivered, names);
   }
 }
 
