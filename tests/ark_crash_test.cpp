@@ -10,7 +10,6 @@
 #include "state/data_ark.h"
 #include "state/plist_file.h"
 #include "state/values.h"
-#include "tests/support/daemon_process.h"
 #include "tests/support/test_platform.h"
 
 namespace corvane::testing {
@@ -18,10 +17,8 @@ namespace {
 
 #ifdef CORVANE_SANITIZE
 constexpr int store_kills = 100;
-constexpr int daemon_kills = 10;
 #else
 constexpr int store_kills = 2000;
-constexpr int daemon_kills = 100;
 #endif
 
 constexpr int entries = 40;
@@ -81,26 +78,6 @@ TEST(ArkCrash, AKilledStoreLeavesTheOldFileOrTheNewOne) {
     TestPlatform::installed().take_lines();
   }
   EXPECT_GT(moved_on, store_kills / 10);
-  EXPECT_FALSE(std::filesystem::exists(path + ".unreadable"));
-}
-
-// Start-up loads the file and stores it at once.
-TEST(ArkCrash, AKilledDaemonLeavesTheFileWhole) {
-  const DeviceRoot root;
-  const std::string folder = root.at("/private/var/mobile/Library/cvd"), path = folder + "/data_ark.plist";
-  std::filesystem::create_directories(folder);
-  TestPlatform::fresh();
-  const plist::Ref<plist::MutableDictionary> content = create_dict();
-  for (int i = 0; i < entries; ++i) content->set("-" + std::to_string(i), plist::Number::create_int64(7));
-  ASSERT_EQ(store_dict(path.c_str(), *content), 0);
-
-  std::mt19937 random(2);
-  for (int i = 0; i < daemon_kills; ++i) {
-    DaemonProcess daemon(root.environment());
-    sleep_up_to(random, 15000);
-    EXPECT_EQ(daemon.end(SIGKILL), -SIGKILL);
-    ASSERT_EQ(generation_of(path), 7) << "kill " << i;
-  }
   EXPECT_FALSE(std::filesystem::exists(path + ".unreadable"));
 }
 
