@@ -95,9 +95,8 @@ size_t DaemonProcess::resident_bytes() const {
 }
 
 bool eventually(const std::function<bool()>& question) {
-  for (int attempt = 0; attempt < 2000; ++attempt) {
+  for (int attempt = 0; attempt < 2000; ++attempt, usleep(10'000)) {
     if (question()) return true;
-    usleep(10'000);
   }
   return false;
 }
@@ -111,12 +110,7 @@ RawClient::RawClient(const std::string& socket) : socket_(::socket(AF_UNIX, SOCK
 }
 
 bool RawClient::send(std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t sent = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (sent < 0) return false;
-    bytes.remove_prefix(static_cast<size_t>(sent));
-  }
-  return true;
+  return ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
 plist::Ref<plist::Dictionary> RawClient::response() {
@@ -124,8 +118,7 @@ plist::Ref<plist::Dictionary> RawClient::response() {
     return recv(socket_, bytes, count, MSG_WAITALL) == static_cast<ssize_t>(count);
   };
   std::array<char, wire::header_size> bytes;
-  if (!receive(bytes.data(), bytes.size())) return nullptr;
-  const auto header = wire::decode_header(bytes);
+  const auto header = receive(bytes.data(), bytes.size()) ? wire::decode_header(bytes) : std::nullopt;
   if (!header || header->kind != wire::raw_data_kind || header->length > wire::response_limit) return nullptr;
   auto body = plist::MutableData::create(header->length);
   if (!receive(body->mutable_bytes(), header->length)) return nullptr;

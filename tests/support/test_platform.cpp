@@ -59,10 +59,9 @@ void TestPlatform::write(Handle*, int line_level, const char*, const char*, cons
 int TestPlatform::locate(int descriptor, char (&path)[path_limit + 1]) {
   const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
   const ssize_t length = readlink(link.c_str(), path, path_limit);
+  path[std::max(ssize_t{0}, length)] = '\0';
   if (locate_error != 0) errno = locate_error;
-  if (locate_error != 0 || length < 0) return -1;
-  path[length] = '\0';
-  return 0;
+  return locate_error != 0 || length < 0 ? -1 : 0;
 }
 
 std::string make_temporary_folder() {

@@ -57,8 +57,7 @@ class TestPlatform final : public Platform,
                            Preferences,
                            HardwareRegistry,
                            CodeSigning,
-                           Clock,
-                           RunLoop {
+                           Clock {
  public:
   struct Line {
     int level;
@@ -95,7 +94,7 @@ class TestPlatform final : public Platform,
   Preferences& preferences() override { return *this; }
   CodeSigning& code_signing() override { return *this; }
   Clock& clock() override { return *this; }
-  RunLoop& main_run_loop() override { return *this; }
+  RunLoop& main_run_loop() override { std::abort(); }  // no unit runs it
   WorkQueue& main_queue() override { return main_queue_; }
   WorkQueue& request_queue() override { return request_queue_; }
   std::unique_ptr<ServiceListener> create_listener(std::string_view, ServiceAccess) override { return nullptr; }
@@ -152,9 +151,6 @@ class TestPlatform final : public Platform,
 
   void resume() override {}
   void post(const plist::String& name) override { posted.emplace_back(name.view()); }
-
-  void run() override {}
-  void watch(int, std::function<void()>) override {}
 
   Queue main_queue_;
   Queue request_queue_;
