@@ -42,6 +42,8 @@ void LocalConnection::close(const char* reason) {
   std::error_code ignored;
   socket_.close(ignored);
   owner_.output_shrank(unsent_ + sent_of_front_);
+  // Not with the connection, which what still waits for the socket keeps for a while.
+  output_.clear();
   owner_.connection_closed(*this, reason);
 }
 
