@@ -81,7 +81,7 @@ void Subscriber::write_unsent() {
   if (waits_to_write_) return;
   std::error_code error;
   unsent_.erase(0, socket_.write_some(asio::buffer(unsent_), error));
-  if (error && error != asio::error::would_block) return close();
+  if (error && error != asio::error::would_block && error != asio::error::interrupted) return close();
   if (unsent_.empty()) return;
   socket_.async_wait(Socket::wait_write, [self = shared_from_this()](const std::error_code& failed) {
     self->waits_to_write_ = false;

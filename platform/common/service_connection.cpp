@@ -121,7 +121,7 @@ void LocalConnection::write_more() {
   if (waits_to_write_ || unsent_ == 0) return;
   std::error_code error;
   written(socket_.write_some(gather(), error));
-  if (error && error != asio::error::would_block) return close();
+  if (error && error != asio::error::would_block && error != asio::error::interrupted) return close();
   if (unsent_ == 0) return;
   socket_.async_wait(Socket::wait_write, [self = shared_from_this()](const std::error_code& failed) {
     self->waits_to_write_ = false;
