@@ -179,10 +179,10 @@ of its own:
 
 The clients are the same for all that take bytes: threads with a socket each, which send a request that was made
 beforehand, wait with poll(2), as the client library does, and count the bytes of the answer; those of sd-bus make a
-message and call. So what is measured is the server, three system calls of the client's, and the switches between
-them. Pipelined means one client with 32 to 64
-requests under way. "One core" pins all processes to one; "all cores" leaves it to the scheduler, which for one client
-wavers between waking the other side on the same core and on another: that is what the wide ranges there show.
+message and call. So what is measured is the server, three system calls of the client's, and the switches between them.
+Pipelined means one client with 32 to 64 requests under way. "One core" pins all processes to one; "all cores" leaves it
+to the scheduler, which for one client wavers between waking the other side on the same core and on another: that is
+what the wide ranges there show.
 
 """
         for cores in (ONE_CORE, ALL_CORES):
