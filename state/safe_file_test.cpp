@@ -137,6 +137,9 @@ TEST_F(StateFiles, AStoredFileKeepsItsModeAndLoadsAsAsked) {
 }
 
 TEST_F(StateFiles, FailedStoresAndLoadsAreLoggedInOrder) {
+  // The kernel gives less of this file than its size promises.
+  constexpr char short_file[] = "/sys/devices/system/cpu/online";
+  if (!fs::exists(short_file)) GTEST_SKIP() << "there is no " << short_file << " here";
   value_->set("itself", value_);  // nested deeper than a file can be
   EXPECT_EQ(store_dict(file_.c_str(), *value_), -1);
   EXPECT_EQ(testing::read_file(file_), "content");
@@ -146,9 +149,8 @@ TEST_F(StateFiles, FailedStoresAndLoadsAreLoggedInOrder) {
   EXPECT_FALSE(load_dict(at("/folder/sub/dangling").c_str()));
   EXPECT_EQ(errno, ELOOP);
   EXPECT_FALSE(load_mutable_dict(file_.c_str()));
-  // The kernel gives less of this file than its size promises.
   errno = 0;
-  EXPECT_FALSE(load_dict("/sys/devices/system/cpu/online"));
+  EXPECT_FALSE(load_dict(short_file));
   // Of all failures only this one is allowed to leave its descriptor.
   fs::resize_file(file_, uintmax_t{1} << 32);
   EXPECT_FALSE(load_dict(file_.c_str()));
