@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "bench/measure.h"
-#include "daemon/log.h"
-#include "platform/common/start_up.h"
-#include "platform/common/system_platform.h"
+#include "daemon/log/cv_log.h"
 #include "platform/linux/linux_device.h"
+#include "platform/process/start_up.h"
+#include "platform/system/system_platform.h"
 #include "state/data_ark.h"
 #include "tests/support/test_platform.h"
 

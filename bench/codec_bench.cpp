@@ -12,7 +12,7 @@
 #include <string>
 
 #include "bench/measure.h"
-#include "platform/common/start_up.h"
+#include "platform/process/start_up.h"
 #include "plist/reader.h"
 #include "plist/writer.h"
 

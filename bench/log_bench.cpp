@@ -12,9 +12,9 @@
 #include <unistd.h>
 
 #include "bench/measure.h"
-#include "daemon/log.h"
-#include "platform/common/system_platform.h"
+#include "daemon/log/cv_log.h"
 #include "platform/linux/linux_device.h"
+#include "platform/system/system_platform.h"
 #include "tests/support/test_platform.h"
 
 namespace corvane::bench {

@@ -12,7 +12,7 @@
 
 #include "bench/measure.h"
 #include "client/client.h"
-#include "platform/common/small_file.h"
+#include "platform/process/small_file.h"
 #include "plist/describe.h"
 #include "tests/support/daemon_process.h"
 #include "tools/plist_edit.h"

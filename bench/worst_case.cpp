@@ -14,7 +14,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "daemon/protocol.h"
+#include "daemon/method_table.h"
 #include "plist/reader.h"
 #include "plist/writer.h"
 #include "tests/support/test_platform.h"

@@ -22,6 +22,7 @@
 #include "wire/frame.h"
 #include "wire/frame_reader.h"
 #include "wire/limits.h"
+#include "wire/socket_address.h"
 
 namespace corvane::client {
 
@@ -29,18 +30,18 @@ using plist::Ref;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using std::chrono::steady_clock;
 
 Answer failure(Outcome outcome, std::string detail) { return {outcome, std::move(detail), {}}; }
 
-std::chrono::milliseconds time_left(Clock::time_point deadline) {
-  return std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+std::chrono::milliseconds time_left(steady_clock::time_point deadline) {
+  return std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now());
 }
 
 /// One call on a connected socket, up to its deadline.
 class Call {
  public:
-  Call(int socket, Clock::time_point deadline) : socket_(socket), deadline_(deadline) {}
+  Call(int socket, steady_clock::time_point deadline) : socket_(socket), deadline_(deadline) {}
 
   /// Nothing when the request was sent.
   std::optional<Answer> send(const plist::ByteChain& body);
@@ -53,7 +54,7 @@ class Call {
   std::optional<Answer> read_frame(wire::Frame& frame);
 
   const int socket_;
-  const Clock::time_point deadline_;
+  const steady_clock::time_point deadline_;
   bool heard_ = false;
 };
 
@@ -114,7 +115,7 @@ std::optional<Answer> Call::read_frame(wire::Frame& frame) {
     switch (reader.next(frame)) {
       case wire::FrameReader::Status::frame:
         return std::nullopt;
-      case wire::FrameReader::Status::not_ours:
+      case wire::FrameReader::Status::bad_header:
         return failure(Outcome::bad_answer, "the answer is no frame");
       case wire::FrameReader::Status::too_long:
         return failure(Outcome::bad_answer, "the answer is too long");
@@ -123,13 +124,13 @@ std::optional<Answer> Call::read_frame(wire::Frame& frame) {
     }
     // Each time, also while there is more: an answer that comes byte by byte must not outlast the deadline.
     if (auto failed = wait_for(POLLIN)) return failed;
-    const std::span<char> space = reader.space();
-    const ssize_t count = recv(socket_, space.data(), space.size(), 0);
+    const std::span<char> buffer = reader.prepare();
+    const ssize_t count = recv(socket_, buffer.data(), buffer.size(), 0);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) continue;
     if (count < 0) return failure(Outcome::closed, std::strerror(errno));
     if (count == 0) return failure(Outcome::closed, "the daemon closed the connection");
     heard_ = true;
-    reader.added(static_cast<size_t>(count));
+    reader.commit(static_cast<size_t>(count));
   }
 }
 
@@ -153,7 +154,7 @@ Answer Call::receive(const plist::String* selector) {
 }  // namespace
 
 Connection::Connection(std::string_view service_name, const std::string& root, std::chrono::milliseconds timeout)
-    : path_(socket_path(service_name, root)),
+    : path_(wire::socket_path(root, service_name)),
       request_limit_(service_name == wire::admin_service ? wire::admin_request_limit : wire::public_request_limit),
       timeout_(timeout) {}
 
@@ -174,11 +175,11 @@ Answer Connection::ask(const plist::Dictionary& request) {
     return failure(Outcome::bad_request, std::string(fault->view()));
   }
   if (body.size() > request_limit_) return failure(Outcome::bad_request, "the request is too long");
-  const auto deadline = Clock::now() + timeout_;
+  const auto deadline = steady_clock::now() + timeout_;
   for (;;) {
     const bool fresh = socket_ < 0;
     if (fresh) socket_ = connect_to(path_, time_left(deadline));
-    if (socket_ < 0 && errno == EAGAIN) return failure(Outcome::timed_out, "the daemon takes no newcomers");
+    if (socket_ < 0 && errno == EAGAIN) return failure(Outcome::timed_out, "the queue of new connections is full");
     if (socket_ < 0) return failure(Outcome::refused, path_ + ": " + std::strerror(errno));
 
     Call call(socket_, deadline);

@@ -6,14 +6,9 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "wire/messages.h"
 #include "wire/socket_address.h"
 
 namespace corvane::client {
-
-std::string socket_path(std::string_view service_name, const std::string& root) {
-  return root + std::string(wire::socket_folder) + "/" + std::string(service_name);
-}
 
 int connect_to(const std::string& path, std::chrono::milliseconds timeout) {
   const wire::SocketAddress address(path);

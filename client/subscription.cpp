@@ -9,6 +9,7 @@
 #include "client/socket.h"
 #include "plist/reader.h"
 #include "wire/limits.h"
+#include "wire/socket_address.h"
 
 namespace corvane::client {
 
@@ -24,7 +25,7 @@ bool decode(const wire::Frame& frame, wire::Notification& notification) {
 }  // namespace
 
 Subscription::Subscription(const std::string& root)
-    : path_(socket_path(wire::notification_service, root)), reader_(wire::response_limit) {}
+    : path_(wire::socket_path(root, wire::notification_service)), reader_(wire::response_limit) {}
 
 Subscription::~Subscription() {
   if (socket_ >= 0) close(socket_);
@@ -43,14 +44,14 @@ Outcome Subscription::next(wire::Notification& notification, std::string& detail
   while ((status = reader_.next(frame)) == wire::FrameReader::Status::incomplete) {
     pollfd readable{socket_, POLLIN, 0};
     poll(&readable, 1, -1);
-    const std::span<char> space = reader_.space();
-    const ssize_t count = recv(socket_, space.data(), space.size(), 0);
+    const std::span<char> buffer = reader_.prepare();
+    const ssize_t count = recv(socket_, buffer.data(), buffer.size(), 0);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) continue;
     if (count <= 0) {
       detail = count == 0 ? "the daemon closed the connection" : std::strerror(errno);
       return Outcome::closed;
     }
-    reader_.added(static_cast<size_t>(count));
+    reader_.commit(static_cast<size_t>(count));
   }
   if (status == wire::FrameReader::Status::frame && decode(frame, notification)) return Outcome::answered;
   detail = "what came is no notification";

@@ -1,9 +1,10 @@
 #include <gtest/gtest.h>
 
-#include "daemon/error.h"
-#include "daemon/protocol.h"
+#include "daemon/corvane_daemon.h"
+#include "daemon/corvane_error.h"
+#include "daemon/method_table.h"
 #include "daemon/request.h"
-#include "daemon/service.h"
+#include "daemon/response.h"
 #include "plist/describe.h"
 #include "tests/support/test_platform.h"
 

@@ -1,17 +1,15 @@
 #include "daemon/lockstart.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "daemon/log.h"
+#include "daemon/log/cv_log.h"
 #include "device/telephony.h"
-#include "platform/files.h"
-#include "platform/platform.h"
 #include "state/safe_file.h"
+#include "state/state_directory.h"
 
 namespace corvane {
 
@@ -38,11 +36,9 @@ void force_state_directory_mode(const char* path) {
 }  // namespace
 
 DataArk lockstart_local() {
-  char path[path_limit + 1];
-  std::snprintf(path, sizeof(path), "%s", system_path("/private/var/mobile").c_str());
-  std::strncat(path, "/Library/cvd", path_limit - std::strlen(path));
-  create_state_directory(path);
-  force_state_directory_mode(path);
+  const StatePath path = state_directory();
+  create_state_directory(path.text);
+  force_state_directory_mode(path.text);
 
   DataArk ark = data_ark_load();
   if (ark == nullptr) return nullptr;

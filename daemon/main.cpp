@@ -4,21 +4,21 @@
 #include <string>
 #include <system_error>
 
-#include "daemon/admin.h"
+#include "daemon/corvane_admin.h"
+#include "daemon/corvane_daemon.h"
 #include "daemon/lockstart.h"
-#include "daemon/log.h"
-#include "daemon/service.h"
+#include "daemon/log/cv_log.h"
 #include "device/telephony.h"
-#include "platform/common/start_up.h"
-#include "platform/common/system_platform.h"
+#include "platform/ipc_listener.h"
 #include "platform/linux/linux_device.h"
-#include "platform/named_service.h"
 #include "platform/notifications.h"
+#include "platform/process/start_up.h"
 #include "platform/report.h"
 #include "platform/run_loop.h"
 #include "platform/simulated/simulated_device.h"
+#include "platform/system/system_platform.h"
 #include "platform/telephony.h"
-#include "state/values.h"
+#include "state/end_process.h"
 #include "wire/messages.h"
 
 namespace corvane {
@@ -78,8 +78,8 @@ int run_daemon() {
   ark = lockstart_local();
   daemon_object->setDark(ark.get());
 
-  const auto admin_listener = platform().create_listener(wire::admin_service, ServiceAccess::owner);
-  const auto listener = platform().create_listener(wire::public_service, ServiceAccess::everyone);
+  const auto admin_listener = platform().create_listener(wire::admin_service, IpcAccess::owner);
+  const auto listener = platform().create_listener(wire::public_service, IpcAccess::everyone);
   create_request_queue();
   admin_listener->set_delegate(*admin_object);
   listener->set_delegate(*daemon_object);

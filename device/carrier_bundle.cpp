@@ -5,8 +5,8 @@
 #include <cstring>
 #include <sys/stat.h>
 
-#include "daemon/log.h"
-#include "device/path_buffer.h"
+#include "daemon/log/cv_log.h"
+#include "platform/files.h"
 #include "platform/platform.h"
 #include "state/plist_file.h"
 #include "state/safe_file.h"
@@ -15,12 +15,12 @@
 namespace corvane {
 
 plist::Ref<plist::Dictionary> copy_carrier_bundle_info() {
-  char path[path_buffer_size];
+  char path[path_limit];
   const std::string bundle = system_path("/var/mobile/Library/Carrier Bundle.bundle");
   std::snprintf(path, sizeof path, "%s/Info.plist", bundle.c_str());
 
   // Stays empty, and fails to load, where the bundle leads outside the allowed directories.
-  char resolved[path_buffer_size] = "";
+  char resolved[path_limit] = "";
   const int vetted = safe_bundle(path, resolved, sizeof resolved);
   struct stat status;
   if (stat(path, &status) != 0) {

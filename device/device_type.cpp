@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "daemon/log.h"
+#include "daemon/log/cv_log.h"
 #include "platform/device_properties.h"
 #include "platform/hardware_registry.h"
 #include "platform/platform.h"

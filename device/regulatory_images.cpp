@@ -1,39 +1,19 @@
 #include "device/regulatory_images.h"
 
-#include <cstdio>
 #include <new>
 #include <sys/stat.h>
 
-#include "device/path_buffer.h"
 #include "device/vexa_helper.h"
-#include "platform/platform.h"
 #include "state/plist_file.h"
+#include "state/state_directory.h"
 #include "state/values.h"
 
 namespace corvane {
 
 namespace {
 
-constexpr char images_directory[] = "/Library/cvd/regulatory_images";
-
-struct Path {
-  char text[path_buffer_size];
-};
-
-std::string home() { return system_path("/private/var/mobile"); }
-
-Path images_file() {
-  Path path;
-  std::snprintf(path.text, path_buffer_size, "%s%s/%s", home().c_str(), images_directory,
-                "regulatory_images.plist");
-  return path;
-}
-
-void create_images_directory() {
-  Path path;
-  std::snprintf(path.text, path_buffer_size, "%s%s", home().c_str(), images_directory);
-  mkdir(path.text, 0755);
-}
+constexpr char images_directory[] = "regulatory_images";
+constexpr char images_file[] = "regulatory_images/regulatory_images.plist";
 
 // Null where the device has no version.
 plist::Ref<plist::Dictionary> images_record(plist::Value& images) {
@@ -50,16 +30,16 @@ plist::Ref<plist::Dictionary> images_record(plist::Value& images) {
 
 int store_regulatory_images(plist::Value& images) {
   try {
-    create_images_directory();
+    mkdir(state_path(images_directory).text, 0755);
     const auto record = images_record(images);
-    return record ? store_dict(images_file().text, *record) : -1;
+    return record ? store_dict(state_path(images_file).text, *record) : -1;
   } catch (const std::bad_alloc&) {
     return -1;
   }
 }
 
 plist::Ref<plist::Dictionary> copy_regulatory_images() {
-  const auto images = load_dict(images_file().text);
+  const auto images = load_dict(state_path(images_file).text);
   return as_dictionary(images.get());
 }
 

@@ -1,6 +1,6 @@
 #include "device/telephony.h"
 
-#include "daemon/log.h"
+#include "daemon/log/cv_log.h"
 #include "device/device_type.h"
 #include "platform/device_properties.h"
 #include "platform/notifications.h"
@@ -17,9 +17,6 @@ using Query = TelvoServerConnection::Query;
 namespace {
 
 constexpr std::string_view phone_number_changed = "com.norvane.mobile.keelhold.phone_number_changed";
-
-// Entries with this attribute are not stored.
-constexpr unsigned transient_attribute = 1;
 
 // A phone number is copied out through a buffer of this size, its terminator counted.
 constexpr size_t phone_number_capacity = 1024;
@@ -85,7 +82,7 @@ bool refresh_identity(data_ark* ark, const char* ark_key, const char* what, plis
 }
 
 void store_transient(data_ark* ark, const String& key, plist::Value* value) {
-  data_ark_set_attribute(ark, nullptr, &key, transient_attribute);
+  data_ark_set_attribute(ark, nullptr, &key, ARK_NOT_STORED);
   data_ark_set(ark, nullptr, &key, value);
 }
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "daemon/log.h"
+#include "daemon/log/cv_log.h"
 #include "platform/device_properties.h"
 #include "state/values.h"
 

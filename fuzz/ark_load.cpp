@@ -33,10 +33,10 @@ class Model {
     for (const auto& entry : dictionary->entries()) values_[std::string(entry.key->view())] = entry.value;
   }
 
-  void set(const std::string& domains_own, const std::string& key, bool inherits, const Ref<plist::Value>& value) {
+  void set(const std::string& domain_key, const std::string& key, bool inherits, const Ref<plist::Value>& value) {
     exists_ = true;
     if (values_.count(key) == 0 && inherits) {
-      if (const unsigned inherited = attributes(domains_own)) attributes_[key] |= inherited;
+      if (const unsigned inherited = attributes(domain_key)) attributes_[key] |= inherited;
     }
     values_[key] = value;
   }
@@ -152,7 +152,7 @@ void Run::operate(const uint8_t (&bytes)[4]) {
   const String* domain = at.domain.get();
   const String* name = at.key.get();
   const unsigned index = bytes[2] % 10;
-  const bool known_index = index < ark_attributes;
+  const bool known_index = index < ark_attribute_count;
   switch (bytes[0] % 8) {
     case 0:
     case 1:
@@ -184,7 +184,7 @@ void Run::operate(const uint8_t (&bytes)[4]) {
       store_and_load();
       return;
   }
-  for (unsigned i = 0; i < ark_attributes; ++i) {
+  for (unsigned i = 0; i < ark_attribute_count; ++i) {
     ENSURE(data_ark_has_attribute(ark, domain, name, i) == ((model_.attributes(at.full) >> i & 1) != 0));
   }
   ENSURE(data_ark_exists(ark, domain, name) == (model_.get(at.full) != nullptr));

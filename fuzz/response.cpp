@@ -96,9 +96,8 @@ void listen_to(const std::string& root) {
 
 void receive(std::string_view bytes, size_t chunk) {
   static const std::string root = testing::TestPlatform::fresh().root();
-  static const std::string folder = root + std::string(wire::socket_folder) + "/";
-  static auto& service = *new Server(folder + std::string(wire::public_service), true);
-  static auto& notifications = *new Server(folder + std::string(wire::notification_service), false);
+  static auto& service = *new Server(wire::socket_path(root, wire::public_service), true);
+  static auto& notifications = *new Server(wire::socket_path(root, wire::notification_service), false);
   service.set_answer(bytes, chunk);
   ask(root);
   notifications.set_answer(bytes, chunk);

@@ -12,11 +12,11 @@
 #include <unistd.h>
 #include <vector>
 
-#include "daemon/admin.h"
-#include "daemon/protocol.h"
-#include "daemon/service.h"
+#include "daemon/corvane_admin.h"
+#include "daemon/corvane_daemon.h"
+#include "daemon/protocols.h"
 #include "fuzz/ensure.h"
-#include "platform/common/service_connection.h"
+#include "platform/ipc/local_connection.h"
 #include "plist/big_endian.h"
 #include "plist/entitlements_blob.h"
 #include "plist/reader.h"
@@ -61,10 +61,10 @@ class Client {
   void end() { ::shutdown(socket_.native_handle(), SHUT_WR); }
 
   bool receive() {
-    const std::span<char> space = reader_.space();
-    const ssize_t count = ::recv(socket_.native_handle(), space.data(), space.size(), 0);
+    const std::span<char> buffer = reader_.prepare();
+    const ssize_t count = ::recv(socket_.native_handle(), buffer.data(), buffer.size(), 0);
     if (count <= 0) return false;
-    reader_.added(static_cast<size_t>(count));
+    reader_.commit(static_cast<size_t>(count));
     wire::Frame frame;
     wire::FrameReader::Status status;
     while ((status = reader_.next(frame)) == wire::FrameReader::Status::frame) responses.push_back(frame);

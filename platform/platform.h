@@ -15,10 +15,10 @@ class Logger;
 class Notifications;
 class Preferences;
 class RunLoop;
-class ServiceListener;
+class IpcListener;
 class Telephony;
 class WorkQueue;
-enum class ServiceAccess;
+enum class IpcAccess;
 
 /// What the daemon asks of its system, one accessor per facility. `main` installs the one platform before
 /// anything else; tests install their own. The facilities live as long as the platform.
@@ -43,8 +43,7 @@ class Platform {
   virtual WorkQueue& request_queue() = 0;
 
   /// A listener for a named local service; it accepts nobody before it is resumed.
-  virtual std::unique_ptr<ServiceListener> create_listener(std::string_view service_name,
-                                                           ServiceAccess access) = 0;
+  virtual std::unique_ptr<IpcListener> create_listener(std::string_view service_name, IpcAccess access) = 0;
 
   /// The folder below which all of the daemon's paths lie: absolute, fully resolved, no slash at its end;
   /// empty where that is the real root.

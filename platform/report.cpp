@@ -22,7 +22,7 @@ __attribute__((format(printf, 1, 0))) Line format_line(const char* format, va_li
   return line;
 }
 
-void say(const char* text) {
+void send_to_sink(const char* text) {
   if (const ReportSink sink = report_sink.load()) sink(text);
 }
 
@@ -31,14 +31,14 @@ void say(const char* text) {
 void report(const char* format, ...) noexcept {
   va_list arguments;
   va_start(arguments, format);
-  say(format_line(format, arguments).text);
+  send_to_sink(format_line(format, arguments).text);
   va_end(arguments);
 }
 
-void LimitedReport::operator()(const char* format, ...) noexcept {
+void RateLimitedReport::operator()(const char* format, ...) noexcept {
   const auto now = std::chrono::steady_clock::now();
   if (now < next_) {
-    ++unsaid_;
+    ++suppressed_;
     return;
   }
   next_ = now + limited_interval;
@@ -46,9 +46,9 @@ void LimitedReport::operator()(const char* format, ...) noexcept {
   va_start(arguments, format);
   const Line line = format_line(format, arguments);
   va_end(arguments);
-  if (unsaid_ == 0) return say(line.text);
-  report("%s; %u more like that before", line.text, unsaid_);
-  unsaid_ = 0;
+  if (suppressed_ == 0) return send_to_sink(line.text);
+  report("%s; %u more like that before", line.text, suppressed_);
+  suppressed_ = 0;
 }
 
 void set_report_sink(ReportSink sink) { report_sink.store(sink); }

@@ -7,11 +7,12 @@
 #include <new>
 #include <utility>
 
-#include "daemon/log.h"
+#include "daemon/log/cv_log.h"
 #include "platform/notifications.h"
 #include "platform/platform.h"
 #include "platform/run_loop.h"
 #include "state/data_ark_state.h"
+#include "state/end_process.h"
 #include "state/values.h"
 
 namespace corvane {
@@ -22,7 +23,7 @@ using plist::String;
 namespace {
 
 // A change of an entry with one of these does not count as unsaved.
-constexpr uint16_t clean_attributes = transient_attributes | attribute_bit(5);
+constexpr uint16_t clean_attributes = transient_attributes | attribute_bit(ARK_CHANGE_CLEAN);
 
 void compose(std::string& composed, const String* domain, const String* key) {
   composed.clear();
@@ -41,7 +42,7 @@ class ComposedKey {
   }
 
   std::string_view full() const { return text_; }
-  std::string_view domains_own() const { return full().substr(0, own_size_); }
+  std::string_view domain_key() const { return full().substr(0, own_size_); }
 
  private:
   static inline thread_local std::string text_;
@@ -65,9 +66,9 @@ void schedule(data_ark& ark, ArkEvent event, std::string_view key) {
 
 void announce(data_ark& ark, ArkEvent event, const ComposedKey& key) {
   post(ark, event, key.full());
-  post(ark, event, key.domains_own());
+  post(ark, event, key.domain_key());
   schedule(ark, event, key.full());
-  schedule(ark, event, key.domains_own());
+  schedule(ark, event, key.domain_key());
 }
 
 void add_attributes(data_ark& ark, std::string_view key, uint16_t attributes) {
@@ -84,17 +85,17 @@ bool store_value(data_ark& ark, const ComposedKey& key, plist::Value* value, boo
     return changed;
   }
   const Ref<String> key_object = String::create(key.full());
-  const uint16_t inherited = inherits ? ark.attributes_of(key.domains_own()) : uint16_t{0};
+  const uint16_t inherited = inherits ? ark.attributes_of(key.domain_key()) : uint16_t{0};
   std::string attributes_key;
   if (inherited != 0) {
     attributes_key = key.full();
     plist::make_room(ark.attributes);
   }
-  if (ark.ordered != nullptr) ark.ordered->insert(key_object->view());
+  if (ark.sorted_keys != nullptr) ark.sorted_keys->insert(key_object->view());
   try {
     ark.values->set(key_object, value);
   } catch (const std::bad_alloc&) {
-    if (ark.ordered != nullptr) ark.ordered->erase(key_object->view());
+    if (ark.sorted_keys != nullptr) ark.sorted_keys->erase(key_object->view());
     throw;
   }
   if (inherited != 0) ark.attributes.try_emplace(std::move(attributes_key)).first->second |= inherited;
@@ -123,18 +124,18 @@ void set_number(const char* function, data_ark* ark, const String* domain, const
   data_ark_set(ark, domain, key, number.get());
 }
 
-void build_order(data_ark& ark) {
-  auto ordered = std::make_unique<absl::btree_set<std::string_view>>();
-  for (const plist::Dictionary::Entry& entry : ark.values->entries()) ordered->insert(entry.key->view());
-  ark.ordered = std::move(ordered);
+void build_sorted_keys(data_ark& ark) {
+  auto sorted_keys = std::make_unique<absl::btree_set<std::string_view>>();
+  for (const plist::Dictionary::Entry& entry : ark.values->entries()) sorted_keys->insert(entry.key->view());
+  ark.sorted_keys = std::move(sorted_keys);
 }
 
 Ref<plist::Value> copy_domain(data_ark& ark, std::string_view prefix) {
-  if (ark.ordered == nullptr) build_order(ark);
-  const auto first = ark.ordered->lower_bound(prefix);
+  if (ark.sorted_keys == nullptr) build_sorted_keys(ark);
+  const auto first = ark.sorted_keys->lower_bound(prefix);
   auto last = first;
   size_t count = 0;
-  for (; last != ark.ordered->end() && last->starts_with(prefix); ++last) ++count;
+  for (; last != ark.sorted_keys->end() && last->starts_with(prefix); ++last) ++count;
 
   Ref<plist::MutableDictionary> domain = plist::MutableDictionary::create(count);
   for (auto next = first; next != last; ++next) {
@@ -260,7 +261,7 @@ int data_ark_remove(data_ark* ark, const String* domain, const String* key) {
   assert_ark_owner();
   if (!ark->values) return -1;
   const ComposedKey composed(domain, key);
-  if (ark->ordered != nullptr) ark->ordered->erase(composed.full());
+  if (ark->sorted_keys != nullptr) ark->sorted_keys->erase(composed.full());
   if (!ark->values->remove(composed.full())) return 0;
   const bool transient = (ark->attributes_of(composed.full()) & transient_attributes) != 0;
   ark->attributes.erase(composed.full());
@@ -277,7 +278,7 @@ bool data_ark_exists(data_ark* ark, const String* domain, const String* key) {
 
 int data_ark_set_attribute(data_ark* ark, const String* domain, const String* key, unsigned index) {
   assert_ark_owner();
-  if (index >= ark_attributes) return -1;
+  if (index >= ark_attribute_count) return -1;
   try {
     add_attributes(*ark, ComposedKey(domain, key).full(), attribute_bit(index));
     return 0;
@@ -288,13 +289,13 @@ int data_ark_set_attribute(data_ark* ark, const String* domain, const String* ke
 
 bool data_ark_has_attribute(data_ark* ark, const String* domain, const String* key, unsigned index) {
   assert_ark_owner();
-  if (index >= ark_attributes) return false;
+  if (index >= ark_attribute_count) return false;
   return (ark->attributes_of(ComposedKey(domain, key).full()) & attribute_bit(index)) != 0;
 }
 
 int data_ark_clear_attribute(data_ark* ark, const String* domain, const String* key, unsigned index) {
   assert_ark_owner();
-  if (index >= ark_attributes) return -1;
+  if (index >= ark_attribute_count) return -1;
   const auto found = ark->attributes.find(ComposedKey(domain, key).full());
   if (found == ark->attributes.end()) return 0;
   found->second &= static_cast<uint16_t>(~attribute_bit(index));

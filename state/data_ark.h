@@ -28,11 +28,14 @@ enum ArkWatch : unsigned {
   ARK_WATCH_CHANGE = 4,  ///< a set of another value than before, or where there was none
 };
 
-/// Keys carry attributes 0 to 8. Three of them mean something to the ark:
-///
-///   1, 7  the entry is not stored, and neither a change of it nor its removal counts as unsaved
-///   5     a change of the entry does not count as unsaved; its removal does
-inline constexpr unsigned ark_attributes = 9;
+/// Keys carry attributes, numbered from 0 to 8. These mean something to the ark; of the others it only remembers
+/// who has them.
+enum ArkAttribute : unsigned {
+  ARK_NOT_STORED = 1,    ///< the entry is not in the file; neither its change nor its removal counts as unsaved
+  ARK_CHANGE_CLEAN = 5,  ///< a change of the entry does not count as unsaved; its removal does
+  ARK_NOT_STORED_2 = 7,  ///< as ARK_NOT_STORED
+};
+inline constexpr unsigned ark_attribute_count = 9;
 
 struct DataArkDeleter {
   void operator()(data_ark* ark) const;

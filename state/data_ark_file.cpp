@@ -9,12 +9,11 @@
 #include <unistd.h>
 #include <utility>
 
-#include "daemon/log.h"
-#include "platform/files.h"
-#include "platform/platform.h"
+#include "daemon/log/cv_log.h"
 #include "state/data_ark.h"
 #include "state/data_ark_state.h"
 #include "state/plist_file.h"
+#include "state/state_directory.h"
 #include "state/values.h"
 
 namespace corvane {
@@ -23,16 +22,7 @@ using plist::Ref;
 
 namespace {
 
-struct ArkPath {
-  char text[path_limit];
-};
-
-ArkPath ark_path() {
-  ArkPath path;
-  std::snprintf(path.text, sizeof path.text, "%s%s", system_path("/private/var/mobile").c_str(),
-                "/Library/cvd/data_ark.plist");
-  return path;
-}
+constexpr char ark_file[] = "data_ark.plist";
 
 bool may_be_regular_file(const char* path) {
   struct stat status;
@@ -58,7 +48,7 @@ Ref<plist::Dictionary> persistent_entries(const data_ark& ark) {
   });
 }
 
-bool replace_file(const ArkPath& path, const plist::Dictionary& entries) {
+bool replace_file(const StatePath& path, const plist::Dictionary& entries) {
   char temporary[sizeof path.text + sizeof ".XXXXXX"];
   std::snprintf(temporary, sizeof temporary, "%s.XXXXXX", path.text);
   if (store_dict(temporary, entries) != 0) {
@@ -71,7 +61,7 @@ bool replace_file(const ArkPath& path, const plist::Dictionary& entries) {
 }
 
 void store_entries(data_ark& ark) {
-  const ArkPath path = ark_path();
+  const StatePath path = state_path(ark_file);
   Ref<plist::Dictionary> entries;
   try {
     entries = persistent_entries(ark);
@@ -90,7 +80,7 @@ void store_entries(data_ark& ark) {
 DataArk data_ark_load() {
   DataArk ark(new (std::nothrow) data_ark());
   if (ark == nullptr) return nullptr;
-  const ArkPath path = ark_path();
+  const StatePath path = state_path(ark_file);
   const Ref<plist::Value> value = load_mutable_dict(path.text);
   ark->values = plist::cast<plist::MutableDictionary>(value.get());
   if (ark->values) return ark;

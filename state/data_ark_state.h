@@ -26,7 +26,7 @@ using ByComposedKey = absl::flat_hash_map<std::string, T, plist::BytesHash, std:
 enum class ArkEvent { change, set, remove };
 
 struct data_ark {
-  /// Entries are looked up and changed through the ark's operations only, which keep `ordered` with it.
+  /// Entries are looked up and changed through the ark's operations only, which keep `sorted_keys` with it.
   plist::Ref<plist::MutableDictionary> values;
   uint32_t dirty = 0;
 
@@ -38,7 +38,7 @@ struct data_ark {
 
   /// The composed keys in order, for copying a domain; built for the first such copy. The text is the key
   /// objects' own.
-  std::unique_ptr<absl::btree_set<std::string_view>> ordered;
+  std::unique_ptr<absl::btree_set<std::string_view>> sorted_keys;
 
   /// The file could be neither read nor moved aside.
   bool unreadable_in_place = false;
@@ -56,6 +56,6 @@ constexpr uint16_t attribute_bit(unsigned index) { return static_cast<uint16_t>(
 void assert_ark_owner();
 
 /// Entries with one of these are not stored.
-inline constexpr uint16_t transient_attributes = attribute_bit(1) | attribute_bit(7);
+inline constexpr uint16_t transient_attributes = attribute_bit(ARK_NOT_STORED) | attribute_bit(ARK_NOT_STORED_2);
 
 }  // namespace corvane

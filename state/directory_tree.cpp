@@ -8,7 +8,7 @@
 #include <memory>
 #include <unistd.h>
 
-#include "daemon/log.h"
+#include "daemon/log/cv_log.h"
 #include "platform/files.h"
 #include "state/safe_file.h"
 

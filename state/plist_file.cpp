@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <new>
 
-#include "daemon/log.h"
+#include "daemon/log/cv_log.h"
 #include "platform/descriptor.h"
 #include "plist/reader.h"
 #include "plist/writer.h"

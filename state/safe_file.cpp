@@ -10,7 +10,7 @@
 #include <fcntl.h>
 #include <string>
 
-#include "daemon/log.h"
+#include "daemon/log/cv_log.h"
 #include "platform/descriptor.h"
 #include "platform/files.h"
 #include "platform/platform.h"
@@ -20,7 +20,7 @@ namespace corvane {
 namespace {
 
 constexpr int protection_class = 4;
-constexpr int harmless = O_NONBLOCK | O_NOCTTY;
+constexpr int never_wait_flags = O_NONBLOCK | O_NOCTTY;
 
 constexpr const char* bundle_directories[] = {
     "/private/var/mobile/Library/Carrier Bundle.bundle/",
@@ -55,7 +55,7 @@ size_t start_of_last(const char* path, size_t length) {
 }  // namespace
 
 int _safe_open(const char* path, int flags, mode_t mode, mode_t expected_type) {
-  Descriptor file(platform().files().open(path, flags | O_NOFOLLOW | harmless, mode, protection_class));
+  Descriptor file(platform().files().open(path, flags | O_NOFOLLOW | never_wait_flags, mode, protection_class));
   if (!file.is_open()) {
     cv_log("_safe_open", 1, "open(%s) failed: %s", path, std::strerror(errno));
     return -1;
@@ -103,7 +103,7 @@ int safe_create(const char* path, int flags, mode_t mode, mode_t expected_type) 
 }
 
 int safe_bundle(const char* path, char* destination, size_t size) {
-  const Descriptor file(::open(path, O_RDONLY | O_CLOEXEC | harmless));
+  const Descriptor file(::open(path, O_RDONLY | O_CLOEXEC | never_wait_flags));
   if (!file.is_open()) {
     cv_log("safe_bundle", 0, "safe_bundle(%s) failed: %s", path, std::strerror(errno));
     return -1;

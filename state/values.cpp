@@ -1,9 +1,8 @@
 #include "state/values.h"
 
 #include <new>
-#include <unistd.h>
 
-#include "daemon/log.h"
+#include "state/end_process.h"
 
 namespace corvane {
 
@@ -21,12 +20,6 @@ plist::Ref<plist::Value> mutable_copy(const plist::Value* value) {
 }
 
 }  // namespace
-
-// No destructors: the other thread may still be using what they would take away.
-void end_process(const char* function, const char* reason) {
-  cv_log(function, 0, "%s", reason);
-  _exit(-1);
-}
 
 plist::Ref<plist::MutableDictionary> create_dict() {
   try {

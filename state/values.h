@@ -13,9 +13,6 @@
 /// logs one line and ends the process with exit status -1, so that callers never test its result.
 namespace corvane {
 
-/// Logs `reason` under the function's name and ends the process with exit status -1.
-[[noreturn]] void end_process(const char* function, const char* reason);
-
 /// A new empty mutable dictionary, owned; never null. Ends the process where memory is out.
 plist::Ref<plist::MutableDictionary> create_dict();
 

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "daemon/log.h"
+#include "daemon/log/cv_log.h"
 #include "platform/code_signing.h"
 #include "plist/big_endian.h"
 #include "plist/entitlements_blob.h"

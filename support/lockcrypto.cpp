@@ -5,7 +5,7 @@
 #include <cstring>
 #include <new>
 
-#include "daemon/log.h"
+#include "daemon/log/cv_log.h"
 #include "support/b64.h"
 
 namespace corvane {

@@ -4,7 +4,7 @@
 #include <unistd.h>
 #include <utility>
 
-#include "daemon/log.h"
+#include "daemon/log/cv_log.h"
 #include "platform/descriptor.h"
 #include "state/safe_file.h"
 

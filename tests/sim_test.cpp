@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include "platform/common/small_file.h"
+#include "platform/process/small_file.h"
 #include "plist/describe.h"
 #include "tests/support/daemon_process.h"
 #include "tools/plist_edit.h"

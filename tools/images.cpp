@@ -33,8 +33,8 @@ const char* ending_for(std::string_view bytes) {
   return ".bin";
 }
 
-// Keys come from whoever stored the images; a file name takes only what is harmless in one.
-std::string harmless(std::string_view name) {
+// Keys come from whoever stored the images. A file name gets only characters that are safe in one.
+std::string safe_file_name(std::string_view name) {
   std::string result(name.substr(0, name_limit));
   for (char& c : result) {
     const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
@@ -72,7 +72,7 @@ class Saver {
   }
 
   std::string unused_name(const std::string& name, const char* ending) {
-    const std::string stem = harmless(name);
+    const std::string stem = safe_file_name(name);
     std::string candidate = stem + ending;
     for (int i = 2; !names_.insert(candidate).second; ++i) candidate = stem + "-" + std::to_string(i) + ending;
     return candidate;

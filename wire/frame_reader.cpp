@@ -9,7 +9,7 @@ namespace corvane::wire {
 using plist::MutableData;
 using plist::Ref;
 
-std::span<char> FrameReader::space() {
+std::span<char> FrameReader::prepare() {
   if (!body_wants_bytes()) {
     if (input_begin_ == input_end_) input_begin_ = input_end_ = 0;
     return std::span(input_).subspan(input_end_);
@@ -24,7 +24,7 @@ std::span<char> FrameReader::space() {
   return {body_->mutable_bytes() + body_size_, body_->bytes().size() - body_size_};
 }
 
-void FrameReader::added(size_t count) {
+void FrameReader::commit(size_t count) {
   if (body_wants_bytes()) {
     body_size_ += count;
   } else {
@@ -36,7 +36,7 @@ FrameReader::Status FrameReader::next(Frame& frame) {
   if (!body_) {
     if (!take_header()) return Status::incomplete;
     const std::optional<FrameHeader> header = decode_header(header_bytes_);
-    if (!header) return Status::not_ours;
+    if (!header) return Status::bad_header;
     if (header->length > body_limit_) return Status::too_long;
     header_ = *header;
     body_ = MutableData::create(std::min<size_t>(header_.length, first_body_buffer));

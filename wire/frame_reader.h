@@ -23,16 +23,16 @@ class FrameReader {
   enum class Status {
     frame,       ///< one frame was taken
     incomplete,  ///< more bytes are needed
-    not_ours,    ///< wrong magic or version; the stream is of no further use
+    bad_header,  ///< wrong magic or version; the stream is of no further use
     too_long,    ///< a body over the limit; the stream is of no further use
   };
 
   explicit FrameReader(uint32_t body_limit) : body_limit_(body_limit) {}
 
-  /// Where the next bytes of the stream belong; not empty once `next` has said that more are needed.
-  std::span<char> space();
-  /// Says that the first `count` bytes of `space()` are there now.
-  void added(size_t count);
+  /// The buffer for the next bytes of the stream; not empty once `next` has answered `incomplete`.
+  std::span<char> prepare();
+  /// Says that the first `count` bytes of that buffer have been filled.
+  void commit(size_t count);
   /// Takes the next frame.
   Status next(Frame& frame);
   /// Whether a part of a frame has come.

@@ -18,9 +18,6 @@ inline constexpr std::string_view copy_regulatory_images = "copyRegulatoryImages
 inline constexpr std::string_view store_regulatory_images = "storeRegulatoryImages:withCompletionBlock:";
 inline constexpr std::string_view copy_entitlements = "copyEntitlementsForPID:withCompletionBlock:";
 
-/// The folder of the sockets, below the platform's root.
-inline constexpr std::string_view socket_folder = "/run/corvaned";
-
 inline constexpr std::string_view request_key = "Request";
 inline constexpr std::string_view images_key = "Images";
 inline constexpr std::string_view pid_key = "PID";

@@ -6,6 +6,16 @@
 
 namespace corvane::wire {
 
+namespace {
+
+constexpr std::string_view socket_folder = "/run/corvaned/";
+
+}  // namespace
+
+std::string socket_path(std::string_view root, std::string_view service_name) {
+  return std::string(root).append(socket_folder).append(service_name);
+}
+
 SocketAddress::SocketAddress(const std::string& path) {
   address_.sun_family = AF_UNIX;
   if (fits(path)) return;

@@ -1,10 +1,14 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 namespace corvane::wire {
+
+/// Where the socket of a service lies below `root`.
+std::string socket_path(std::string_view root, std::string_view service_name);
 
 /// The address of a local socket at any path. A path longer than sun_path takes is reached as
 /// /proc/self/fd/<its folder, held open>/<name>, so the address is good for as long as the object lives.

@@ -19,12 +19,12 @@ std::pair<std::string, Status> read_in_chunks(std::string_view stream, size_t ch
   size_t come = 0;
   std::pair<std::string, Status> read{"", Status::incomplete};
   while (read.second == Status::incomplete && !stream.empty()) {
-    const std::span<char> space = reader.space();
+    const std::span<char> buffer = reader.prepare();
     // Not the whole memory that a header asks for.
-    EXPECT_TRUE(!space.empty() && space.size() <= std::max<size_t>(65536, come));
-    const size_t count = stream.copy(space.data(), std::min(space.size(), chunk));
+    EXPECT_TRUE(!buffer.empty() && buffer.size() <= std::max<size_t>(65536, come));
+    const size_t count = stream.copy(buffer.data(), std::min(buffer.size(), chunk));
     stream.remove_prefix(count);
-    reader.added(count);
+    reader.commit(count);
     come += count;
     while ((read.second = reader.next(taken)) == Status::frame)
       read.first += frame(taken.body->bytes(), taken.kind);
@@ -44,8 +44,8 @@ TEST(FrameReader, CutsTheSameFramesWhateverTheChunks) {
 
 TEST(FrameReader, RefusesAStreamAfterTheFramesBeforeTheFault) {
   const std::string first = frame("first"), length("\0\x03\x0d\x41", 4);
-  EXPECT_EQ(read_in_chunks(first + "cV\1\1" + length, 9), std::pair(first, Status::not_ours));
-  EXPECT_EQ(read_in_chunks(first + "CV\2\1" + length, 9), std::pair(first, Status::not_ours));
+  EXPECT_EQ(read_in_chunks(first + "cV\1\1" + length, 9), std::pair(first, Status::bad_header));
+  EXPECT_EQ(read_in_chunks(first + "CV\2\1" + length, 9), std::pair(first, Status::bad_header));
   EXPECT_EQ(read_in_chunks(first + "CV\1\1" + length, 9), std::pair(first, Status::too_long));
   EXPECT_EQ(read_in_chunks(first + frame(std::string(body_limit, 'b')), 9).second, Status::incomplete);
 }

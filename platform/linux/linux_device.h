@@ -3,11 +3,11 @@
 #include <string>
 #include <string_view>
 
-#include "platform/common/device.h"
-#include "platform/common/no_telephony.h"
-#include "platform/common/small_file.h"
+#include "platform/device.h"
 #include "platform/device_properties.h"
 #include "platform/linux/linux_code_signing.h"
+#include "platform/linux/no_telephony.h"
+#include "platform/process/small_file.h"
 
 namespace corvane {
 

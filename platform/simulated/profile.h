@@ -5,7 +5,7 @@
 #include <mutex>
 #include <string>
 
-#include "platform/common/small_file.h"
+#include "platform/process/small_file.h"
 
 namespace corvane {
 

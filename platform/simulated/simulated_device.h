@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/common/device.h"
+#include "platform/device.h"
 #include "platform/device_properties.h"
 #include "platform/simulated/profile.h"
 #include "platform/simulated/simulated_telephony.h"

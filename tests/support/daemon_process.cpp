@@ -102,9 +102,9 @@ bool eventually(const std::function<bool()>& question) {
 }
 
 RawClient::RawClient(const std::string& socket) : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  const timeval patience{20, 0};
-  setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-  setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  const timeval timeout{20, 0};
+  setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
   const wire::SocketAddress address(socket);
   if (connect(socket_, address.get(), address.size()) != 0) throw std::runtime_error("no connection: " + socket);
 }

@@ -9,13 +9,13 @@
 
 #include "platform/clock.h"
 #include "platform/code_signing.h"
-#include "platform/common/no_telephony.h"
-#include "platform/common/openssl_vault.h"
 #include "platform/device_properties.h"
 #include "platform/files.h"
 #include "platform/hardware_registry.h"
+#include "platform/ipc_listener.h"
+#include "platform/keys/openssl_vault.h"
+#include "platform/linux/no_telephony.h"
 #include "platform/logger.h"
-#include "platform/named_service.h"
 #include "platform/notifications.h"
 #include "platform/platform.h"
 #include "platform/preferences.h"
@@ -97,7 +97,7 @@ class TestPlatform final : public Platform,
   RunLoop& main_run_loop() override { std::abort(); }  // no unit runs it
   WorkQueue& main_queue() override { return main_queue_; }
   WorkQueue& request_queue() override { return request_queue_; }
-  std::unique_ptr<ServiceListener> create_listener(std::string_view, ServiceAccess) override { return nullptr; }
+  std::unique_ptr<IpcListener> create_listener(std::string_view, IpcAccess) override { return nullptr; }
   const std::string& root() const override { return root_; }
 
  private:

@@ -1,0 +1,50 @@
+#include "daemon/log/cv_log.h"
+
+#include <cerrno>
+#include <new>
+#include <string>
+#include <syslog.h>
+
+#include "platform/platform.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr char logger_name[] = "Corvane";
+constexpr char disk_log[] = "/var/mobile/Library/Logs/corvaned/corvaned.log";
+
+}  // namespace
+
+void log_line(const char* function, int copy_to_syslog, const char* format,
+              std::span<const log_format::Argument> arguments) noexcept {
+  const int saved_errno = errno;
+  try {
+    std::string line;
+    if (function != nullptr) line.append(function).append(": ");
+    log_format::append_message(line, format, arguments);
+    CVLog::getSharedInstance().logMessage_CopyToSyslog(*plist::String::create(line), copy_to_syslog);
+  } catch (const std::bad_alloc&) {
+    // The caller is told of no failure of the log, and there is no memory to tell anyone else.
+  }
+  errno = saved_errno;
+}
+
+CVLog& CVLog::getSharedInstance() {
+  static CVLog shared_instance;
+  return shared_instance;
+}
+
+CVLog::CVLog() : _logHandle(platform().logger().open(logger_name, 3)) {
+  if (_logHandle == nullptr) return;
+  platform().logger().enable_disk_copy(_logHandle, system_path(disk_log).c_str(), 2, 65536);
+}
+
+void CVLog::logMessage_CopyToSyslog(const plist::String& message, int copy_to_syslog) {
+  int level = platform().logger().configured_level(logger_name);
+  if (level == Logger::no_level) level = copy_to_syslog != 0 ? LOG_NOTICE : LOG_DEBUG;
+  if (_logHandle == nullptr) return;
+  platform().logger().write(_logHandle, level, "CV", "%@", message);
+}
+
+}  // namespace corvane

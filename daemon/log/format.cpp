@@ -1,0 +1,72 @@
+#include "daemon/log/format.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "plist/describe.h"
+
+namespace corvane::log_format {
+
+namespace {
+
+template <class T>
+void append_with(std::string& line, const std::string& specification, T value) {
+  const int length = std::snprintf(nullptr, 0, specification.c_str(), value);
+  if (length <= 0) return;
+  const size_t before = line.size();
+  line.resize(before + static_cast<size_t>(length) + 1);
+  std::snprintf(line.data() + before, static_cast<size_t>(length) + 1, specification.c_str(), value);
+  line.pop_back();
+}
+
+// `specification` is the conversion as the format has it, with 'll' put before the letter for integers: the
+// arguments were widened on their way here.
+std::string widened(const char* start, const Conversion& conversion, Kind kind) {
+  std::string specification;
+  for (const char* c = start; c != conversion.end - 1; ++c) {
+    if (*c != 'l' && *c != 'z') specification += *c;
+  }
+  if (kind == Kind::signed_integer || kind == Kind::unsigned_integer) specification += "ll";
+  return specification + conversion.letter;
+}
+
+void append_argument(std::string& line, const char* start, const Conversion& conversion,
+                     const Argument& argument) {
+  const std::string specification = widened(start, conversion, argument.kind);
+  switch (argument.kind) {
+    case Kind::signed_integer:
+      return append_with(line, specification, static_cast<long long>(argument.signed_integer));
+    case Kind::unsigned_integer:
+      return append_with(line, specification, static_cast<unsigned long long>(argument.unsigned_integer));
+    case Kind::real:
+      return append_with(line, specification, argument.real);
+    case Kind::c_string:
+      return append_with(line, specification, argument.c_string == nullptr ? "(null)" : argument.c_string);
+    case Kind::pointer:
+      return append_with(line, specification, argument.pointer);
+    case Kind::object:
+      line += plist::describe(argument.object);
+  }
+}
+
+}  // namespace
+
+void append_message(std::string& line, const char* format, std::span<const Argument> arguments) {
+  size_t next = 0;
+  for (const char* c = format; *c != '\0';) {
+    if (const size_t plain = std::strcspn(c, "%"); plain != 0) {
+      line.append(c, plain);
+      c += plain;
+      continue;
+    }
+    const Conversion conversion = log_format::read_conversion(c);
+    if (conversion.letter == '%') {
+      line += '%';
+    } else {
+      append_argument(line, c, conversion, arguments[next++]);
+    }
+    c = conversion.end;
+  }
+}
+
+}  // namespace corvane::log_format

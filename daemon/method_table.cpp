@@ -1,0 +1,80 @@
+#include "daemon/method_table.h"
+
+#include "daemon/log/cv_log.h"
+#include "daemon/request.h"
+#include "daemon/response.h"
+#include "wire/limits.h"
+#include "wire/messages.h"
+
+namespace corvane {
+
+using plist::Ref;
+
+namespace {
+
+void set_error(plist::MutableDictionary& response, const char* reason, const ErrorObject& error) {
+  response.set(wire::error_object_key, wire::make_error_object(error.domain, error.code, error.user_info));
+  set_response_error(reason, response, error.user_info->get(wire::error_description_key));
+}
+
+// Not with `create_response`, which ends the process where memory is out.
+void encode_failure(const Ref<plist::String>& selector, plist::ByteChain& out) {
+  out = plist::ByteChain();
+  Ref<plist::MutableDictionary> failure = plist::MutableDictionary::create();
+  failure->set(wire::request_key, selector);
+  set_error(*failure, "response", CorvaneError::getError(CorvaneError::operation_failed));
+  plist::encode_binary(*failure, out);
+}
+
+void encode(const plist::Dictionary& response, const Ref<plist::String>& selector, plist::ByteChain& out) {
+  const Ref<plist::String> fault = plist::encode_binary(response, out);
+  if (!fault && out.size() <= wire::response_limit) return;
+
+  cv_log("encode", 0, "could not send a response: %@", fault ? fault : plist::String::create("it is too long"));
+  encode_failure(selector, out);
+}
+
+}  // namespace
+
+bool MethodTable::deliver(ExportedObject& object, const Message& message, plist::ByteChain& response) const {
+  if (message.kind != Message::raw_data) return false;
+  Ref<plist::String> selector = plist::String::create("");
+  try {
+    encode(*answer(object, message, selector), selector, response);
+  } catch (const std::bad_alloc&) {
+    // What the request took has been given back by now.
+    cv_log("deliver", 0, "out of memory");
+    encode_failure(selector, response);
+  }
+  return true;
+}
+
+const MethodTable::Method* MethodTable::find(const plist::String* selector) const {
+  if (selector == nullptr) return nullptr;
+  for (const Method& method : methods_) {
+    if (method.selector == selector->view()) return &method;
+  }
+  return nullptr;
+}
+
+Ref<plist::MutableDictionary> MethodTable::answer(ExportedObject& object, const Message& message,
+                                                  Ref<plist::String>& selector) const {
+  const Ref<plist::Dictionary> request = copy_dict_from_port_data(&message);
+  plist::String* asked = request ? wire::request_selector(*request) : nullptr;
+  if (asked != nullptr) selector = asked;
+  Ref<plist::MutableDictionary> response = create_response(selector);
+
+  const Method* method = find(asked);
+  if (method == nullptr) {
+    const char* reason = request ? "no such request" : "unreadable request";
+    set_error(*response, reason, CorvaneError::getError(CorvaneError::unexpected_parameter));
+    return response;
+  }
+  method->call(object, *request, [&](plist::Dictionary* reply, const ErrorObject* error) {
+    if (reply != nullptr) response->set(wire::reply_key, reply);
+    if (error != nullptr) set_error(*response, selector->c_string(), *error);
+  });
+  return response;
+}
+
+}  // namespace corvane

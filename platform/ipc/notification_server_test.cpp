@@ -1,0 +1,109 @@
+#include "platform/ipc/notification_server.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "plist/describe.h"
+#include "tests/support/daemon_process.h"
+#include "tests/support/test_platform.h"
+#include "wire/limits.h"
+
+namespace corvane::testing {
+namespace {
+
+std::string heard(const std::string& name) {
+  return "{\"Notification\": \"" + name + "\", \"Object\": \"" + name + "\"}";
+}
+
+/// The service on a request queue with its thread, and whoever subscribes.
+class Notifications : public ::testing::Test {
+ protected:
+  Notifications() {
+    queue_.create("test");
+    service_->resume();
+    settle();
+  }
+
+  std::unique_ptr<RawClient> subscriber() { return std::make_unique<RawClient>(path_); }
+  void post(const std::string& name) {
+    queue_.submit_and_wait([&] { service_->post(*plist::String::create(name)); });
+  }
+  // What the queue was given, and what its sockets had to tell by then, has been done.
+  void settle() {
+    for (int i = 0; i < 3; ++i) queue_.submit_and_wait([] {});
+  }
+
+  const std::string path_ = (TestPlatform::fresh(), system_path("/run/corvaned/notifications"));
+  const size_t descriptors_before_ = open_descriptors();
+  RequestQueue queue_;
+  std::unique_ptr<NotificationServer> service_ = std::make_unique<NotificationServer>(path_, queue_);
+};
+
+TEST_F(Notifications, ReachWhoeverIsConnectedInOrder) {
+  struct stat status;
+  ASSERT_EQ(stat(path_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0666u);
+  const auto first = subscriber();
+  post("one");
+  const auto second = subscriber(), half_closed = subscriber(), talks = subscriber();
+  half_closed->finish();
+  post("two");  // at once: the newcomers may not have been accepted yet
+  for (const char* name : {"one", "two"}) EXPECT_EQ(plist::describe(first->response().get()), heard(name));
+  for (const auto* late : {&second, &half_closed}) {
+    EXPECT_EQ(plist::describe((*late)->response().get()), heard("two"));
+  }
+  EXPECT_EQ(plist::describe(talks->response().get()), heard("two"));
+  talks->send("hello");
+  EXPECT_TRUE(talks->ends());
+  settle();
+  post("three");
+  EXPECT_EQ(plist::describe(half_closed->response().get()), heard("three"));
+}
+
+TEST_F(Notifications, WhoStopsReadingMissesSomeAndIsToldHowMany) {
+  const auto reads = subscriber(), sleeps = subscriber();
+  const std::string name(2000, 'n');
+  const int posts = 500;  // more than the socket and the daemon keep for one who does not read
+  for (int i = 0; i < posts; ++i) {
+    post(name + std::to_string(i));
+    ASSERT_EQ(plist::describe(reads->response().get()), heard(name + std::to_string(i)));
+  }
+  int next = 0;
+  while (sleeps->has_news(200)) {
+    ASSERT_EQ(plist::describe(sleeps->response().get()), heard(name + std::to_string(next++)));
+  }
+  ASSERT_LT(next, posts);
+  post("last");
+  EXPECT_EQ(plist::describe(sleeps->response().get()), "{\"Missed\": " + std::to_string(posts - next) + "}");
+  EXPECT_EQ(plist::describe(sleeps->response().get()), heard("last"));
+}
+
+TEST_F(Notifications, SlotsAreLimitedAndComeBack) {
+  std::vector<std::unique_ptr<RawClient>> subscribers;
+  for (size_t i = 0; i < wire::subscriber_limit; ++i) subscribers.push_back(subscriber());
+  post("full");
+  EXPECT_TRUE(subscriber()->ends());
+  for (const auto& each : subscribers) EXPECT_EQ(plist::describe(each->response().get()), heard("full"));
+  subscribers.back()->finish();
+  settle();
+  const size_t held = open_descriptors();
+  subscribers.pop_back();
+  EXPECT_TRUE(eventually([held] { return open_descriptors() == held - 2; }));
+  const auto newcomer = subscriber();
+  post("free");
+  EXPECT_EQ(plist::describe(newcomer->response().get()), heard("free"));
+  EXPECT_EQ(plist::describe(subscribers.front()->response().get()), heard("free"));
+  subscribers.clear();
+  service_.reset();
+  EXPECT_NE(access(path_.c_str(), F_OK), 0);
+  // The queue's own descriptors remain.
+  EXPECT_TRUE(eventually([&] { return open_descriptors() <= descriptors_before_ + 4; }));
+}
+
+}  // namespace
+}  // namespace corvane::testing

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/signal_set.hpp>
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "platform/run_loop.h"
+
+/// The two event loops of the process: the main thread's, and the request queue's on its own thread.
+namespace corvane {
+
+class MainLoop final : public RunLoop, public WorkQueue {
+ public:
+  MainLoop();
+
+  void run() override;
+  void watch(int descriptor, std::function<void()> readable) override;
+  void submit(std::function<void()> work) override;
+  bool is_current() const override { return std::this_thread::get_id() == main_thread_; }
+  void create(const char*) override {}
+
+ private:
+  struct Watch {
+    asio::posix::stream_descriptor descriptor;
+    std::function<void()> readable;
+    bool waits = false;
+  };
+  void wait_for(Watch& watch);
+
+  asio::io_context context_{1};
+  std::deque<Watch> watches_;
+  asio::signal_set end_signals_{context_};
+  const std::thread::id main_thread_ = std::this_thread::get_id();
+};
+
+class RequestQueue final : public WorkQueue {
+ public:
+  RequestQueue() = default;
+  /// Ends the thread after the work that is running; work that still waits is dropped.
+  ~RequestQueue() override;
+
+  void submit(std::function<void()> work) override;
+  bool is_current() const override { return std::this_thread::get_id() == owner_; }
+  void create(const char* label) override;
+
+  /// `rearm` is called some time after memory has run out on the queue, again and again until it does not throw:
+  /// it waits anew for what the queue is to go on waiting for, and does nothing where that goes on. Before
+  /// `create`.
+  void rearm_with(std::function<void()> rearm) { rearms_.push_back(std::move(rearm)); }
+
+  /// `submit`, and waits until the work is done. Not from the queue itself.
+  void submit_and_wait(const std::function<void()>& work);
+
+  /// Where sockets and timers that belong to the queue live.
+  asio::io_context& context() { return context_; }
+
+ private:
+  asio::io_context context_{1};
+  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work_guard_;
+  std::vector<std::function<void()>> rearms_;
+  std::thread thread_;
+  std::atomic<std::thread::id> owner_{std::this_thread::get_id()};
+};
+
+}  // namespace corvane

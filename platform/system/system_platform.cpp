@@ -1,0 +1,22 @@
+#include "platform/system/system_platform.h"
+
+#include <utility>
+
+#include "platform/ipc/local_listener.h"
+#include "wire/messages.h"
+#include "wire/socket_address.h"
+
+namespace corvane {
+
+SystemPlatform::SystemPlatform(const Environment& environment, std::unique_ptr<Device> device)
+    : root_(environment.root),
+      preferences_(environment.root),
+      logger_(preferences_, environment.log_to_stderr),
+      device_(std::move(device)),
+      notifications_(wire::socket_path(root_, wire::notification_service), request_queue_) {}
+
+std::unique_ptr<IpcListener> SystemPlatform::create_listener(std::string_view service_name, IpcAccess access) {
+  return create_local_listener(wire::socket_path(root_, service_name), access, request_queue_);
+}
+
+}  // namespace corvane

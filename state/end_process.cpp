@@ -1,0 +1,15 @@
+#include "state/end_process.h"
+
+#include <unistd.h>
+
+#include "daemon/log/cv_log.h"
+
+namespace corvane {
+
+// No destructors: the other thread may still be using what they would take away.
+void end_process(const char* function, const char* reason) {
+  cv_log(function, 0, "%s", reason);
+  _exit(-1);
+}
+
+}  // namespace corvane
