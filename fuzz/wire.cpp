@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "daemon/connection_setup.h"
 #include "daemon/corvane_admin.h"
 #include "daemon/corvane_daemon.h"
 #include "daemon/protocols.h"
@@ -30,23 +31,6 @@ using plist::Ref;
 using testing::TestPlatform;
 
 namespace {
-
-/// A listener with room for everything, which counts what is held for the client.
-struct Owner final : ConnectionOwner {
-  void connection_was_active(LocalConnection&) override {}
-  void connection_has_deadline() override {}
-  void connection_closed(LocalConnection&, const char*) override { closed = true; }
-  void output_grew(size_t bytes) override { held += bytes; }
-  void output_shrank(size_t bytes) override {
-    ENSURE(bytes <= held);
-    held -= bytes;
-  }
-  bool takes_requests() const override { return true; }
-  bool needs_room() const override { return false; }
-
-  bool closed = false;
-  size_t held = 0;
-};
 
 /// The client's end: sends what it is told, and keeps what comes back.
 class Client {
@@ -110,34 +94,32 @@ void expect_response(const wire::Frame& frame, std::string_view request) {
 void exchange(std::string_view stream, bool admin, size_t chunk) {
   static CorvaneDaemon daemon;
   static CorvaneAdmin administrator;
-  RequestQueue queue;
-  LocalConnection::Socket ours(queue.context());
-  LocalConnection::Socket theirs(queue.context());
+  asio::io_context context;
+  LocalConnection::Socket ours(context);
+  LocalConnection::Socket theirs(context);
   asio::local::connect_pair(ours, theirs);
+  ours.non_blocking(true);
   Client client(std::move(theirs));
-  Owner owner;
   const uint32_t limit = admin ? wire::admin_request_limit : wire::public_request_limit;
-  {
-    const auto connection = std::make_shared<LocalConnection>(std::move(ours), queue, limit, owner);
-    connection->set_exported_interface(admin ? corvane_admin_protocol() : corvane_protocol());
-    connection->set_exported_object(admin ? static_cast<ExportedObject&>(administrator) : daemon);
-    connection->set_delivery_queue(queue);
-    connection->resume();
-    const auto turn = [&] {
-      queue.context().restart();
-      const bool worked = queue.context().poll() > 0;
-      return client.receive() || worked;
-    };
-    for (std::string_view rest = stream; !rest.empty() && !owner.closed;) {
-      rest.remove_prefix(client.send(rest.substr(0, chunk)));
-      while (turn()) {
-      }
+  LocalConnection connection(std::move(ours), limit);
+  set_up_connection(connection, admin ? corvane_admin_protocol() : corvane_protocol(),
+                    admin ? static_cast<ExportedObject&>(administrator) : daemon);
+  // As the listener does it.
+  const auto turn = [&] {
+    connection.receive();
+    while (connection.serve_next()) {
     }
-    client.end();
-    while (turn() || !owner.closed) {
-    }
+    connection.send();
+    return client.receive();
+  };
+  for (std::string_view rest = stream; !rest.empty() && !connection.is_finished();) {
+    rest.remove_prefix(client.send(rest.substr(0, chunk)));
+    turn();
   }
-  ENSURE(owner.held == 0);
+  client.end();
+  while (turn() || !connection.is_finished()) {
+  }
+  ENSURE(connection.pending_output() == 0);
   const std::vector<std::string_view> due = due_requests(stream, limit);
   ENSURE(client.responses.size() == due.size() && !client.inside_frame());
   for (size_t i = 0; i < due.size(); ++i) expect_response(client.responses[i], due[i]);

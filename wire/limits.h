@@ -4,7 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
-/// Every bound that the daemon's service keeps, and the one its clients keep.
+/// The limits of the daemon's sockets, and the one on responses, which its clients keep too. Those of property
+/// lists stand in plist/, those of files beside what reads them.
 namespace corvane::wire {
 
 /// Request bodies.
@@ -13,23 +14,24 @@ inline constexpr uint32_t admin_request_limit = 64u << 20;
 /// Response bodies: what the daemon sends and a client accepts.
 inline constexpr uint32_t response_limit = 128u << 20;
 
-/// A request nests less deeply than a property list may, so that the answer which carries its values back
-/// can be read.
+/// A request nests less deeply than a property list may, so that a response that carries its values can be read.
 inline constexpr unsigned request_depth_limit = 120;
 
-/// While more output than this is unread the daemon reads nothing more from a connection.
+/// While a connection's pending output is more than this, the daemon reads nothing more from it.
 inline constexpr size_t unread_output_limit = 1u << 20;
-/// Once the answers that the clients of a socket have not read whole come to more than this, no request is
-/// answered there until they have come down to half of it.
+/// The budget for the pending output of all clients of a socket together. Once it is exceeded, no request is
+/// answered there until pending output has come down to half of it.
 inline constexpr size_t all_unread_output_limit = size_t{256} << 20;
 
-/// From a request's first byte to its last, and from one byte that a peer takes of its answer to the next.
-inline constexpr std::chrono::seconds patience{5};
-/// The latter while others wait for a peer to give room.
-inline constexpr std::chrono::milliseconds patience_in_need{250};
+/// A connection is closed when a request takes longer than this from its first byte to its last.
+inline constexpr std::chrono::seconds request_timeout{5};
+/// A connection is closed when its client takes no byte of its pending output for longer than this; the shorter
+/// one holds while pending output is over its budget.
+inline constexpr std::chrono::seconds write_timeout{5};
+inline constexpr std::chrono::milliseconds write_timeout_over_budget{250};
 
-/// The descriptors that the daemon has of its own: about 20 for as long as it runs, a newcomer at each socket,
-/// and what a request and a log line open.
+/// The descriptors that the daemon keeps for itself: about 20 for as long as it runs, one new connection at each
+/// socket, and what a request and a log line open.
 inline constexpr size_t own_descriptors = 32;
 inline constexpr size_t admin_connection_limit = 8;
 inline constexpr size_t subscriber_limit = 64;
@@ -40,8 +42,8 @@ struct ConnectionLimits {
   size_t public_connections;
 };
 
-/// How many a process that may have so many descriptors takes on. Public connections never get at what the
-/// others need.
+/// The limits of a process that may have so many descriptors. Public connections never take those that the others
+/// need.
 constexpr ConnectionLimits connection_limits(uint64_t descriptors) {
   constexpr uint64_t reserve = own_descriptors + admin_connection_limit;
   const uint64_t shared = descriptors > reserve + 2 ? descriptors - reserve : 2;
@@ -50,15 +52,15 @@ constexpr ConnectionLimits connection_limits(uint64_t descriptors) {
   return {subscribers, rest < public_connection_limit ? rest : public_connection_limit};
 }
 
-/// A connection is not closed for a newcomer before it was silent for this long, so that a crowd of
-/// newcomers cannot push out a client that is about to ask.
+/// A connection is not evicted for a new one before it has been idle for this long, so that a flood of connections
+/// cannot push out a client that is about to ask.
 inline constexpr std::chrono::milliseconds eviction_grace{50};
 
-/// While a subscriber to notifications has more than this unread it misses what is posted.
+/// While a subscriber has more than this pending, it misses what is posted.
 inline constexpr size_t unread_notifications_limit = 64 * 1024;
 
-/// How long the daemon waits before it tries again to bind a socket that could not be bound, and to accept
-/// after it ran out of descriptors.
+/// After this time the daemon tries again to bind a socket, and to accept a connection for which it had no
+/// descriptor.
 inline constexpr std::chrono::seconds bind_retry{5};
 inline constexpr std::chrono::milliseconds accept_retry{100};
 

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -49,30 +50,43 @@ wire::ConnectionLimits connection_limits() {
   return wire::connection_limits(descriptors.rlim_cur);
 }
 
-ListeningSocket::ListeningSocket(std::string path, mode_t mode, asio::io_context& context)
-    : path_(std::move(path)), mode_(mode), acceptor_(context), retry_timer_(context) {}
+ListeningSocket::ListeningSocket(std::string path, mode_t mode, asio::io_context& context, Handlers handlers)
+    : path_(std::move(path)),
+      mode_(mode),
+      handlers_(std::move(handlers)),
+      acceptor_(context),
+      retry_timer_(context) {}
 
-void ListeningSocket::open(std::shared_ptr<Host> host) {
-  host_ = std::move(host);
+ListeningSocket::~ListeningSocket() {
+  if (!acceptor_.is_open()) return;
+  try {
+    unlink(wire::SocketAddress(path_).path());
+  } catch (const std::bad_alloc&) {
+    // The next start replaces the socket file.
+  }
+}
+
+void ListeningSocket::open() {
+  opened_ = true;
   rearm();
 }
 
 void ListeningSocket::accept_next() {
-  wants_newcomer_ = true;
+  accepts_ = true;
   rearm();
 }
 
-// Waits and then accepts, in one step on this thread: a connection that an asynchronous accept had taken, and
-// not yet told of, would be unknown to `accept_waiting`.
+// Waits and then accepts, in one step on this thread: a connection that an asynchronous accept had taken, and not
+// yet told of, would be unknown to `accept_now`.
 void ListeningSocket::rearm() {
-  if (!host_ || waits_) return;
-  if (!acceptor_.is_open() && !listen()) return try_again_after(wire::bind_retry);
-  if (!wants_newcomer_) return;
-  acceptor_.async_wait(asio::socket_base::wait_read, [self = shared_from_this()](const std::error_code&) {
-    self->waits_ = false;
-    if (self->host_) self->accept_one();
+  if (!opened_ || pending_) return;
+  if (!acceptor_.is_open() && !listen()) return retry_after(wire::bind_retry);
+  if (!accepts_) return;
+  acceptor_.async_wait(asio::socket_base::wait_read, [this](const std::error_code&) {
+    pending_ = false;
+    accept_one();
   });
-  waits_ = true;
+  pending_ = true;
 }
 
 bool ListeningSocket::listen() {
@@ -83,22 +97,22 @@ bool ListeningSocket::listen() {
     socket.detach();
     acceptor_.non_blocking(true, error);
   }
-  if (error && error.value() != failure_) {
+  if (error && error.value() != bind_error_) {
     report("could not listen on %s: %s", path_.c_str(), std::strerror(error.value()));
   }
-  failure_ = error.value();
+  bind_error_ = error.value();
   return acceptor_.is_open();
 }
 
 void ListeningSocket::accept_one() {
   std::error_code error;
   if (std::optional<Socket> socket = accept(error)) {
-    wants_newcomer_ = false;
-    return host_->take_newcomer(std::move(*socket));
+    accepts_ = false;
+    return handlers_.accepted(std::move(*socket));
   }
   if (error == asio::error::would_block) return rearm();
-  if (error == asio::error::no_descriptors) host_->descriptors_ran_out();
-  try_again_after(wire::accept_retry);
+  if (error == asio::error::no_descriptors) handlers_.out_of_descriptors();
+  retry_after(wire::accept_retry);
 }
 
 std::optional<ListeningSocket::Socket> ListeningSocket::accept(std::error_code& error) {
@@ -110,26 +124,18 @@ std::optional<ListeningSocket::Socket> ListeningSocket::accept(std::error_code& 
   return socket;
 }
 
-std::optional<ListeningSocket::Socket> ListeningSocket::accept_waiting() {
+std::optional<ListeningSocket::Socket> ListeningSocket::accept_now() {
   std::error_code ignored;
   return accept(ignored);
 }
 
-void ListeningSocket::try_again_after(std::chrono::milliseconds delay) {
+void ListeningSocket::retry_after(std::chrono::milliseconds delay) {
   retry_timer_.expires_after(delay);
-  retry_timer_.async_wait([self = shared_from_this()](const std::error_code&) {
-    self->waits_ = false;
-    self->rearm();
+  retry_timer_.async_wait([this](const std::error_code&) {
+    pending_ = false;
+    rearm();
   });
-  waits_ = true;
-}
-
-void ListeningSocket::shut_down() {
-  host_ = nullptr;
-  if (acceptor_.is_open()) unlink(wire::SocketAddress(path_).path());
-  std::error_code ignored;
-  acceptor_.close(ignored);
-  retry_timer_.cancel();
+  pending_ = true;
 }
 
 }  // namespace corvane

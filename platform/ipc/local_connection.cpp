@@ -2,8 +2,8 @@
 
 #include <asio/error.hpp>
 
+#include <algorithm>
 #include <cassert>
-#include <new>
 #include <string_view>
 #include <utility>
 
@@ -13,123 +13,93 @@ namespace corvane {
 
 namespace {
 
-// One more than the patience is long, because the first tick may follow at once.
-constexpr int ticks(std::chrono::milliseconds patience) {
-  return static_cast<int>(patience / LocalConnection::tick_interval) + 1;
+// One more than the timeout is long, because the first tick may follow at once.
+constexpr int ticks(std::chrono::milliseconds timeout) {
+  return static_cast<int>(timeout / LocalConnection::tick_interval) + 1;
 }
-constexpr int patience_ticks = ticks(wire::patience);
-constexpr int patience_lost_in_need = patience_ticks - ticks(wire::patience_in_need);
+constexpr int request_ticks = ticks(wire::request_timeout);
+constexpr int write_ticks = ticks(wire::write_timeout);
+constexpr int write_ticks_over_budget = ticks(wire::write_timeout_over_budget);
+
+bool is_temporary(const std::error_code& error) {
+  return error == asio::error::would_block || error == asio::error::interrupted;
+}
 
 }  // namespace
 
-LocalConnection::LocalConnection(Socket socket, RequestQueue& queue, uint32_t request_limit,
-                                 ConnectionOwner& owner)
-    : silent_since(std::chrono::steady_clock::now()),
-      socket_(std::move(socket)),
-      queue_(queue),
-      owner_(owner),
-      reader_(request_limit) {}
+LocalConnection::LocalConnection(Socket socket, uint32_t request_limit)
+    : socket_(std::move(socket)), reader_(request_limit) {}
 
-void LocalConnection::set_delivery_queue([[maybe_unused]] WorkQueue& queue) {
-  assert(&queue == &queue_ && "connections live on the request queue");
-}
-
-void LocalConnection::resume() { serve(); }
-
-void LocalConnection::close(const char* reason) {
-  if (closed_) return;
-  closed_ = true;
+void LocalConnection::close() {
   std::error_code ignored;
   socket_.close(ignored);
-  owner_.output_shrank(unsent_ + sent_of_front_);
-  // Not with the connection, which what still waits for the socket keeps for a while.
   output_.clear();
-  owner_.connection_closed(*this, reason);
+  unsent_ = sent_of_front_ = 0;
+}
+
+bool LocalConnection::wants_input() const {
+  return resumed_ && input_open_ && unsent_ <= wire::unread_output_limit;
+}
+
+// The responses already due are still sent.
+void LocalConnection::stop_input(const char* fault) {
+  input_open_ = false;
+  fault_ = fault;
+}
+
+void LocalConnection::fail(const char* fault) {
+  failed_ = true;
+  fault_ = fault;
 }
 
 // ---- requests -----------------------------------------------------------------------------------------
 
-bool LocalConnection::takes_requests() const {
-  return input_open_ && unsent_ <= wire::unread_output_limit && owner_.takes_requests();
-}
-
-// The answers already due are still sent.
-void LocalConnection::take_no_more(const char* reason) {
-  input_open_ = false;
-  close_reason_ = reason;
-}
-
-void LocalConnection::read_more() {
-  if (reading_ || !takes_requests()) return;
+void LocalConnection::receive() {
   const std::span<char> buffer = reader_.prepare();
-  reading_ = true;
-  socket_.async_read_some(asio::buffer(buffer.data(), buffer.size()),
-                          [self = shared_from_this()](const std::error_code& error, size_t count) {
-                            self->reading_ = false;
-                            if (self->closed_) return;
-                            if (error) {
-                              self->take_no_more(nullptr);
-                            } else {
-                              self->reader_.commit(count);
-                            }
-                            self->serve();
-                          });
+  std::error_code error;
+  const size_t count = socket_.read_some(asio::buffer(buffer.data(), buffer.size()), error);
+  if (!error) return reader_.commit(count);
+  if (!is_temporary(error)) stop_input(nullptr);
 }
 
-void LocalConnection::serve() {
-  try {
-    serve_requests();
-    write_more();
-    settle();
-  } catch (const std::bad_alloc&) {
-    close("out of memory");
-  }
-}
-
-void LocalConnection::serve_requests() {
+bool LocalConnection::serve_next() {
+  if (!wants_input()) return false;
   wire::Frame request;
-  while (takes_requests()) {
-    switch (reader_.next(request)) {
-      case wire::FrameReader::Status::frame:
-        request_ticks_left_ = 0;
-        respond(request);
-        break;
-      case wire::FrameReader::Status::incomplete:
-        return;
-      case wire::FrameReader::Status::bad_header:
-        return take_no_more("it sent something other than a frame");
-      case wire::FrameReader::Status::too_long:
-        return take_no_more("it announced a request over the size limit");
-    }
+  switch (reader_.next(request)) {
+    case wire::FrameReader::Status::frame:
+      request_ticks_ = 0;
+      respond(request);
+      return true;
+    case wire::FrameReader::Status::incomplete:
+      return false;
+    case wire::FrameReader::Status::bad_header:
+      stop_input("it sent something other than a frame");
+      return false;
+    case wire::FrameReader::Status::too_long:
+      stop_input("it announced a request over the size limit");
+      return false;
   }
+  return false;
 }
 
 void LocalConnection::respond(const wire::Frame& request) {
+  assert(delivery_queue_->is_current() && "requests are delivered on the delivery queue");
   plist::ByteChain body;
   if (!interface_->deliver(*object_, Message{request.kind, request.body}, body)) return;
-  owner_.connection_was_active(*this);
-  const size_t size = wire::header_size + body.size();
   const auto length = static_cast<uint32_t>(body.size());
   output_.push_back({wire::encode_header({wire::raw_data_kind, length}), std::move(body)});
-  unsent_ += size;
-  owner_.output_grew(size);
+  unsent_ += output_.back().size();
 }
 
 // ---- responses ----------------------------------------------------------------------------------------
 
-void LocalConnection::write_more() {
-  if (waits_to_write_ || unsent_ == 0) return;
+bool LocalConnection::send() {
+  if (unsent_ == 0) return false;
   std::error_code error;
-  written(socket_.write_some(gather(), error));
-  if (error && error != asio::error::would_block && error != asio::error::interrupted) return close();
-  if (unsent_ == 0) return;
-  socket_.async_wait(Socket::wait_write, [self = shared_from_this()](const std::error_code& failed) {
-    self->waits_to_write_ = false;
-    if (self->closed_) return;
-    if (failed) return self->close();
-    self->serve();
-  });
-  waits_to_write_ = true;
+  const size_t count = socket_.write_some(gather(), error);
+  drop_sent(count);
+  if (error && !is_temporary(error)) fail(nullptr);
+  return count != 0;
 }
 
 LocalConnection::Buffers LocalConnection::gather() {
@@ -149,46 +119,37 @@ LocalConnection::Buffers LocalConnection::gather() {
   return {buffers_.data(), buffers_.data() + count};
 }
 
-void LocalConnection::written(size_t count) {
+void LocalConnection::drop_sent(size_t count) {
   if (count == 0) return;
-  owner_.connection_was_active(*this);
-  write_ticks_left_ = 0;
+  write_ticks_ = 0;
   unsent_ -= count;
   sent_of_front_ += count;
-  while (!output_.empty() && sent_of_front_ >= wire::header_size + output_.front().body.size()) {
-    const size_t size = wire::header_size + output_.front().body.size();
-    sent_of_front_ -= size;
+  while (!output_.empty() && sent_of_front_ >= output_.front().size()) {
+    sent_of_front_ -= output_.front().size();
     output_.pop_front();
-    owner_.output_shrank(size);
   }
 }
 
-// ---- between events -----------------------------------------------------------------------------------
+// ---- timeouts -----------------------------------------------------------------------------------------
 
-void LocalConnection::settle() {
-  if (closed_) return;
-  if (!input_open_ && unsent_ == 0) return close(close_reason_);
-
-  const bool waits_for_request = takes_requests() && reader_.inside_frame();
-  if (!waits_for_request) {
-    request_ticks_left_ = 0;
-  } else if (request_ticks_left_ == 0) {
-    request_ticks_left_ = patience_ticks;
+void LocalConnection::update_deadlines(bool over_budget) {
+  const bool awaits_request = wants_input() && !over_budget && reader_.inside_frame();
+  if (!awaits_request) {
+    request_ticks_ = 0;
+  } else if (request_ticks_ == 0) {
+    request_ticks_ = request_ticks;
   }
   if (unsent_ == 0) {
-    write_ticks_left_ = 0;
-  } else if (write_ticks_left_ == 0) {
-    write_ticks_left_ = patience_ticks;
+    write_ticks_ = 0;
+  } else if (write_ticks_ == 0) {
+    write_ticks_ = write_ticks;
   }
-  if (request_ticks_left_ != 0 || write_ticks_left_ != 0) owner_.connection_has_deadline();
-  read_more();
 }
 
-bool LocalConnection::tick() {
-  if (request_ticks_left_ > 0 && --request_ticks_left_ == 0) close("its request did not arrive whole in time");
-  const int patience_lost = owner_.needs_room() ? patience_lost_in_need : 0;
-  if (write_ticks_left_ > 0 && --write_ticks_left_ <= patience_lost) close("it did not read its answers");
-  return request_ticks_left_ > 0 || write_ticks_left_ > 0;
+void LocalConnection::tick(bool over_budget) {
+  if (request_ticks_ > 0 && --request_ticks_ == 0) fail("its request did not arrive whole in time");
+  const int last_tick = over_budget ? write_ticks - write_ticks_over_budget : 0;
+  if (write_ticks_ > 0 && --write_ticks_ <= last_tick) fail("it did not read its answers");
 }
 
 }  // namespace corvane

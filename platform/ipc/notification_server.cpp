@@ -3,23 +3,20 @@
 #include <asio/buffer.hpp>
 #include <asio/error.hpp>
 
-#include <list>
 #include <new>
 #include <optional>
 #include <poll.h>
 #include <utility>
 
-#include "platform/ipc/listening_socket.h"
-#include "platform/report.h"
 #include "wire/frame.h"
 #include "wire/limits.h"
 #include "wire/messages.h"
 
 namespace corvane {
 
-namespace {
-
 using Socket = ListeningSocket::Socket;
+
+namespace {
 
 std::string frame_of(const plist::Dictionary& message) {
   plist::ByteChain body;
@@ -30,147 +27,129 @@ std::string frame_of(const plist::Dictionary& message) {
   return frame;
 }
 
-/// One connection of a subscriber, who may say nothing to the daemon.
-class Subscriber : public std::enable_shared_from_this<Subscriber> {
+}  // namespace
+
+/// One subscriber's connection, on which it must not send anything.
+class NotificationServer::Subscriber : public std::enable_shared_from_this<Subscriber> {
  public:
   explicit Subscriber(Socket socket) : socket_(std::move(socket)) {}
 
-  /// Whether the connection is at its end. Closes it where only the other end was closed.
-  bool is_gone();
-  void watch_for_the_end();
+  /// Closes the connection once the subscriber has disconnected or sent something.
+  void watch_for_disconnect();
+  /// Whether the connection is closed, or the subscriber has disconnected.
+  bool is_disconnected();
   void send(const std::string& frame);
   void close();
 
  private:
-  void write_unsent();
+  void write_pending();
 
   Socket socket_;
   char unwanted_[1];
-  std::string unsent_;
+  std::string pending_;
   int64_t missed_ = 0;
-  bool waits_to_write_ = false;
+  bool awaits_writable_ = false;
 };
 
-// Whoever has only closed its sending side still listens.
-bool Subscriber::is_gone() {
+// End of file is no disconnect: a subscriber that has closed only its sending side still listens.
+bool NotificationServer::Subscriber::is_disconnected() {
   pollfd state{socket_.native_handle(), 0, 0};
   if (poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLERR)) != 0) close();
   return !socket_.is_open();
 }
 
-void Subscriber::watch_for_the_end() {
+void NotificationServer::Subscriber::watch_for_disconnect() {
   socket_.async_read_some(
       asio::buffer(unwanted_), [self = shared_from_this()](const std::error_code& error, size_t) {
-        if (self->is_gone()) return;
+        if (self->is_disconnected()) return;
         if (!error) return self->close();
-        self->socket_.async_wait(Socket::wait_error, [self](const std::error_code&) { self->is_gone(); });
+        self->socket_.async_wait(Socket::wait_error, [self](const std::error_code&) { self->is_disconnected(); });
       });
 }
 
-void Subscriber::send(const std::string& frame) {
-  if (unsent_.size() > wire::unread_notifications_limit) {
+void NotificationServer::Subscriber::send(const std::string& frame) {
+  if (pending_.size() > wire::unread_notifications_limit) {
     ++missed_;
     return;
   }
-  if (missed_ != 0) unsent_ += frame_of(*wire::make_missed(std::exchange(missed_, 0)));
-  unsent_ += frame;
-  write_unsent();
+  if (missed_ != 0) pending_ += frame_of(*wire::make_missed(std::exchange(missed_, 0)));
+  pending_ += frame;
+  write_pending();
 }
 
-void Subscriber::write_unsent() {
-  if (waits_to_write_) return;
+void NotificationServer::Subscriber::write_pending() {
+  if (awaits_writable_) return;
   std::error_code error;
-  unsent_.erase(0, socket_.write_some(asio::buffer(unsent_), error));
+  pending_.erase(0, socket_.write_some(asio::buffer(pending_), error));
   if (error && error != asio::error::would_block && error != asio::error::interrupted) return close();
-  if (unsent_.empty()) return;
+  if (pending_.empty()) return;
   socket_.async_wait(Socket::wait_write, [self = shared_from_this()](const std::error_code& failed) {
-    self->waits_to_write_ = false;
-    if (!failed && self->socket_.is_open()) self->write_unsent();
+    self->awaits_writable_ = false;
+    if (!failed && self->socket_.is_open()) self->write_pending();
   });
-  waits_to_write_ = true;
+  awaits_writable_ = true;
 }
 
-void Subscriber::close() {
+void NotificationServer::Subscriber::close() {
   std::error_code ignored;
   socket_.close(ignored);
 }
 
-}  // namespace
-
-/// The subscribers and the socket they come through. Request queue.
-class NotificationServer::Hub : public Host, public std::enable_shared_from_this<Hub> {
- public:
-  Hub(std::string path, RequestQueue& queue)
-      : listening_(std::make_shared<ListeningSocket>(std::move(path), 0666, queue.context())) {}
-
-  void open() { listening_->open(shared_from_this()); }
-  void rearm() { listening_->rearm(); }
-
-  void take_newcomer(Socket socket) override {
-    listening_->accept_next();
-    drop_those_gone();
-    add(std::move(socket));
-  }
-
-  void post(const plist::String& name) {
-    drop_those_gone();
-    // No more than there may be subscribers: who keeps connecting must not keep a post from returning.
-    for (size_t i = 0; i < limit_; ++i) {
-      std::optional<Socket> waiting = listening_->accept_waiting();
-      if (!waiting) break;
-      add(std::move(*waiting));
-    }
-    if (subscribers_.empty()) return;
-    const std::string frame = frame_of(*wire::make_notification(name));
-    for (const auto& subscriber : subscribers_) subscriber->send(frame);
-  }
-
-  void shut_down() {
-    listening_->shut_down();
-    for (const auto& subscriber : subscribers_) subscriber->close();
-    subscribers_.clear();
-  }
-
- private:
-  void add(Socket socket) {
-    if (subscribers_.size() >= limit_) return refused_report_("turned a subscriber away: there are %zu", limit_);
-    const auto subscriber = std::make_shared<Subscriber>(std::move(socket));
-    subscriber->watch_for_the_end();
-    subscribers_.push_back(subscriber);
-  }
-
-  void drop_those_gone() {
-    subscribers_.remove_if([](const auto& subscriber) { return subscriber->is_gone(); });
-  }
-
-  const std::shared_ptr<ListeningSocket> listening_;
-  const size_t limit_ = connection_limits().subscribers;
-  RateLimitedReport refused_report_;
-  std::list<std::shared_ptr<Subscriber>> subscribers_;
-};
-
 NotificationServer::NotificationServer(std::string path, RequestQueue& queue)
-    : queue_(queue), hub_(std::make_shared<Hub>(std::move(path), queue)) {
-  queue_.rearm_with([weak = std::weak_ptr(hub_)] {
-    if (const auto hub = weak.lock()) hub->rearm();
-  });
+    : queue_(queue),
+      listening_(std::move(path), 0666, queue.context(),
+                 {[this](Socket socket) {
+                    listening_.accept_next();
+                    drop_disconnected();
+                    add(std::move(socket));
+                  },
+                  [] {}}) {
+  queue_.rearm_with([this] { listening_.rearm(); });
 }
 
 NotificationServer::~NotificationServer() {
-  queue_.submit_and_wait([this] { hub_->shut_down(); });
+  queue_.stop();
+  for (const auto& subscriber : subscribers_) subscriber->close();
 }
 
 void NotificationServer::resume() {
-  queue_.submit([hub = hub_] { hub->open(); });
+  queue_.submit([this] { listening_.open(); });
 }
 
-// A notification for which memory runs out is lost to whoever had not got it yet.
 void NotificationServer::post(const plist::String& name) {
   try {
-    hub_->post(name);
+    send_to_all(name);
   } catch (const std::bad_alloc&) {
     report("out of memory: a notification was lost");
   }
+}
+
+void NotificationServer::send_to_all(const plist::String& name) {
+  drop_disconnected();
+  accept_backlog();
+  if (subscribers_.empty()) return;
+  const std::string frame = frame_of(*wire::make_notification(name));
+  for (const auto& subscriber : subscribers_) subscriber->send(frame);
+}
+
+// No more than there may be subscribers: a flood of connections must not keep a post from returning.
+void NotificationServer::accept_backlog() {
+  for (size_t i = 0; i < limit_; ++i) {
+    std::optional<Socket> waiting = listening_.accept_now();
+    if (!waiting) break;
+    add(std::move(*waiting));
+  }
+}
+
+void NotificationServer::add(Socket socket) {
+  if (subscribers_.size() >= limit_) return refused_report_("refused a subscriber: there are %zu", limit_);
+  const auto subscriber = std::make_shared<Subscriber>(std::move(socket));
+  subscriber->watch_for_disconnect();
+  subscribers_.push_back(subscriber);
+}
+
+void NotificationServer::drop_disconnected() {
+  subscribers_.remove_if([](const auto& subscriber) { return subscriber->is_disconnected(); });
 }
 
 }  // namespace corvane

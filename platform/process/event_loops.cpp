@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <future>
 #include <new>
 #include <pthread.h>
 #include <utility>
@@ -17,8 +16,8 @@ namespace {
 
 constexpr std::chrono::milliseconds memory_retry{100};
 
-// Work for which memory runs out is lost, and with it perhaps what was to wait for the next event. After a pause
-// in which the others may give memory back, `rearm` waits for it again.
+// Work for which memory runs out is dropped, and with it perhaps the wait for the next event. After a pause, in
+// which other work may have freed memory, `rearm` starts that wait again.
 template <class Rearm>
 void run_until_stopped(asio::io_context& context, Rearm rearm) {
   RateLimitedReport dropped;
@@ -61,20 +60,20 @@ void MainLoop::watch(int descriptor, std::function<void()> readable) {
 }
 
 void MainLoop::wait_for(Watch& watch) {
-  if (watch.waits) return;
+  if (watch.pending) return;
   watch.descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
                               [this, &watch](const std::error_code& error) {
-                                watch.waits = false;
+                                watch.pending = false;
                                 if (error) return;
                                 watch.readable();
                                 wait_for(watch);
                               });
-  watch.waits = true;
+  watch.pending = true;
 }
 
 void MainLoop::submit(std::function<void()> work) { asio::post(context_, std::move(work)); }
 
-RequestQueue::~RequestQueue() {
+void RequestQueue::stop() {
   context_.stop();
   if (thread_.joinable()) thread_.join();
 }
@@ -82,19 +81,6 @@ RequestQueue::~RequestQueue() {
 void RequestQueue::submit(std::function<void()> work) {
   if (!work_guard_) return work();
   asio::post(context_, std::move(work));
-}
-
-void RequestQueue::submit_and_wait(const std::function<void()>& work) {
-  std::promise<void> done;
-  submit([&] {
-    try {
-      work();
-    } catch (const std::bad_alloc&) {
-      report("out of memory: a piece of work was dropped");
-    }
-    done.set_value();
-  });
-  done.get_future().wait();
 }
 
 void RequestQueue::create(const char* label) {

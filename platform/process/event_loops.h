@@ -31,7 +31,7 @@ class MainLoop final : public RunLoop, public WorkQueue {
   struct Watch {
     asio::posix::stream_descriptor descriptor;
     std::function<void()> readable;
-    bool waits = false;
+    bool pending = false;
   };
   void wait_for(Watch& watch);
 
@@ -44,20 +44,19 @@ class MainLoop final : public RunLoop, public WorkQueue {
 class RequestQueue final : public WorkQueue {
  public:
   RequestQueue() = default;
-  /// Ends the thread after the work that is running; work that still waits is dropped.
-  ~RequestQueue() override;
+  ~RequestQueue() override { stop(); }
 
   void submit(std::function<void()> work) override;
   bool is_current() const override { return std::this_thread::get_id() == owner_; }
   void create(const char* label) override;
 
-  /// `rearm` is called some time after memory has run out on the queue, again and again until it does not throw:
-  /// it waits anew for what the queue is to go on waiting for, and does nothing where that goes on. Before
-  /// `create`.
+  /// `rearm` is called after memory has run out on the queue, and again until it does not throw std::bad_alloc. It
+  /// must start the waits that were lost, and leave alone those that go on. Before `create`.
   void rearm_with(std::function<void()> rearm) { rearms_.push_back(std::move(rearm)); }
 
-  /// `submit`, and waits until the work is done. Not from the queue itself.
-  void submit_and_wait(const std::function<void()>& work);
+  /// Ends the thread after the work that is running. Nothing runs on the queue any more. Not from the queue
+  /// itself.
+  void stop();
 
   /// Where sockets and timers that belong to the queue live.
   asio::io_context& context() { return context_; }

@@ -16,7 +16,7 @@ SystemPlatform::SystemPlatform(const Environment& environment, std::unique_ptr<D
       notifications_(wire::socket_path(root_, wire::notification_service), request_queue_) {}
 
 std::unique_ptr<IpcListener> SystemPlatform::create_listener(std::string_view service_name, IpcAccess access) {
-  return create_local_listener(wire::socket_path(root_, service_name), access, request_queue_);
+  return std::make_unique<LocalListener>(wire::socket_path(root_, service_name), access, request_queue_);
 }
 
 }  // namespace corvane
