@@ -6,7 +6,9 @@
 #include "daemon/request.h"
 #include "daemon/response.h"
 #include "plist/describe.h"
+#include "plist/reader.h"
 #include "tests/support/test_platform.h"
+#include "wire/limits.h"
 
 namespace corvane {
 namespace {
@@ -68,6 +70,38 @@ TEST(Response, AnswersARequestThatRunsOutOfMemory) {
   const std::string_view body = "<plist><dict><key>Request</key><string>r</string></dict></plist>";
   ASSERT_TRUE(table.deliver(object, {Message::raw_data, plist::Data::create(body)}, response));
   EXPECT_NE(response.pieces().front().find("No error description, use the force"), std::string::npos);
+}
+
+TEST(Response, LeavesOutAReplyThatNoResponseCanCarry) {
+  TestPlatform& platform = TestPlatform::fresh();
+  // As deep as a file may be, which makes the response one level deeper than that.
+  static const MethodTable table{
+      {"deep",
+       [](ExportedObject&, const plist::Dictionary&, const CompletionBlock& completion) {
+         plist::Ref<plist::Value> nest = plist::MutableDictionary::create();
+         for (unsigned depth = 1; depth < plist::max_depth; ++depth) {
+           auto outer = plist::MutableDictionary::create();
+           outer->set("inner", nest);
+           nest = outer;
+         }
+         completion(plist::cast<plist::Dictionary>(nest.get()), nullptr);
+       }},
+      {"long", [](ExportedObject&, const plist::Dictionary&, const CompletionBlock& completion) {
+         const auto reply = plist::MutableDictionary::create();
+         reply->set("image", plist::MutableData::create(wire::response_limit));
+         completion(reply.get(), nullptr);
+       }}};
+  for (const std::string selector : {"deep", "long"}) {
+    SCOPED_TRACE(selector);
+    CorvaneDaemon object;
+    plist::ByteChain response;
+    const std::string request = "<plist><dict><key>Request</key><string>" + selector + "</string></dict></plist>";
+    ASSERT_TRUE(table.deliver(object, {Message::raw_data, plist::Data::create(request)}, response));
+    const auto body = plist::Data::create(response.pieces().front());
+    EXPECT_EQ(plist::describe(plist::decode(body, plist::Containers::immutable).value.get()),
+              "{\"Request\": \"" + selector + "\"}");
+    EXPECT_TRUE(platform.take_texts().at(0).starts_with("encode: could not send a reply: "));
+  }
 }
 
 TEST(CorvaneDaemon, KnowsTrueByItsIdentityAndBearsALackingCallback) {

@@ -17,7 +17,7 @@ void set_error(plist::MutableDictionary& response, const char* reason, const Err
   set_response_error(reason, response, error.user_info->get(wire::error_description_key));
 }
 
-// Not with `create_response`, which ends the process where memory is out.
+// Not with `create_response`, which ends the process when memory is out.
 void encode_failure(const Ref<plist::String>& selector, plist::ByteChain& out) {
   out = plist::ByteChain();
   Ref<plist::MutableDictionary> failure = plist::MutableDictionary::create();
@@ -26,12 +26,15 @@ void encode_failure(const Ref<plist::String>& selector, plist::ByteChain& out) {
   plist::encode_binary(*failure, out);
 }
 
-void encode(const plist::Dictionary& response, const Ref<plist::String>& selector, plist::ByteChain& out) {
+// A reply that no response can carry counts as none: the copy methods never answer an error.
+void encode(plist::MutableDictionary& response, plist::ByteChain& out) {
   const Ref<plist::String> fault = plist::encode_binary(response, out);
   if (!fault && out.size() <= wire::response_limit) return;
 
-  cv_log("encode", 0, "could not send a response: %@", fault ? fault : plist::String::create("it is too long"));
-  encode_failure(selector, out);
+  cv_log("encode", 0, "could not send a reply: %@", fault ? fault : plist::String::create("it is too long"));
+  out = plist::ByteChain();
+  response.remove(wire::reply_key);
+  plist::encode_binary(response, out);
 }
 
 }  // namespace
@@ -40,9 +43,9 @@ bool MethodTable::deliver(ExportedObject& object, const Message& message, plist:
   if (message.kind != Message::raw_data) return false;
   Ref<plist::String> selector = plist::String::create("");
   try {
-    encode(*answer(object, message, selector), selector, response);
+    encode(*answer(object, message, selector), response);
   } catch (const std::bad_alloc&) {
-    // What the request took has been given back by now.
+    // The memory that the request took is free again by now.
     cv_log("deliver", 0, "out of memory");
     encode_failure(selector, response);
   }

@@ -10,10 +10,11 @@
 
 namespace corvane {
 
-/// An exported interface as a table of methods. A message becomes a request, the request finds its method,
-/// and what the method's completion block is given becomes the response; requests that cannot be read, name
-/// no method or lack an argument are answered with the error "Unexpeceted parameter", and one that memory runs
-/// out for with "operation failed". Where that finds no memory either, `deliver` throws std::bad_alloc.
+/// An exported interface as a table of methods. `deliver` reads the request, calls the method that it names, and
+/// makes the response from what the method gives its completion block. A request that cannot be read, names no
+/// method or lacks an argument is answered with error code 1; one for which memory runs out with code 2. A reply
+/// that nests too deeply or is too long for a response is logged and left out. `deliver` throws std::bad_alloc
+/// when there is no memory for an error response either.
 class MethodTable final : public ExportedInterface {
  public:
   struct Method {
