@@ -7,18 +7,17 @@
 
 namespace corvane {
 
-/// What the daemon's own user may ask for besides: the delegate of the admin listener and the object that
-/// its connections export. Runs on the request queue.
+/// The admin listener's delegate, and the object that its connections export: the methods that only the daemon's
+/// own user may call. Request queue.
 class CorvaneAdmin final : public IpcListenerDelegate, public ExportedObject {
  public:
   bool listener_shouldAcceptNewConnection(IpcListener& listener, IpcConnection& connection) override;
 
-  /// Replaces the stored regulatory images. Answers no dictionary, and an error where they could not be
-  /// stored.
+  /// Replaces the stored regulatory images. Answers no dictionary; error code 2 where they could not be stored.
   void storeRegulatoryImages_withCompletionBlock(plist::Value& images, const CompletionBlock& completion);
 
-  /// Answers the entitlements of a running process, or no dictionary where there are none or the log says why
-  /// not. Never an error.
+  /// Answers the entitlements of a running process. No dictionary where it has none, and where they cannot be
+  /// read, which is logged. Never an error.
   void copyEntitlementsForPID_withCompletionBlock(int32_t pid, const CompletionBlock& completion);
 };
 

@@ -6,14 +6,14 @@
 
 namespace corvane {
 
-/// What a reply callback is given when a request failed.
+/// The error that a reply callback is given for a request that failed.
 struct ErrorObject {
   plist::Ref<plist::String> domain;
   int32_t code;
   plist::Ref<plist::Dictionary> user_info;  ///< {"ErrorDescription": text}
 };
 
-/// The daemon's error domain, its codes and their texts, which clients see and which stay letter for letter.
+/// The daemon's error domain, its codes and their texts. Clients see the texts: they stay letter for letter.
 class CorvaneError {
  public:
   static constexpr const char* domain = "com.norvane.corvaned.error";

@@ -5,8 +5,8 @@
 #include "plist/value.h"
 #include "plist/writer.h"
 
-/// Named local services: a listener with a delegate, and for each connection an exported interface, an
-/// exported object and a delivery queue.
+/// Named local services: a listener has a delegate, and each connection an exported interface, an exported object
+/// and a delivery queue.
 namespace corvane {
 
 class WorkQueue;
@@ -30,13 +30,12 @@ class ExportedInterface {
  public:
   virtual ~ExportedInterface() = default;
 
-  /// Calls the method that a message asks for and appends the response's body to `response`, which is
-  /// empty. False: this message gets no response. Runs on the connection's delivery queue.
+  /// Calls the method that a message asks for and appends the response's body to `response`, which is empty. False
+  /// where the message gets no response. Runs on the connection's delivery queue. Throws std::bad_alloc.
   virtual bool deliver(ExportedObject& object, const Message& message, plist::ByteChain& response) const = 0;
 };
 
-/// A client's connection, seen by the delegate that may set it up. Nothing is read from it before it is
-/// resumed.
+/// A client's connection, as the delegate that sets it up sees it. Nothing is read from it before it is resumed.
 class IpcConnection {
  public:
   virtual ~IpcConnection() = default;
@@ -66,13 +65,13 @@ enum class IpcAccess {
 
 class IpcListener {
  public:
-  /// Takes the service's name away and closes its connections, after the request that is running.
+  /// Unregisters the service and closes its connections, after the request that is running.
   virtual ~IpcListener() = default;
 
   /// The delegate must outlive the listener.
   virtual void set_delegate(IpcListenerDelegate& delegate) = 0;
-  /// From now on clients can connect. A name that cannot be registered is reported, and tried again every
-  /// few seconds.
+  /// From now on clients can connect. A name that cannot be registered is reported and tried again every few
+  /// seconds.
   virtual void resume() = 0;
 };
 

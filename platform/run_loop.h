@@ -4,20 +4,21 @@
 
 namespace corvane {
 
-/// Work that runs in the order given, one piece at a time, on one thread.
+/// Work that runs on one thread, one piece at a time, in the order in which it was submitted.
 class WorkQueue {
  public:
   virtual ~WorkQueue() = default;
 
-  /// Any thread. Never waits for the work, but for the request queue before it is created: start-up runs
-  /// on one thread, and the work is done before this returns.
+  /// Any thread. Returns at once; the work runs later. Before `create` the request queue does the work before this
+  /// returns, because start-up runs on one thread.
   virtual void submit(std::function<void()> work) = 0;
 
-  /// Whether the calling thread is the one that the queue's work runs on; before the request queue is created,
-  /// the one that starts the daemon.
+  /// Whether the queue's work runs on the calling thread. Before `create` the request queue's thread is the one
+  /// that starts the daemon.
   virtual bool is_current() const = 0;
 
-  /// Gives the queue its thread, named `label`. Once, on the main thread; the main queue needs none.
+  /// Starts the queue's thread, named `label`. Main thread, once. The main queue has its thread already. Throws
+  /// std::system_error where there can be no thread.
   virtual void create(const char* label) = 0;
 };
 
@@ -29,9 +30,9 @@ class RunLoop {
   /// Runs until the process is asked to end (SIGTERM, SIGINT). Main thread.
   virtual void run() = 0;
 
-  /// Takes over the descriptor and calls `readable` on the loop whenever it has something to read, for the
-  /// life of the loop. Main thread. Throws std::system_error, and leaves the descriptor to the caller, where the
-  /// system refuses.
+  /// Owns the descriptor from now on, and calls `readable` on the loop whenever there is something to read, for
+  /// the life of the loop. Main thread. Throws std::system_error where the system refuses; the descriptor is still
+  /// the caller's then.
   virtual void watch(int descriptor, std::function<void()> readable) = 0;
 };
 

@@ -16,8 +16,9 @@ struct Frame {
   plist::Ref<plist::Data> body;
 };
 
-/// Cuts a stream of bytes into frames. A body's buffer follows what has come of it, at most twice its size
-/// ahead, so a header alone costs the reader nothing. Throws std::bad_alloc where memory is out.
+/// Cuts a stream of bytes into frames. The buffer for a body grows with the bytes that have come: it is never
+/// larger than 64 KiB or twice their number, whatever length the header announces. Throws std::bad_alloc where
+/// memory is out.
 class FrameReader {
  public:
   enum class Status {

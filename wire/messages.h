@@ -6,8 +6,8 @@
 
 #include "plist/value.h"
 
-/// The shapes of request and response: dictionaries that travel as the bodies of raw-data frames. Both ends
-/// build and read them here.
+/// Requests, responses and notifications: dictionaries that are sent as the bodies of raw-data frames. The daemon
+/// and its clients build and read them here.
 namespace corvane::wire {
 
 /// The services' socket names and selectors.
@@ -39,7 +39,7 @@ plist::Ref<plist::MutableDictionary> make_request(std::string_view selector);
 /// The selector that a request asks for, borrowed; null when it is missing or not a string.
 plist::String* request_selector(const plist::Dictionary& request);
 
-/// An error object as it travels.
+/// An error object as it is sent.
 plist::Ref<plist::Dictionary> make_error_object(plist::Ref<plist::String> domain, int32_t code,
                                                 plist::Ref<plist::Dictionary> user_info);
 
@@ -55,7 +55,7 @@ struct Response {
 /// False where the dictionary is no response.
 bool read_response(const plist::Dictionary& dictionary, Response& response);
 
-/// What a subscriber is sent: a notification, or how many it has missed before the next one.
+/// The two messages that a subscriber is sent: a notification, and how many it has missed before the next one.
 plist::Ref<plist::Dictionary> make_notification(const plist::String& name);
 plist::Ref<plist::Dictionary> make_missed(int64_t count);
 

@@ -10,8 +10,9 @@ namespace corvane::wire {
 /// Where the socket of a service lies below `root`.
 std::string socket_path(std::string_view root, std::string_view service_name);
 
-/// The address of a local socket at any path. A path longer than sun_path takes is reached as
-/// /proc/self/fd/<its folder, held open>/<name>, so the address is good for as long as the object lives.
+/// The address of a local socket at any path. A path that is too long for sun_path is written as
+/// /proc/self/fd/<descriptor of its folder>/<name>; the descriptor, and so the address, lives as long as the
+/// object.
 class SocketAddress {
  public:
   explicit SocketAddress(const std::string& path);
