@@ -8,9 +8,14 @@
 
 namespace corvane::plist {
 
+namespace {
+
+// Made at program start, because there is no memory left for it when it is needed.
+const Ref<String> out_of_memory = String::create("out of memory");
+
+}  // namespace
+
 Decoded decode(const Ref<Data>& bytes, Containers containers, unsigned depth_limit) {
-  // Made while there is memory.
-  static const Ref<String> out_of_memory = String::create("out of memory");
   const Encoding encoding = bytes->bytes().starts_with("bplist") ? Encoding::binary : Encoding::xml;
   depth_limit = std::min(depth_limit, max_depth);
   try {
