@@ -1,5 +1,6 @@
 #include "state/plist_file.h"
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
@@ -17,13 +18,29 @@ namespace {
 
 constexpr off_t too_big = off_t{1} << 32;
 
-// In one piece, because it is written with one call.
+// Into one piece, because it is written with one call.
 bool encode(const plist::Value& value, plist::ByteChain& bytes) {
   try {
     return !plist::encode_binary(value, bytes, SIZE_MAX);
   } catch (const std::bad_alloc&) {
     return false;
   }
+}
+
+// A short count is no error to the system, which leaves errno as it was. These set the reason.
+
+bool write_in_one_call(int descriptor, std::string_view bytes) {
+  const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
+  if (written == static_cast<ssize_t>(bytes.size())) return true;
+  if (written >= 0) errno = ENOSPC;
+  return false;
+}
+
+bool read_in_one_call(int descriptor, char* bytes, size_t size) {
+  const ssize_t count = ::read(descriptor, bytes, size);
+  if (count == static_cast<ssize_t>(size)) return true;
+  if (count >= 0) errno = EIO;
+  return false;
 }
 
 int write_file(const char* path, std::string_view bytes) {
@@ -33,7 +50,7 @@ int write_file(const char* path, std::string_view bytes) {
     log_path_and_parent(path);
     return -1;
   }
-  if (::write(file.number(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+  if (!write_in_one_call(file.number(), bytes)) {
     cv_log("store_dict", 0, "Could not write to %s: %s", path, std::strerror(errno));
     log_path_and_parent(path);
     return -1;
@@ -47,7 +64,7 @@ plist::Ref<plist::Data> read_file(const char* path, int descriptor, size_t size)
     cv_log("_load_dict", 0, "Could not allocate buffer");
     return nullptr;
   }
-  if (::read(descriptor, buffer->mutable_bytes(), size) != static_cast<ssize_t>(size)) {
+  if (!read_in_one_call(descriptor, buffer->mutable_bytes(), size)) {
     cv_log("_load_dict", 0, "Could not read %s: %s", path, std::strerror(errno));
     return nullptr;
   }

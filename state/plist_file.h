@@ -2,20 +2,24 @@
 
 #include "plist/value.h"
 
-/// Whole property-list files. Paths as `_safe_open` wants them: absolute and fully resolved. Failures are
-/// logged, those of opening with owner and mode of the path and its parent. Any thread.
+/// Whole property-list files. Paths must be absolute and fully resolved, as for `_safe_open`. Failures are logged;
+/// a failure to open or to write also logs owner and mode of the path and its parent. Any thread. Never throws.
 namespace corvane {
 
-/// Writes the value, in practice a dictionary, as a binary property list. A new file gets mode 0644, one that
-/// is there is truncated and keeps its mode. 0, or -1: then errno is as the failing call set it, and the
-/// file is untouched if it could not be opened, partly written if it could.
+/// Writes the value, in practice a dictionary, as a binary property list. A new file gets mode 0644; an existing
+/// one is truncated and keeps its mode.
 ///
-/// The file is written in place and not flushed: for an atomic replacement write another name and rename it.
+/// 0, or -1. A value that cannot be encoded and a file that cannot be opened leave the file untouched; a failed
+/// write leaves it partly written. After a failure to open or to write errno is as `_safe_open` or the system set
+/// it, and ENOSPC for a short write.
+///
+/// The file is written in place and not flushed. For an atomic replacement write another name and rename it.
 int store_dict(const char* path, const plist::Value& value);
 
-/// Reads the one property list, binary or XML, that a file holds: an owned value of whatever kind, or null.
-/// With `immutable` clear its containers, but not its strings and data, are mutable. Large data values share
-/// the one buffer that the file was read into.
+/// Reads the one property list, binary or XML, in a file: an owned value of any kind, or null. With `immutable`
+/// clear its containers are mutable; its strings and data are not. Large data values share the one buffer that the
+/// file was read into. After a failure to open or to read errno is as `_safe_open` or the system set it, and EIO
+/// for a short read.
 ///
 /// A file of 2^32 bytes or more gives null and leaves its descriptor open.
 plist::Ref<plist::Value> _load_dict(const char* path, bool immutable);

@@ -1,10 +1,11 @@
-// What a path leads to can change at any moment, so nothing is checked before it is open: every check asks
-// about the descriptor. That makes opening itself the one step that meets whatever was planted, and why it
-// must not follow links, wait, or acquire a terminal.
+// What a path leads to can change at any moment. So the object is opened first, and every check asks about the
+// descriptor. Opening may thus meet any object that was planted at the path: it must not follow a link, wait for
+// the other end of a FIFO, or acquire a controlling terminal.
 
 #include "state/safe_file.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -20,7 +21,7 @@ namespace corvane {
 namespace {
 
 constexpr int protection_class = 4;
-constexpr int never_wait_flags = O_NONBLOCK | O_NOCTTY;
+constexpr int nonblocking_flags = O_NONBLOCK | O_NOCTTY;
 
 constexpr const char* bundle_directories[] = {
     "/private/var/mobile/Library/Carrier Bundle.bundle/",
@@ -28,10 +29,15 @@ constexpr const char* bundle_directories[] = {
     "/System/Library/Carrier Bundles/Plover/",
 };
 
-// Whoever opens a device or a FIFO reads it as if it had been opened plainly.
+// Opening must not wait, but whoever reads a device or a FIFO expects to wait for data.
 void restore_blocking(int descriptor, int asked_flags, mode_t type) {
   if (type == S_IFREG || type == S_IFDIR || (asked_flags & O_NONBLOCK) != 0) return;
   fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) & ~O_NONBLOCK);
+}
+
+int error_of_type(mode_t type, mode_t expected_type) {
+  if (expected_type == S_IFDIR) return ENOTDIR;
+  return type == S_IFDIR ? EISDIR : EINVAL;
 }
 
 bool is_below(const char* resolved, const char* directory, size_t compare_limit) {
@@ -39,14 +45,14 @@ bool is_below(const char* resolved, const char* directory, size_t compare_limit)
   return std::strncmp(resolved, prefix.c_str(), std::min(prefix.size(), compare_limit)) == 0;
 }
 
-// The length of a path without its trailing slashes; the first character always stays.
+// The length of a path without its trailing slashes. The first character is always counted.
 size_t length_without_slashes(const char* path) {
   size_t length = std::strlen(path);
   while (length > 1 && path[length - 1] == '/') --length;
   return length;
 }
 
-// Where the last component of the path's first `length` bytes begins.
+// The position at which the last component of the path's first `length` bytes begins.
 size_t start_of_last(const char* path, size_t length) {
   while (length > 0 && path[length - 1] != '/') --length;
   return length;
@@ -55,7 +61,7 @@ size_t start_of_last(const char* path, size_t length) {
 }  // namespace
 
 int _safe_open(const char* path, int flags, mode_t mode, mode_t expected_type) {
-  Descriptor file(platform().files().open(path, flags | O_NOFOLLOW | never_wait_flags, mode, protection_class));
+  Descriptor file(platform().files().open(path, flags | O_NOFOLLOW | nonblocking_flags, mode, protection_class));
   if (!file.is_open()) {
     cv_log("_safe_open", 1, "open(%s) failed: %s", path, std::strerror(errno));
     return -1;
@@ -67,6 +73,7 @@ int _safe_open(const char* path, int flags, mode_t mode, mode_t expected_type) {
   }
   if (std::strcmp(path, actual_path) != 0) {
     cv_log("_safe_open", 1, "path %s was actually %s, something fishy is going on", path, actual_path);
+    errno = ELOOP;
     return -1;
   }
   struct stat status;
@@ -78,6 +85,7 @@ int _safe_open(const char* path, int flags, mode_t mode, mode_t expected_type) {
   if (type != expected_type) {
     cv_log("_safe_open", 1, "%s type is %d, not %d", path, static_cast<int>(type),
            static_cast<int>(expected_type));
+    errno = error_of_type(type, expected_type);
     return -1;
   }
   restore_blocking(file.number(), flags, type);
@@ -103,7 +111,7 @@ int safe_create(const char* path, int flags, mode_t mode, mode_t expected_type) 
 }
 
 int safe_bundle(const char* path, char* destination, size_t size) {
-  const Descriptor file(::open(path, O_RDONLY | O_CLOEXEC | never_wait_flags));
+  const Descriptor file(::open(path, O_RDONLY | O_CLOEXEC | nonblocking_flags));
   if (!file.is_open()) {
     cv_log("safe_bundle", 0, "safe_bundle(%s) failed: %s", path, std::strerror(errno));
     return -1;
