@@ -23,7 +23,7 @@ struct Free {
 };
 using ResolvedPath = std::unique_ptr<char, Free>;
 
-// Null where the path leads nowhere.
+// Null where the path cannot be resolved.
 ResolvedPath resolve(const char* path) { return ResolvedPath(realpath(path, nullptr)); }
 
 ResolvedPath resolve_ignored(const char* ignore_path) {
@@ -68,6 +68,7 @@ bool remove_directory(const char* path) {
   return false;
 }
 
+// False for a failure, which ends the work. What cannot be deleted anyway is passed over.
 bool remove_entry(const FTSENT& entry, int flags, const char* kept) {
   switch (entry.fts_info) {
     case FTS_F:
@@ -82,6 +83,19 @@ bool remove_entry(const FTSENT& entry, int flags, const char* kept) {
   }
 }
 
+// What could not be opened or looked at was not deleted, unless it has vanished meanwhile.
+bool is_left(const FTSENT& entry) {
+  switch (entry.fts_info) {
+    case FTS_DNR:
+    case FTS_NS:
+    case FTS_ERR:
+    case FTS_DC:
+      return entry.fts_errno != ENOENT;
+    default:
+      return false;
+  }
+}
+
 }  // namespace
 
 int empty_directory_ignoring_path(const char* root, int flags, const char* ignore_path) {
@@ -91,12 +105,15 @@ int empty_directory_ignoring_path(const char* root, int flags, const char* ignor
   FTS* walk = open_walk(emptying, root_path);
   if (walk == nullptr) return 1;
 
-  bool done = true;
+  bool stopped = false, all_deleted = true;
   FTSENT* entry = fts_read(walk);
-  for (; entry != nullptr && done; entry = fts_read(walk)) done = remove_entry(*entry, flags, kept.get());
-  // A walk that came to its end leaves 0 in errno, one that broke off the reason.
-  if (entry == nullptr && errno != 0) done = false;
-  return close_walk(emptying, walk) && done ? 0 : 1;
+  for (; entry != nullptr && !stopped; entry = fts_read(walk)) {
+    stopped = !remove_entry(*entry, flags, kept.get());
+    if (stopped || is_left(*entry)) all_deleted = false;
+  }
+  // At its end a walk sets errno to 0; where it breaks off, to the reason.
+  if (entry == nullptr && errno != 0) all_deleted = false;
+  return close_walk(emptying, walk) && all_deleted ? 0 : 1;
 }
 
 int empty_directory(const char* root) { return empty_directory_ignoring_path(root, 0, nullptr); }
