@@ -1,3 +1,7 @@
+// Every operation composes its key and looks it up in hash tables: one for the values, one for the attributes, and
+// one for each kind of watch. Tables, values and counts are changed in an order that leaves the ark consistent
+// where an allocation fails.
+
 #include "state/data_ark.h"
 
 #include <algorithm>
@@ -22,8 +26,8 @@ using plist::String;
 
 namespace {
 
-// A change of an entry with one of these does not count as unsaved.
-constexpr uint16_t clean_attributes = transient_attributes | attribute_bit(ARK_CHANGE_CLEAN);
+// A change of an entry with one of these is not counted as unsaved.
+constexpr uint16_t uncounted_attributes = transient_attributes | attribute_bit(ARK_CHANGE_UNCOUNTED);
 
 void compose(std::string& composed, const String* domain, const String* key) {
   composed.clear();
@@ -32,21 +36,21 @@ void compose(std::string& composed, const String* domain, const String* key) {
   if (key != nullptr) composed += key->view();
 }
 
-/// A composed key and its domain's own one. The text is valid until the next one is made: operations on the
-/// ark do not nest, and so share one buffer.
+/// A composed key and its domain's own key. All share one buffer, so that composing seldom allocates: a key is
+/// valid until the next one is composed. Operations on the ark do not nest.
 class ComposedKey {
  public:
   ComposedKey(const String* domain, const String* key)
-      : own_size_((domain == nullptr ? 0 : domain->view().size()) + 1) {
+      : domain_key_size_((domain == nullptr ? 0 : domain->view().size()) + 1) {
     compose(text_, domain, key);
   }
 
   std::string_view full() const { return text_; }
-  std::string_view domain_key() const { return full().substr(0, own_size_); }
+  std::string_view domain_key() const { return full().substr(0, domain_key_size_); }
 
  private:
   static inline thread_local std::string text_;
-  const size_t own_size_;
+  const size_t domain_key_size_;
 };
 
 void post(data_ark& ark, ArkEvent event, std::string_view key) {
@@ -64,7 +68,7 @@ void schedule(data_ark& ark, ArkEvent event, std::string_view key) {
   platform().main_queue().submit([callback = found->second] { (*callback)(); });
 }
 
-void announce(data_ark& ark, ArkEvent event, const ComposedKey& key) {
+void notify_watches(data_ark& ark, ArkEvent event, const ComposedKey& key) {
   post(ark, event, key.full());
   post(ark, event, key.domain_key());
   schedule(ark, event, key.full());
@@ -77,7 +81,7 @@ void add_attributes(data_ark& ark, std::string_view key, uint16_t attributes) {
   ark.attributes.try_emplace(std::move(owned_key)).first->second |= attributes;
 }
 
-// Answers whether the value is another one than before. Where it throws, nothing has changed.
+// Answers whether the value differs from the previous one. Where it throws, nothing has changed.
 bool store_value(data_ark& ark, const ComposedKey& key, plist::Value* value, bool inherits) {
   if (Ref<plist::Value>* entry = ark.values->find_value(key.full())) {
     const bool changed = !plist::equal(entry->get(), value);
@@ -105,10 +109,10 @@ bool store_value(data_ark& ark, const ComposedKey& key, plist::Value* value, boo
 int set(data_ark& ark, const ComposedKey& key, plist::Value* value, bool inherits) {
   if (!ark.values) ark.values = plist::MutableDictionary::create();
   const bool changed = store_value(ark, key, value, inherits);
-  const bool dirties = changed && (ark.attributes_of(key.full()) & clean_attributes) == 0;
-  if (dirties) ++ark.dirty;  // whatever becomes of the rest
-  if (changed) announce(ark, ArkEvent::change, key);
-  announce(ark, ArkEvent::set, key);
+  const bool dirties = changed && (ark.attributes_of(key.full()) & uncounted_attributes) == 0;
+  if (dirties) ++ark.dirty;  // before the watches, for which memory may run out
+  if (changed) notify_watches(ark, ArkEvent::change, key);
+  notify_watches(ark, ArkEvent::set, key);
   if (dirties) cv_log("data_ark_set", 0, "dirtied by changing %@", String::create(key.full()));
   return 0;
 }
@@ -162,7 +166,7 @@ Integer leading_integer(std::string_view text) {
 template <class Integer>
 Integer whole_part(double real) {
   if (std::isnan(real)) return 0;
-  // The largest integers have no double of their own; the bound is the power of two above them.
+  // The largest 64-bit integer is no double. The next power of two is.
   const double bound = std::ldexp(1.0, std::numeric_limits<Integer>::digits);
   if (real >= bound) return std::numeric_limits<Integer>::max();
   if (real < -bound) return std::numeric_limits<Integer>::min();
@@ -182,6 +186,7 @@ template <class Integer>
 Integer get_integer(data_ark* ark, const String* domain, const String* key) {
   assert_ark_owner();
   if (!ark->values) return 0;
+  if (key == nullptr) return 0;  // data_ark_copy answers a dictionary, which is no integer
   return to_integer<Integer>(ark->values->get(ComposedKey(domain, key).full()));
 }
 
@@ -311,12 +316,14 @@ uint32_t data_ark_dirty_count(data_ark* ark) {
 int data_ark_watch(data_ark* ark, const String* domain, const String* key, Ref<String> notification_name,
                    unsigned flags) {
   assert_ark_owner();
+  if (!notification_name) return -1;
   return register_watch(ark->notifications, domain, key, notification_name, flags);
 }
 
 int data_ark_watch_block(data_ark* ark, const String* domain, const String* key,
                          const std::function<void()>& callback, unsigned flags) {
   assert_ark_owner();
+  if (!callback) return 0;
   const std::function<void()>* copy = nullptr;
   try {
     copy = &ark->callback_copies.emplace_back(callback);

@@ -6,34 +6,38 @@
 
 #include "plist/value.h"
 
-/// The data ark: the daemon's one persistent key/value store. Values stand under string keys that are grouped
-/// into optional domains; keys carry attributes and are watched for changes; the whole is one property-list
-/// file, /private/var/mobile/Library/cvd/data_ark.plist.
+/// The data ark: the daemon's one persistent key/value store. It holds property-list values under string keys,
+/// which are grouped into optional domains. Keys carry attributes and are watched for changes. The whole ark is
+/// one property-list file, /private/var/mobile/Library/cvd/data_ark.plist.
 ///
 /// Every operation works on the composed key of a domain and a key, either of which may be null: "domain-key",
 /// "domain-" (the domain's own key), "-key", "-". The separator is not escaped: domain a with key b-c is
 /// domain a-b with key c.
 ///
-/// The ark has no lock. Start-up uses it until the request queue has its thread, and from then on only the
-/// request queue does; builds with assertions hold callers to that. Set, get, exists and remove cost the same
-/// in every ark. Where no result says otherwise, running out of memory is std::bad_alloc.
+/// The ark has no lock. Start-up uses it until the request queue has its thread; from then on only the request
+/// queue does. Builds with assertions check that.
+///
+/// Set, get, exists and remove take constant time on average, however many entries there are. The first copy of a
+/// domain sorts all keys; from then on adding or removing an entry also updates that order, in logarithmic time.
+///
+/// Where memory is out, a function throws std::bad_alloc unless its description says something else.
 namespace corvane {
 
 struct data_ark;
 
 /// What a watch waits for; combinable.
 enum ArkWatch : unsigned {
-  ARK_WATCH_SET = 1,     ///< every set of the key, changed or not
+  ARK_WATCH_SET = 1,     ///< every set of the key, also of an equal value
   ARK_WATCH_REMOVE = 2,  ///< the key's removal
-  ARK_WATCH_CHANGE = 4,  ///< a set of another value than before, or where there was none
+  ARK_WATCH_CHANGE = 4,  ///< a set of a value that differs from the previous one, or of the first one
 };
 
-/// Keys carry attributes, numbered from 0 to 8. These mean something to the ark; of the others it only remembers
-/// who has them.
+/// Keys carry attributes, numbered from 0 to 8. The ark acts on these; of the others it only remembers which keys
+/// carry them.
 enum ArkAttribute : unsigned {
-  ARK_NOT_STORED = 1,    ///< the entry is not in the file; neither its change nor its removal counts as unsaved
-  ARK_CHANGE_CLEAN = 5,  ///< a change of the entry does not count as unsaved; its removal does
-  ARK_NOT_STORED_2 = 7,  ///< as ARK_NOT_STORED
+  ARK_NOT_STORED = 1,  ///< the entry is not in the file; neither its change nor its removal is counted as unsaved
+  ARK_CHANGE_UNCOUNTED = 5,  ///< a change of the entry is not counted as unsaved; its removal is
+  ARK_ALSO_NOT_STORED = 7,   ///< the same as ARK_NOT_STORED
 };
 inline constexpr unsigned ark_attribute_count = 9;
 
@@ -42,60 +46,68 @@ struct DataArkDeleter {
 };
 using DataArk = std::unique_ptr<data_ark, DataArkDeleter>;
 
-/// The ark as its file has it, nested containers mutable. Where nothing usable could be read, one line is
-/// logged, the ark is empty, and a regular file is kept aside as data_ark.plist.unreadable, or with the
-/// first free number behind that, .1, .2 and so on. Null where memory is out.
+/// The ark as its file has it, nested containers mutable. Where the file cannot be read, one line is logged and
+/// the ark is empty; a regular file is renamed to data_ark.plist.unreadable or, where that exists, to the first
+/// free one of data_ark.plist.unreadable.1, .2 and so on. Where a link leads the state directory elsewhere, the
+/// ark is empty too, and nothing behind the link is touched. Null where memory is out.
 DataArk data_ark_load();
 
-/// Replaces the file by what the ark holds now, but for entries with attribute 1 or 7; deletes it where that
-/// is nothing. A failure is logged, and the file stays as it was; it is not flushed to stable storage. Nothing
-/// counts as unsaved afterwards, whether or not that worked.
+/// Replaces the file by what the ark holds now, without the entries with attribute 1 or 7. Deletes the file where
+/// no entry is left to store, or where there is no memory to gather them, which is logged; but never a file that
+/// the load could neither read nor rename. A failure is logged, and the file stays as it was. The file is not
+/// flushed to stable storage. In every case the count of unsaved changes is 0 afterwards. Never throws.
 void data_ark_store(data_ark* ark);
 
-/// Stores the value, also an equal one, and retains it. An entry that is new inherits the attributes of its
-/// domain's own key. Then, for the key and after it for the domain's own key: posts what watches for a
-/// change, schedules the callbacks for one, posts and schedules what watches for a set. 0, or -1 for a null
-/// value, which is logged, and where memory runs out: the value is set and counted then, or it is not, and some
-/// of the rest has not been done.
+/// Stores the value, also an equal one, and retains it. A new entry inherits the attributes of its domain's own
+/// key. Then the watches are notified, each time those of the key first and those of the domain's own key second:
+/// if the value has changed, the notifications for a change are posted and its callbacks scheduled; and always the
+/// notifications for a set are posted and its callbacks scheduled.
+///
+/// 0, or -1 for a null value, which is logged, and where memory is out. Then the value is either not set, or set
+/// and counted as unsaved, and perhaps not all watches were notified.
 int data_ark_set(data_ark* ark, const plist::String* domain, const plist::String* key, plist::Value* value);
 
-/// Set a number of 32-bit or 64-bit integer kind. They end the process where it cannot be made.
+/// Set a number of 32-bit or 64-bit integer kind. They end the process where the number cannot be created.
 void data_ark_set_int(data_ark* ark, const plist::String* domain, const plist::String* key, int32_t value);
 void data_ark_set_int64(data_ark* ark, const plist::String* domain, const plist::String* key, int64_t value);
 
-/// With a key: the value, or null. Without: a new mutable dictionary of the domain's entries, or of those that
-/// have no domain, under the rest of their composed keys; it shares the values and may be empty. Null where
-/// nothing was ever loaded or set.
+/// With a key: the value, or null. With a null key: a new mutable dictionary of the domain's entries (with a null
+/// domain too: of the entries that have no domain) under the rest of their composed keys. It shares the values,
+/// and may be empty. Null where nothing was ever loaded or set.
 plist::Ref<plist::Value> data_ark_copy(data_ark* ark, const plist::String* domain, const plist::String* key);
 
-/// The value as an integer: of a Boolean 1 or 0, of an integer its lowest 32 or 64 bits, of a real its whole
-/// part within the range, of a string its leading decimal integer within 32 bits; otherwise 0.
+/// The value that `data_ark_copy` answers, as an integer: of a Boolean 1 or 0; of an integer its lowest 32 or 64
+/// bits; of a real its whole part, limited to the range; of a string its leading decimal integer, limited to 32
+/// bits. Otherwise, and for a null key, 0.
 int32_t data_ark_get_int(data_ark* ark, const plist::String* domain, const plist::String* key);
 int64_t data_ark_get_int64(data_ark* ark, const plist::String* domain, const plist::String* key);
 
-/// Removes the entry and its attributes, then posts and schedules what watches for the key's removal; the
-/// domain's own key is not consulted. 0, also when there is no such entry; -1 where nothing was ever loaded or
-/// set.
+/// Removes the entry and its attributes, then notifies the watches for the key's removal, but not those of the
+/// domain's own key. 0, also when there is no such entry; -1 where nothing was ever loaded or set.
 int data_ark_remove(data_ark* ark, const plist::String* domain, const plist::String* key);
 
+/// Whether there is such an entry.
 bool data_ark_exists(data_ark* ark, const plist::String* domain, const plist::String* key);
 
-/// 0, or -1 for an index above 8 (and where memory is out).
+/// Set and clear answer 0, or -1 for an index above 8. Set also answers -1 where memory is out. No key has an
+/// attribute above 8.
 int data_ark_set_attribute(data_ark* ark, const plist::String* domain, const plist::String* key, unsigned index);
 bool data_ark_has_attribute(data_ark* ark, const plist::String* domain, const plist::String* key, unsigned index);
 int data_ark_clear_attribute(data_ark* ark, const plist::String* domain, const plist::String* key, unsigned index);
 
-/// How many changes since the load or the last store are not in the file.
+/// How many changes were counted as unsaved since the load or the last store.
 uint32_t data_ark_dirty_count(data_ark* ark);
 
-/// Registers a system-wide notification for what `flags` say, in place of an earlier one of the key. The flags
-/// are taken in the order CHANGE, SET, REMOVE; -1 at the first that cannot be registered, 0 otherwise.
+/// Registers a system-wide notification for each event in `flags`, replacing the key's earlier one. The flags are
+/// handled in the order CHANGE, SET, REMOVE. 0, or -1 at the first that cannot be registered for lack of
+/// memory; those before it stay registered. -1 for a null name, with nothing registered.
 int data_ark_watch(data_ark* ark, const plist::String* domain, const plist::String* key,
                    plist::Ref<plist::String> notification_name, unsigned flags);
 
-/// Registers a callback, which runs on the main queue; one that uses the ark must hand that to the request
-/// queue. It is copied, and the copy lives as long as the ark. 0 with nothing registered where it cannot be
-/// copied; otherwise as `data_ark_watch`.
+/// Registers a callback as `data_ark_watch` registers a notification. It runs on the main queue; a callback that
+/// uses the ark must submit that to the request queue. It is copied, and the copy lives as long as the ark, also
+/// when another one replaces it. 0, with nothing registered, for an empty callback and where the copy cannot be
+/// made.
 int data_ark_watch_block(data_ark* ark, const plist::String* domain, const plist::String* key,
                          const std::function<void()>& callback, unsigned flags);
 

@@ -1,20 +1,24 @@
+// A store writes a temporary file beside the ark's file and renames it over that, so that whoever looks finds the
+// old ark or the new one. A file that cannot be read is renamed out of the way at the load, because start-up
+// stores at once and would delete it.
+//
+// The state directory may have been replaced by a link. Nothing behind one is renamed, created or deleted.
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
 #include <stdio.h>
-#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
 
 #include "daemon/log/cv_log.h"
+#include "platform/descriptor.h"
 #include "state/data_ark.h"
 #include "state/data_ark_state.h"
 #include "state/plist_file.h"
 #include "state/state_directory.h"
-#include "state/values.h"
 
 namespace corvane {
 
@@ -23,76 +27,100 @@ using plist::Ref;
 namespace {
 
 constexpr char ark_file[] = "data_ark.plist";
+constexpr char temporary_file[] = "data_ark.plist.XXXXXX";  // the six X are part of the name
+constexpr char unreadable_file[] = "data_ark.plist.unreadable";
 
-bool may_be_regular_file(const char* path) {
+// ---- loading ------------------------------------------------------------------------------------------
+
+bool may_be_regular_file(int directory) {
   struct stat status;
-  return lstat(path, &status) == 0 ? S_ISREG(status.st_mode) : errno != ENOENT;
+  if (fstatat(directory, ark_file, &status, AT_SYMLINK_NOFOLLOW) != 0) return errno != ENOENT;
+  return S_ISREG(status.st_mode);
 }
 
-// Start-up stores at once and would overwrite what may still be worth a look. False: the file is still there.
-bool set_aside(const char* path) {
-  const std::string aside = std::string(path) + ".unreadable";
-  for (int i = 0;; ++i) {
-    const std::string name = i == 0 ? aside : aside + "." + std::to_string(i);
-    if (renameat2(AT_FDCWD, path, AT_FDCWD, name.c_str(), RENAME_NOREPLACE) == 0) return true;
-    if (errno != EEXIST) break;
+bool rename_unreadable_file(int directory) {
+  char name[sizeof unreadable_file + sizeof ".4294967295"];
+  std::snprintf(name, sizeof name, "%s", unreadable_file);
+  for (unsigned number = 1; renameat2(directory, ark_file, directory, name, RENAME_NOREPLACE) != 0; ++number) {
+    if (errno != EEXIST) {
+      cv_log("data_ark_load", 0, "Problem renaming %s: %s", state_path(ark_file).text, std::strerror(errno));
+      return false;
+    }
+    std::snprintf(name, sizeof name, "%s.%u", unreadable_file, number);
   }
-  cv_log("data_ark_load", 0, "Problem renaming %s: %s", path, std::strerror(errno));
-  return false;
+  return true;
 }
 
+// Answers whether an unreadable file is still where the ark's file belongs.
+bool unreadable_file_stays() {
+  const Descriptor directory(open_state_directory());
+  if (!directory.is_open()) return errno != ENOENT;
+  return may_be_regular_file(directory.number()) && !rename_unreadable_file(directory.number());
+}
+
+void load_entries(data_ark& ark) {
+  const StatePath path = state_path(ark_file);
+  const Ref<plist::Value> value = load_mutable_dict(path.text);
+  ark.values = plist::cast<plist::MutableDictionary>(value.get());
+  if (ark.values) return;
+  cv_log("data_ark_load", 0, "Could not load %s", path.text);
+  ark.unreadable_in_place = unreadable_file_stays();
+}
+
+// ---- storing ------------------------------------------------------------------------------------------
+
+// Null where memory is out.
 Ref<plist::Dictionary> persistent_entries(const data_ark& ark) {
-  if (!ark.values) return plist::MutableDictionary::create();
-  return plist::MutableDictionary::select(*ark.values, [&ark](const plist::Dictionary::Entry& entry) {
-    return (ark.attributes_of(entry.key->view()) & transient_attributes) == 0;
-  });
+  try {
+    if (!ark.values) return plist::MutableDictionary::create();
+    return plist::MutableDictionary::select(*ark.values, [&ark](const plist::Dictionary::Entry& entry) {
+      return (ark.attributes_of(entry.key->view()) & transient_attributes) == 0;
+    });
+  } catch (const std::bad_alloc&) {
+    cv_log("data_ark_store", 0, "Nothing mutable changed!");
+    return nullptr;
+  }
 }
 
-bool replace_file(const StatePath& path, const plist::Dictionary& entries) {
-  char temporary[sizeof path.text + sizeof ".XXXXXX"];
-  std::snprintf(temporary, sizeof temporary, "%s.XXXXXX", path.text);
-  if (store_dict(temporary, entries) != 0) {
-    cv_log("data_ark_store", 0, "Could not store %s", temporary);
+bool replace_file(const plist::Dictionary& entries, bool directory_is_linked) {
+  const StatePath path = state_path(ark_file), temporary = state_path(temporary_file);
+  // store_dict would create the temporary file behind the link before it sees that it is in the wrong place.
+  if (directory_is_linked || store_dict(temporary.text, entries) != 0) {
+    cv_log("data_ark_store", 0, "Could not store %s", temporary.text);
     return false;
   }
-  if (rename(temporary, path.text) == 0) return true;
-  cv_log("data_ark_store", 0, "Problem renaming %s: %s", temporary, std::strerror(errno));
+  if (rename(temporary.text, path.text) == 0) return true;
+  cv_log("data_ark_store", 0, "Problem renaming %s: %s", temporary.text, std::strerror(errno));
   return false;
 }
 
 void store_entries(data_ark& ark) {
-  const StatePath path = state_path(ark_file);
-  Ref<plist::Dictionary> entries;
-  try {
-    entries = persistent_entries(ark);
-  } catch (const std::bad_alloc&) {
-    cv_log("data_ark_store", 0, "Nothing mutable changed!");
-  }
-  if (!entries || entries->size() == 0) {
-    if (!ark.unreadable_in_place) unlink(path.text);
-  } else if (replace_file(path, *entries)) {
-    ark.unreadable_in_place = false;
+  const Ref<plist::Dictionary> entries = persistent_entries(ark);
+  const Descriptor directory(open_state_directory());
+  const bool directory_is_linked = !directory.is_open() && errno == ELOOP;
+  if (entries && entries->size() != 0) {
+    if (replace_file(*entries, directory_is_linked)) ark.unreadable_in_place = false;
+  } else if (directory.is_open() && !ark.unreadable_in_place) {
+    unlinkat(directory.number(), ark_file, 0);
   }
 }
 
 }  // namespace
 
 DataArk data_ark_load() {
-  DataArk ark(new (std::nothrow) data_ark());
-  if (ark == nullptr) return nullptr;
-  const StatePath path = state_path(ark_file);
-  const Ref<plist::Value> value = load_mutable_dict(path.text);
-  ark->values = plist::cast<plist::MutableDictionary>(value.get());
-  if (ark->values) return ark;
-  cv_log("data_ark_load", 0, "Could not load %s", path.text);
-  if (may_be_regular_file(path.text)) ark->unreadable_in_place = !set_aside(path.text);
-  return ark;
+  try {
+    DataArk ark(new data_ark());
+    load_entries(*ark);
+    return ark;
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 void data_ark_store(data_ark* ark) {
   assert_ark_owner();
+  ark->dirty = 0;  // whether or not the store works
   store_entries(*ark);
-  ark->dirty = 0;
 }
 
 }  // namespace corvane

@@ -15,32 +15,31 @@
 #include "plist/value.h"
 #include "state/data_ark.h"
 
-// What an ark is made of, for the two sources that implement it.
+// What an ark consists of. Only the two sources that implement it include this.
 
 namespace corvane {
 
 template <class T>
 using ByComposedKey = absl::flat_hash_map<std::string, T, plist::BytesHash, std::equal_to<>>;
 
-/// What can happen to an entry, in the order in which watches for it are registered.
+/// What can happen to an entry, in the order in which the watches for it are registered.
 enum class ArkEvent { change, set, remove };
 
 struct data_ark {
-  /// Entries are looked up and changed through the ark's operations only, which keep `sorted_keys` with it.
+  /// Null until something was loaded or set. Whoever adds or removes an entry updates `sorted_keys` too.
   plist::Ref<plist::MutableDictionary> values;
   uint32_t dirty = 0;
 
-  /// A bit for each attribute. Keys without one are absent.
+  /// One bit for each attribute. A key without attributes is absent.
   ByComposedKey<uint16_t> attributes;
   std::array<ByComposedKey<plist::Ref<plist::String>>, 3> notifications;  ///< by ArkEvent
   std::array<ByComposedKey<const std::function<void()>*>, 3> callbacks;   ///< by ArkEvent
-  std::deque<std::function<void()>> callback_copies;
+  std::deque<std::function<void()>> callback_copies;                      ///< its elements never move
 
-  /// The composed keys in order, for copying a domain; built for the first such copy. The text is the key
-  /// objects' own.
+  /// The composed keys in order, built at the first copy of a domain. They point into the key objects of `values`.
   std::unique_ptr<absl::btree_set<std::string_view>> sorted_keys;
 
-  /// The file could be neither read nor moved aside.
+  /// The ark's file could be neither read nor renamed, and must not be deleted.
   bool unreadable_in_place = false;
 
   uint16_t attributes_of(std::string_view composed_key) const {
@@ -52,10 +51,11 @@ struct data_ark {
 
 constexpr uint16_t attribute_bit(unsigned index) { return static_cast<uint16_t>(1u << index); }
 
-/// Fails, where assertions are compiled in, on a thread that must not touch the ark.
+/// Asserts that the calling thread may use the ark.
 void assert_ark_owner();
 
 /// Entries with one of these are not stored.
-inline constexpr uint16_t transient_attributes = attribute_bit(ARK_NOT_STORED) | attribute_bit(ARK_NOT_STORED_2);
+inline constexpr uint16_t transient_attributes =
+    attribute_bit(ARK_NOT_STORED) | attribute_bit(ARK_ALSO_NOT_STORED);
 
 }  // namespace corvane
