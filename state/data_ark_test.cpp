@@ -1,34 +1,11 @@
 #include "state/data_ark.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <filesystem>
-#include <functional>
-#include <new>
-#include <set>
-#include <sys/stat.h>
 
-#include "plist/reader.h"
+#include "plist/describe.h"
 #include "state/plist_file.h"
 #include "state/values.h"
-#include "tests/support/test_platform.h"
-
-namespace {
-
-// Counts down to the one allocation that fails; negative: none does.
-int allocations_left = -1;
-
-}  // namespace
-
-void* operator new(size_t size) {
-  void* memory = allocations_left >= 0 && allocations_left-- == 0 ? nullptr : std::malloc(size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept { return std::malloc(size); }
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+#include "tests/support/state_fixture.h"
 
 namespace corvane {
 namespace {
@@ -36,243 +13,296 @@ namespace {
 namespace fs = std::filesystem;
 using plist::Ref;
 using plist::String;
-using testing::read_file;
-using testing::TestPlatform;
-using testing::write_file;
-using Texts = std::vector<std::string>;
+using namespace testing;
 
-Ref<String> text(std::string_view utf8) { return String::create(utf8); }
+constexpr char ark_path[] = "/private/var/mobile/Library/cvd/data_ark.plist";
+constexpr unsigned every_event = ARK_WATCH_SET | ARK_WATCH_REMOVE | ARK_WATCH_CHANGE;
+constexpr char long_key[] = "a key that is too long to be kept without an allocation";
 
-/// A domain or a key, from a C string; null is none.
-struct Name {
-  Name(const char* utf8) : string(utf8 == nullptr ? nullptr : text(utf8)) {}
-  Name(std::nullptr_t) {}
-  operator const String*() const { return string.get(); }
-  Ref<String> string;
-};
+Ref<String> text(const char* utf8) { return utf8 == nullptr ? nullptr : String::create(utf8); }
 
-/// An ark in a fresh state directory.
-class Ark : public ::testing::Test {
+/// An ark in a fresh state directory. A null domain or key is none.
+class Ark : public StateTest {
  protected:
-  Ark() { fs::create_directories(folder_); }
+  Ark() { fs::create_directories(directory_); }
 
-  int set(Name domain, Name key, Ref<plist::Value> value) {
-    return data_ark_set(ark_.get(), domain, key, value.get());
+  int set(const char* domain, const char* key, const char* value) {
+    return data_ark_set(ark_.get(), text(domain).get(), text(key).get(), text(value).get());
   }
-  int set(Name domain, Name key, const char* value) { return set(domain, key, Ref<plist::Value>(text(value))); }
-  int remove(Name domain, Name key) { return data_ark_remove(ark_.get(), domain, key); }
-  int mark(Name domain, Name key, unsigned index) {
-    return data_ark_set_attribute(ark_.get(), domain, key, index);
+  int remove(const char* domain, const char* key) {
+    return data_ark_remove(ark_.get(), text(domain).get(), text(key).get());
   }
-  // Watches by name and by block for all three events, both called "<event> <name>".
-  void watch(Name domain, Name key, const std::string& name) {
-    const std::pair<unsigned, const char*> events[] = {{4, "change "}, {1, "set "}, {2, "remove "}};
-    for (const auto& [flag, event] : events) {
-      data_ark_watch(ark_.get(), domain, key, text(event + name), flag);
-      const auto block = [this, full = event + name] { runs_.push_back(full); };
-      data_ark_watch_block(ark_.get(), domain, key, block, flag);
-    }
+  std::string copy(const char* domain, const char* key = nullptr) {
+    return plist::describe(data_ark_copy(ark_.get(), text(domain).get(), text(key).get()).get());
   }
-  Texts take_runs() {
+  int set_attribute(const char* domain, const char* key, unsigned index) {
+    return data_ark_set_attribute(ark_.get(), text(domain).get(), text(key).get(), index);
+  }
+  bool has_attribute(const char* domain, const char* key, unsigned index) {
+    return data_ark_has_attribute(ark_.get(), text(domain).get(), text(key).get(), index);
+  }
+  uint32_t dirty_count() { return data_ark_dirty_count(ark_.get()); }
+
+  // Registers a notification and a callback, both of that name.
+  void watch(const char* domain, const char* key, const std::string& name, unsigned flags) {
+    EXPECT_EQ(data_ark_watch(ark_.get(), text(domain).get(), text(key).get(), text(name.c_str()), flags), 0);
+    const auto callback = [this, name] { called_back_.push_back(name); };
+    EXPECT_EQ(data_ark_watch_block(ark_.get(), text(domain).get(), text(key).get(), callback, flags), 0);
+  }
+  void expect_notified(const char* step, const Lines& names) {
+    EXPECT_EQ(std::exchange(platform_.posted, {}), names) << "notifications after " << step;
+    EXPECT_TRUE(called_back_.empty()) << "a callback ran before the main queue did, at " << step;
     platform_.run_main_queue();
-    return std::exchange(runs_, {});
+    EXPECT_EQ(std::exchange(called_back_, {}), names) << "callbacks after " << step;
   }
+  std::string stored() { return plist::describe(load_dict(path_.c_str()).get()); }
 
-  TestPlatform& platform_ = TestPlatform::fresh();
-  const std::string folder_ = system_path("/private/var/mobile/Library/cvd");
-  const std::string path_ = folder_ + "/data_ark.plist";
-  DataArk ark_{data_ark_load()};
-  Texts runs_;
+  const std::string path_ = at(ark_path), directory_ = fs::path(path_).parent_path();
+  DataArk ark_ = data_ark_load();
+  Lines called_back_;
 };
 using ArkDeathTest = Ark;
 
-TEST_F(Ark, OrderAndAsymmetriesOfSetAndRemove) {
-  EXPECT_EQ(remove("d", "k"), -1);
-  watch("d", "k", "key");
-  watch("d", nullptr, "domain");
-  mark("d", nullptr, 2);
-  const Texts changed{"change key", "change domain", "set key", "set domain"};
-  const Texts own{"change domain", "change domain", "set domain", "set domain"};
-  struct Step {
-    const char* what;
-    std::function<int()> act;
-    Texts heard;  // by post and by callback alike
-    uint32_t dirtied;
-    Texts lines;
-  };
-  const Texts dirtied{"data_ark_set: dirtied by changing d-k"},
-      null_value{"data_ark_set: data_ark_set: value is NULL"};
-  const Step steps[] = {
-      {"new", [&] { return set("d", "k", "1"); }, changed, 1, dirtied},
-      {"equal", [&] { return set("d", "k", "1"); }, {"set key", "set domain"}, 0, {}},
-      {"other", [&] { return set("d", "k", "2"); }, changed, 1, dirtied},
-      {"removed", [&] { return remove("d", "k"); }, {"remove key"}, 1, {}},
-      {"absent", [&] { return remove("d", "k"); }, {}, 0, {}},
-      {"attribute 5 set", [&] { return mark("d", "k", 5), set("d", "k", "3"); }, changed, 0, {}},
-      {"attribute 5 removed", [&] { return remove("d", "k"); }, {"remove key"}, 1, {}},
-      {"attribute 7 set", [&] { return mark("d", "k", 7), set("d", "k", "3"); }, changed, 0, {}},
-      {"attribute 7 removed", [&] { return remove("d", "k"); }, {"remove key"}, 0, {}},
-      {"null key", [&] { return set("d", nullptr, "4"); }, own, 1, {"data_ark_set: dirtied by changing d-"}},
-      {"null key removed", [&] { return remove("d", nullptr); }, {"remove domain"}, 1, {}},
-      {"null value", [&] { return set("d", "k", Ref<plist::Value>()) + 1; }, {}, 0, null_value},
-  };
-  platform_.take_lines();
-  for (const Step& step : steps) {
-    const uint32_t before = data_ark_dirty_count(ark_.get());
-    EXPECT_EQ(step.act(), 0) << step.what;
-    EXPECT_EQ(std::exchange(platform_.posted, {}), step.heard) << step.what;
-    EXPECT_TRUE(runs_.empty()) << step.what;
-    // Each watch's posts come before its callbacks, so the callbacks are in the same order among themselves.
-    EXPECT_EQ(take_runs(), step.heard) << step.what;
-    EXPECT_EQ(data_ark_dirty_count(ark_.get()) - before, step.dirtied) << step.what;
-    EXPECT_EQ(platform_.take_texts(), step.lines) << step.what;
-  }
+TEST_F(Ark, ADomainIsCopiedAsItIsNow) {
+  EXPECT_EQ(copy("domain"), "(null)");
+  set("domain", "b", "1");
+  set("domain", "a", "2");
+  set(nullptr, "bare", "4");
+  set(nullptr, nullptr, "5");
+  EXPECT_EQ(copy("domain"), R"({"a": "2", "b": "1"})");
+  EXPECT_EQ(copy(nullptr), R"({"": "5", "bare": "4"})");
+  EXPECT_EQ(copy("none"), "{}");
+  set("domain", "c", "6");
+  EXPECT_EQ(copy("domain"), R"({"a": "2", "b": "1", "c": "6"})");
+  remove("domain", "c");
+  EXPECT_EQ(copy("domain"), R"({"a": "2", "b": "1"})");
 }
 
-TEST_F(Ark, WatchesAreRegisteredInOrderUntilOneFails) {
-  const Name d("d"), k("a key too long to be kept without an allocation of its own");
-  const auto name = text("n"), one = text("1"), two = text("2");
-  std::set<size_t> heard;
-  for (int failing = 0, result = -1; result != 0; ++failing) {
-    const DataArk ark = data_ark_load();
-    allocations_left = failing;
-    result = data_ark_watch(ark.get(), d, k, name, ARK_WATCH_SET | ARK_WATCH_REMOVE | ARK_WATCH_CHANGE);
-    allocations_left = -1;
-    for (const auto& value : {one, one, two}) data_ark_set(ark.get(), d, k, value.get());
-    data_ark_remove(ark.get(), d, k);
-    heard.insert(std::exchange(platform_.posted, {}).size());
-    ASSERT_LT(failing, 100);
-  }
-  // Two changes, then also three sets, then also the removal.
-  EXPECT_EQ(heard, (std::set<size_t>{0, 2, 5, 6}));
-
-  const std::function<void()> block = [this, copied = std::string("cannot be copied")] {
-    runs_.push_back(copied);
-  };
-  allocations_left = 0;
-  EXPECT_EQ(data_ark_watch_block(ark_.get(), d, k, block, ARK_WATCH_SET), 0);
-  data_ark_set(ark_.get(), d, k, one.get());
-  EXPECT_TRUE(take_runs().empty());
+TEST_F(Ark, ARemovalTakesTheAttributesAlong) {
+  EXPECT_EQ(remove("domain", "key"), -1) << "nothing was ever loaded or set";
+  set_attribute("domain", nullptr, 3);
+  set("domain", "key", "1");
+  EXPECT_TRUE(has_attribute("domain", "key", 3)) << "inherited";
+  EXPECT_EQ(remove("domain", "key"), 0);
+  EXPECT_FALSE(has_attribute("domain", "key", 3));
+  EXPECT_EQ(remove("domain", "key"), 0) << "it is not there any more";
 }
 
-// A change that is not counted would never be stored.
-TEST_F(Ark, ASetThatRunsOutOfMemoryCountsWhatItHasSet) {
-  const Name d("d"), k("a key too long to be kept without an allocation of its own");
-  const auto one = text("1");
-  for (int failing = 0, result = -1; result != 0; ++failing) {
-    const DataArk ark = data_ark_load();
-    data_ark_set_attribute(ark.get(), d, nullptr, 3);
-    data_ark_watch_block(
-        ark.get(), d, k, [] {}, ARK_WATCH_SET);
-    allocations_left = failing;
-    result = data_ark_set(ark.get(), d, k, one.get());
-    allocations_left = -1;
-    const bool is_set = data_ark_exists(ark.get(), d, k);
-    EXPECT_EQ(data_ark_dirty_count(ark.get()), is_set ? 1u : 0u) << failing;
-    EXPECT_EQ(data_ark_has_attribute(ark.get(), d, k, 3), is_set) << failing;
-    ASSERT_LT(failing, 100);
-  }
+TEST_F(Ark, AttributesAbove8AreRefused) {
+  EXPECT_EQ(set_attribute("domain", "key", 9), -1);
+  EXPECT_FALSE(has_attribute("domain", "key", 9));
+  EXPECT_EQ(data_ark_clear_attribute(ark_.get(), text("domain").get(), text("key").get(), 9), -1);
 }
 
-TEST_F(Ark, TypedGettersConvert) {
-  const std::tuple<Ref<plist::Value>, int32_t, int64_t> cases[] = {
+TEST_F(Ark, AttributesDecideWhatIsCountedAsUnsaved) {
+  log();
+  set("domain", "key", "1");
+  EXPECT_EQ(dirty_count(), 1u) << "a first set";
+  set("domain", "key", "1");
+  EXPECT_EQ(dirty_count(), 1u) << "a set of an equal value";
+  EXPECT_EQ(set("domain", "key", nullptr), -1);
+  EXPECT_EQ(dirty_count(), 1u) << "a set of null";
+  remove("domain", "key");
+  EXPECT_EQ(dirty_count(), 2u) << "a removal";
+  EXPECT_EQ(log(),
+            (Lines{"data_ark_set: dirtied by changing domain-key", "data_ark_set: data_ark_set: value is NULL"}));
+
+  for (const unsigned attribute : {ARK_NOT_STORED, ARK_ALSO_NOT_STORED}) {
+    set_attribute("domain", "key", attribute);
+    set("domain", "key", "1");
+    remove("domain", "key");
+    EXPECT_EQ(dirty_count(), 2u) << "a set and a removal with attribute " << attribute;
+  }
+  set_attribute("domain", "key", ARK_CHANGE_UNCOUNTED);
+  set("domain", "key", "1");
+  EXPECT_EQ(dirty_count(), 2u) << "a set with attribute 5";
+  remove("domain", "key");
+  EXPECT_EQ(dirty_count(), 3u) << "a removal with attribute 5";
+}
+
+TEST_F(Ark, IntegersAreConvertedAndSetAsTheKindAskedFor) {
+  const std::tuple<Ref<plist::Value>, int32_t, int64_t> conversions[] = {
       {plist::Boolean::yes(), 1, 1},
       {plist::Boolean::no(), 0, 0},
       {plist::Number::create_int64((int64_t{1} << 40) + 7), 7, (int64_t{1} << 40) + 7},
       {plist::Number::create_real(-2.9), -2, -2},
       {plist::Number::create_real(1e30), INT32_MAX, INT64_MAX},
-      {text("42 is the answer"), 42, 42},
-      {text(" -17"), -17, -17},
+      {text(" -17 is the answer"), -17, -17},
       {text("99999999999"), INT32_MAX, INT32_MAX},
       {text("-99999999999"), INT32_MIN, INT32_MIN},
-      {text("none 5"), 0, 0},
       {plist::Date::create(5), 0, 0},
   };
-  const Name k("k");
-  EXPECT_EQ(data_ark_get_int(ark_.get(), nullptr, k), 0);
-  for (const auto& [value, as_32, as_64] : cases) {
-    set(nullptr, "k", value);
-    EXPECT_EQ(data_ark_get_int(ark_.get(), nullptr, k), as_32);
-    EXPECT_EQ(data_ark_get_int64(ark_.get(), nullptr, k), as_64);
+  const auto key = text("key");
+  for (const auto& [value, as_32_bits, as_64_bits] : conversions) {
+    data_ark_set(ark_.get(), nullptr, key.get(), value.get());
+    EXPECT_EQ(data_ark_get_int(ark_.get(), nullptr, key.get()), as_32_bits) << copy(nullptr);
+    EXPECT_EQ(data_ark_get_int64(ark_.get(), nullptr, key.get()), as_64_bits) << copy(nullptr);
   }
-  data_ark_set_int(ark_.get(), nullptr, k, -3);
-  EXPECT_EQ(as_number(data_ark_copy(ark_.get(), nullptr, k).get())->type(), plist::Number::Type::int32);
-  data_ark_set_int64(ark_.get(), nullptr, k, -3);
-  EXPECT_EQ(as_number(data_ark_copy(ark_.get(), nullptr, k).get())->type(), plist::Number::Type::int64);
+  set(nullptr, nullptr, "42");
+  EXPECT_EQ(data_ark_get_int(ark_.get(), nullptr, nullptr), 0) << "without a key there is a dictionary";
+  EXPECT_EQ(data_ark_get_int64(ark_.get(), nullptr, nullptr), 0);
+
+  data_ark_set_int(ark_.get(), nullptr, key.get(), -3);
+  EXPECT_EQ(as_number(data_ark_copy(ark_.get(), nullptr, key.get()).get())->type(), plist::Number::Type::int32);
+  data_ark_set_int64(ark_.get(), nullptr, key.get(), -3);
+  EXPECT_EQ(as_number(data_ark_copy(ark_.get(), nullptr, key.get()).get())->type(), plist::Number::Type::int64);
 }
 
 TEST_F(ArkDeathTest, AnIntegerThatCannotBeWrappedEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto die = [this](bool wide) {
-    platform_.prepare_to_die();
-    allocations_left = 0;
-    wide ? data_ark_set_int64(ark_.get(), nullptr, nullptr, 1) : data_ark_set_int(ark_.get(), nullptr, nullptr, 1);
-  };
-  EXPECT_EXIT(die(false), ::testing::ExitedWithCode(255), "data_ark_set_int: Out of Memory!");
-  EXPECT_EXIT(die(true), ::testing::ExitedWithCode(255), "data_ark_set_int64: Out of Memory!");
+  expect_end("data_ark_set_int: Out of Memory!", 0, [&] { data_ark_set_int(ark_.get(), nullptr, nullptr, 1); });
+  expect_end("data_ark_set_int64: Out of Memory!", 0,
+             [&] { data_ark_set_int64(ark_.get(), nullptr, nullptr, 1); });
 }
 
-TEST_F(Ark, NestedContainersAreLoadedMutable) {
-  const Ref<plist::MutableDictionary> outer = create_dict();
-  outer->set("Inner", create_array());
-  set("d", "k", outer);
-  data_ark_store(ark_.get());
-  ark_ = data_ark_load();
-  const Ref<plist::Value> loaded = data_ark_copy(ark_.get(), Name("d"), Name("k"));
-  EXPECT_TRUE(as_dictionary(loaded.get())->get("Inner")->is_mutable());
+// A change that is set and not counted would never be stored.
+TEST_F(Ark, ASetThatRunsOutOfMemoryIsCountedIfItHasSetTheValue) {
+  const auto domain = text("domain"), key = text(long_key), value = text("value");
+  bool failed = true;
+  for (int number = 0; failed; ++number) {
+    ark_ = data_ark_load();
+    set_attribute("domain", nullptr, 3);
+    watch("domain", long_key, "watch", ARK_WATCH_SET);
+    failed = run_with_failing_allocation(number,
+                                         [&] { data_ark_set(ark_.get(), domain.get(), key.get(), value.get()); });
+    const bool is_set = data_ark_exists(ark_.get(), domain.get(), key.get());
+    EXPECT_EQ(dirty_count(), is_set ? 1u : 0u) << "allocation " << number << " fails";
+    EXPECT_EQ(has_attribute("domain", long_key, 3), is_set) << "allocation " << number << " fails";
+  }
+}
+
+TEST_F(Ark, ASetNotifiesTheWatchesOfTheKeyAndThenOfItsDomain) {
+  for (const char* key : {"key", static_cast<const char*>(nullptr)}) {
+    const std::string of = key == nullptr ? " of domain" : " of key";
+    watch("domain", key, "change" + of, ARK_WATCH_CHANGE);
+    watch("domain", key, "set" + of, ARK_WATCH_SET);
+    watch("domain", key, "removal" + of, ARK_WATCH_REMOVE);
+  }
+  set("domain", "key", "1");
+  expect_notified("a first set", {"change of key", "change of domain", "set of key", "set of domain"});
+  set("domain", "key", "1");
+  expect_notified("a set of an equal value", {"set of key", "set of domain"});
+  set("domain", "key", "2");
+  expect_notified("a set of another value", {"change of key", "change of domain", "set of key", "set of domain"});
+  remove("domain", "key");
+  expect_notified("a removal", {"removal of key"});
+  remove("domain", "key");
+  expect_notified("a removal of nothing", {});
+  set("domain", nullptr, "1");
+  expect_notified("a set of the domain's own key",
+                  {"change of domain", "change of domain", "set of domain", "set of domain"});
+}
+
+TEST_F(Ark, ASecondWatchReplacesTheFirstButNotWhatWasScheduled) {
+  watch("domain", "key", "first", ARK_WATCH_SET);
+  set("domain", "key", "1");
+  watch("domain", "key", "second", ARK_WATCH_SET);
+  expect_notified("a set before the second watch", {"first"});
+  set("domain", "key", "1");
+  expect_notified("a set after it", {"second"});
+}
+
+TEST_F(Ark, WhatCannotBeRegisteredIsRefused) {
+  const auto key = text(long_key), name = text("watch");
+  const std::function<void()> empty, callback = [copied = std::string(long_key)] { FAIL() << copied; };
+  EXPECT_EQ(data_ark_watch(ark_.get(), nullptr, key.get(), nullptr, every_event), -1) << "no name";
+  EXPECT_EQ(data_ark_watch_block(ark_.get(), nullptr, key.get(), empty, every_event), 0) << "an empty callback";
+  int result = 0;
+  run_with_failing_allocation(0,
+                              [&] { result = data_ark_watch(ark_.get(), nullptr, key.get(), name, every_event); });
+  EXPECT_EQ(result, -1) << "no memory for the first event, and the others are skipped";
+  run_with_failing_allocation(
+      0, [&] { result = data_ark_watch_block(ark_.get(), nullptr, key.get(), callback, every_event); });
+  EXPECT_EQ(result, 0) << "no memory for a copy of the callback";
+  set(nullptr, long_key, "1");
+  expect_notified("a set", {});
 }
 
 TEST_F(Ark, AFailedStoreLeavesTheOldFileAndTheNextOneStoresAll) {
-  set("d", "k", "old");
+  const std::string temporary = ark_path + std::string(".XXXXXX");
+  set(nullptr, "key", "old");
   data_ark_store(ark_.get());
-  set("d", "k", "new");
-  const auto stored = [this] {
-    const Ref<plist::Value> entries = load_dict(path_.c_str());
-    return std::string(as_string(as_dictionary(entries.get())->get("d-k"))->view());
-  };
-  const auto log_of_failure = [this] {
-    platform_.take_lines();
-    data_ark_store(ark_.get());
-    EXPECT_EQ(data_ark_dirty_count(ark_.get()), 0u);
-    return platform_.take_texts().back();
-  };
-  const std::string temporary = path_ + ".XXXXXX";
-  fs::create_directory(temporary);
-  EXPECT_EQ(log_of_failure(), "data_ark_store: Could not store " + temporary);
-  EXPECT_EQ(stored(), "old");
-  fs::remove(temporary);
+  set(nullptr, "key", "new");
+  fs::create_directory(at(temporary));
+  data_ark_store(ark_.get());
+  EXPECT_EQ(log().back(), "data_ark_store: Could not store " + temporary);
+  EXPECT_EQ(dirty_count(), 0u);
+  EXPECT_EQ(stored(), R"({"-key": "old"})");
+  fs::remove(at(temporary));
+
   fs::remove(path_);
   fs::create_directories(path_ + "/in the way");
-  EXPECT_EQ(log_of_failure(), "data_ark_store: Problem renaming " + temporary + ": Is a directory");
-  fs::remove_all(folder_);
-  EXPECT_EQ(log_of_failure(), "data_ark_store: Could not store " + temporary);
-  fs::create_directories(folder_);
   data_ark_store(ark_.get());
-  EXPECT_EQ(stored(), "new");
+  EXPECT_EQ(log().back(), "data_ark_store: Problem renaming " + temporary + ": Is a directory");
+
+  fs::remove_all(path_);
+  data_ark_store(ark_.get());
+  EXPECT_EQ(stored(), R"({"-key": "new"})");
 }
 
-TEST_F(Ark, WhatCannotBeReadIsKeptAside) {
+TEST_F(Ark, AnUnreadableFileIsKeptUnderTheFirstFreeName) {
   ASSERT_EQ(store_dict(path_.c_str(), *create_array()), 0);
-  const std::string aside = path_ + ".unreadable", array = read_file(path_);
-  const std::pair<std::string, std::string> files[] = {{aside, "text"}, {aside + ".1", array}, {aside + ".2", ""}};
-  for (const auto& [name, bytes] : files) {
+  const std::string array = read_file(path_);
+  const std::pair<std::string, std::string> kept[] = {{path_ + ".unreadable", "no property list"},
+                                                      {path_ + ".unreadable.1", array},
+                                                      {path_ + ".unreadable.2", ""}};
+  for (const auto& [name, bytes] : kept) {
     write_file(path_, bytes);
     ark_ = data_ark_load();
-    EXPECT_EQ(platform_.take_texts().back(), "data_ark_load: Could not load " + path_);
+    EXPECT_EQ(log().back(), std::string("data_ark_load: Could not load ") + ark_path);
     data_ark_store(ark_.get());
-    EXPECT_EQ(read_file(name), bytes);
   }
-  EXPECT_EQ(read_file(aside), "text");
+  for (const auto& [name, bytes] : kept) EXPECT_EQ(read_file(name), bytes) << name;
+}
 
-  // What is no file of ours stays where it is.
-  const std::function<void()> plants[] = {[&] { fs::create_symlink("nowhere", path_); },
-                                          [&] { mkfifo(path_.c_str(), 0600); },
-                                          [&] { fs::create_directory(path_); }};
-  for (const auto& plant : plants) {
-    fs::remove(path_);
-    plant();
-    ark_ = data_ark_load();
-    EXPECT_NE(fs::symlink_status(path_).type(), fs::file_type::not_found);
+// Start-up stores at once, and by then the fault may be gone.
+TEST_F(Ark, AStoreOfNothingLeavesAFileThatCouldNeitherBeReadNorRenamed) {
+  set(nullptr, "key", "old");
+  data_ark_store(ark_.get());
+  platform_.locate_error = EIO;
+  ark_ = data_ark_load();
+  platform_.locate_error = 0;
+  data_ark_store(ark_.get());
+  EXPECT_EQ(stored(), R"({"-key": "old"})");
+
+  set(nullptr, "key", "new");
+  data_ark_store(ark_.get());
+  remove(nullptr, "key");
+  data_ark_store(ark_.get());
+  EXPECT_FALSE(fs::exists(path_)) << "the new file was the ark's own";
+}
+
+TEST_F(Ark, NothingBehindALinkIsTouched) {
+  set(nullptr, "key", "old");
+  data_ark_store(ark_.get());
+  const std::string before = read_file(path_), library = fs::path(directory_).parent_path();
+  fs::rename(library, at("/elsewhere"));
+  fs::create_directory_symlink(at("/elsewhere"), library);
+
+  ark_ = data_ark_load();
+  data_ark_store(ark_.get());
+  set(nullptr, "key", "new");
+  log();
+  data_ark_store(ark_.get());
+  EXPECT_EQ(log(), Lines{std::string("data_ark_store: Could not store ") + ark_path + ".XXXXXX"});
+  EXPECT_EQ(read_file(path_), before);
+  EXPECT_EQ(std::distance(fs::directory_iterator(directory_), {}), 1) << "files in the directory";
+}
+
+TEST_F(Ark, LoadAndStoreSurviveEveryFailedAllocation) {
+  set(nullptr, "key", "value");
+  data_ark_store(ark_.get());
+  const std::string file = read_file(path_);
+  bool failed = true;
+  for (int number = 0; failed; ++number) {
+    failed = run_with_failing_allocation(number, [&] { ark_ = data_ark_load(); });
+    if (fs::exists(path_ + ".unreadable")) fs::rename(path_ + ".unreadable", path_);
+    EXPECT_EQ(read_file(path_), file) << "the file is lost where allocation " << number << " fails";
+  }
+  failed = true;
+  for (int number = 0; failed; ++number) {
+    set(nullptr, "key", std::to_string(number).c_str());
+    failed = run_with_failing_allocation(number, [&] { data_ark_store(ark_.get()); });
+    EXPECT_EQ(dirty_count(), 0u) << "after a store whose allocation " << number << " fails";
   }
 }
 

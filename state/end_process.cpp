@@ -6,7 +6,7 @@
 
 namespace corvane {
 
-// No destructors: the other thread may still be using what they would take away.
+// Runs no destructors: the other thread may still use what they would destroy.
 void end_process(const char* function, const char* reason) {
   cv_log(function, 0, "%s", reason);
   _exit(-1);

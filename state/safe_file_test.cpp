@@ -1,123 +1,136 @@
 #include "state/safe_file.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <regex>
+#include <fts.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "platform/descriptor.h"
 #include "state/directory_tree.h"
 #include "state/plist_file.h"
 #include "state/values.h"
-#include "tests/support/test_platform.h"
+#include "tests/support/state_fixture.h"
+
+static bool walk_is_broken = false;
+
+// The linker lets state/ call this in place of fts_read.
+extern "C" FTSENT* __real_fts_read(FTS* walk);
+extern "C" FTSENT* __wrap_fts_read(FTS* walk) {
+  if (!walk_is_broken) return __real_fts_read(walk);
+  errno = ENOMEM;
+  return nullptr;
+}
 
 namespace corvane {
 namespace {
 
 namespace fs = std::filesystem;
-using Lines = std::vector<std::string>;
 
 // A root with one of everything that can be planted. No descriptor may be left at the end of a test.
-class StateFiles : public ::testing::Test {
+class StateFiles : public StateTest {
  protected:
   StateFiles() {
     umask(022);
     fs::create_directories(at("/folder/sub/deeper"));
     testing::write_file(file_, "content");
     fs::create_directories(at("/outside/kept"));
-    fs::create_symlink(at("/outside"), at("/folder/link"));
+    fs::create_directory_symlink(at("/outside"), at("/folder/link"));
     fs::create_symlink("nowhere", at("/folder/sub/dangling"));
     fs::create_directory_symlink(at("/folder"), at("/linked"));
     mkfifo(fifo_.c_str(), 0600);
   }
   ~StateFiles() override { EXPECT_EQ(testing::open_descriptors(), descriptors_); }
 
-  std::string at(const std::string& path) const { return platform_.root() + path; }
-  // What was logged, without the root and without owner and group, where these are ours.
-  Lines log() {
-    const std::regex ours(at("| uid=") + std::to_string(getuid()) + " gid=" + std::to_string(getgid()));
-    Lines lines;
-    for (const auto& [level, text] : platform_.take_lines())
-      lines.push_back(std::to_string(level) + " " + std::regex_replace(text, ours, ""));
-    return lines;
+  static std::string info(const char* path, const char* mode) {
+    const std::string owner = " uid=" + std::to_string(getuid()) + " gid=" + std::to_string(getgid());
+    return std::string("log_file_info: stat ") + path + owner + " p=" + mode;
   }
 
-  testing::TestPlatform& platform_ = testing::TestPlatform::fresh();
   const std::string folder_ = at("/folder"), file_ = at("/folder/file"), fifo_ = at("/folder/fifo");
   const plist::Ref<plist::MutableDictionary> value_ = create_dict();
   size_t descriptors_ = testing::open_descriptors();
 };
 
-TEST_F(StateFiles, WhatIsNotWantedIsRefusedWithoutHanging) {
-  const std::tuple<const char*, int, mode_t, const char*> cases[] = {
-      {"/folder/link", 0, S_IFREG, "5 _safe_open: open(/folder/link) failed: Too many levels of symbolic links"},
-      {"/linked/file", 0, S_IFREG,
-       "5 _safe_open: path /linked/file was actually /folder/file, something fishy is going on"},
-      {"/folder/fifo", 0, S_IFREG, "5 _safe_open: /folder/fifo type is 4096, not 32768"},
-      {"/folder/fifo", O_WRONLY, S_IFREG, "5 _safe_open: open(/folder/fifo) failed: No such device or address"},
-      {"/new", O_CREAT, S_IFREG, "7 safe_open: safe_open can't be used to create /new"}};
-  for (const auto& [path, flags, type, line] : cases) {
-    EXPECT_EQ(safe_open(at(path).c_str(), flags, type), -1) << line;
-    EXPECT_EQ(log(), Lines{line});
+// Sets a limit of this process, and answers what it was.
+rlim_t set_limit(__rlimit_resource resource, rlim_t value) {
+  rlimit limit;
+  getrlimit(resource, &limit);
+  const rlim_t before = std::exchange(limit.rlim_cur, value);
+  EXPECT_EQ(setrlimit(resource, &limit), 0);
+  return before;
+}
+
+TEST_F(StateFiles, WhatIsNotWantedIsRefusedWithoutWaiting) {
+  const std::tuple<const char*, int, mode_t, int, const char*> refusals[] = {
+      {"/folder/link", 0, S_IFREG, ELOOP, "open(/folder/link) failed: Too many levels of symbolic links"},
+      {"/folder/fifo", O_WRONLY, S_IFREG, ENXIO, "open(/folder/fifo) failed: No such device or address"},
+      {"/linked/file", 0, S_IFREG, ELOOP,
+       "path /linked/file was actually /folder/file, something fishy is going on"},
+      {"/folder/", 0, S_IFDIR, ELOOP, "path /folder/ was actually /folder, something fishy is going on"},
+      {"/folder", 0, S_IFREG, EISDIR, "/folder type is 16384, not 32768"},
+      {"/folder/file", 0, S_IFDIR, ENOTDIR, "/folder/file type is 32768, not 16384"},
+      {"/folder/fifo", 0, S_IFREG, EINVAL, "/folder/fifo type is 4096, not 32768"}};
+  for (const auto& [path, flags, type, error, reason] : refusals) {
+    errno = 0;
+    EXPECT_EQ(safe_open(at(path).c_str(), flags, type), -1) << reason;
+    EXPECT_EQ(errno, error) << reason;
+    EXPECT_EQ(log(), Lines{std::string("to the system log: _safe_open: ") + reason});
   }
+}
+
+TEST_F(StateFiles, OnlySafeCreateCreates) {
+  errno = 0;
+  EXPECT_EQ(safe_open(at("/new").c_str(), O_CREAT, S_IFREG), -1);
   EXPECT_EQ(std::exchange(errno, 0), EINVAL);
   EXPECT_EQ(safe_create(at("/new").c_str(), O_WRONLY, 0600, S_IFREG), -1);
   EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(log(), (Lines{"safe_open: safe_open can't be used to create /new",
+                          "to the system log: safe_create: safe_create requires O_CREAT /new"}));
   EXPECT_FALSE(fs::exists(at("/new")));
-  platform_.locate_error = EIO;
-  EXPECT_EQ(safe_open(file_.c_str(), O_RDONLY, S_IFREG), -1);
-  EXPECT_EQ(safe_bundle(file_.c_str(), nullptr, 0), -1);
-  EXPECT_EQ(errno, EIO);
-  EXPECT_EQ(log(), (Lines{"5 safe_create: safe_create requires O_CREAT /new",
-                          "5 _safe_open: FDLOCATE(/folder/file) failed: Input/output error",
-                          "7 safe_bundle: FDLOCATE(/folder/file) failed: Input/output error"}));
-}
-
-TEST_F(StateFiles, WhatIsWantedIsOpened) {
   const Descriptor created(safe_create(at("/new").c_str(), O_WRONLY | O_CREAT, 0600, S_IFREG));
   EXPECT_EQ(fs::status(at("/new")).permissions(), fs::perms(0600));
-  // A FIFO blocks its reader unless that is not wanted.
-  for (const int asked : {0, O_NONBLOCK}) {
-    const Descriptor fifo(safe_open(fifo_.c_str(), O_RDONLY | asked, S_IFIFO));
-    EXPECT_EQ(fcntl(fifo.number(), F_GETFL) & O_NONBLOCK, asked);
-  }
-  EXPECT_EQ(log(), Lines{});
+}
+
+TEST_F(StateFiles, WhatTheSystemCannotLocateIsRefused) {
+  platform_.locate_error = EIO;
+  EXPECT_EQ(safe_open(file_.c_str(), O_RDONLY, S_IFREG), -1);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(safe_bundle(file_.c_str(), nullptr, 0), -1);
+  EXPECT_EQ(log(), (Lines{"to the system log: _safe_open: FDLOCATE(/folder/file) failed: Input/output error",
+                          "safe_bundle: FDLOCATE(/folder/file) failed: Input/output error"}));
+}
+
+TEST_F(StateFiles, AReaderOfAFifoWaitsUnlessThatIsNotWanted) {
+  const Descriptor waiting(safe_open(fifo_.c_str(), O_RDONLY, S_IFIFO));
+  EXPECT_EQ(fcntl(waiting.number(), F_GETFL) & O_NONBLOCK, 0);
+  const Descriptor not_waiting(safe_open(fifo_.c_str(), O_RDONLY | O_NONBLOCK, S_IFIFO));
+  EXPECT_EQ(fcntl(not_waiting.number(), F_GETFL) & O_NONBLOCK, O_NONBLOCK);
 }
 
 TEST_F(StateFiles, ABundlePathIsWrittenOnlyBelowAnAllowedDirectory) {
-  const std::string own = at("/private/var/mobile/Library/Carrier Bundle.bundle/file");
-  const std::string other = at("/System/Library/Carrier Bundles/Slat/file");
-  const std::tuple<std::string, size_t, std::string> cases[] = {
-      {own, own.size() + 1, own},
-      {own, own.size(), own.substr(0, own.size() - 1)},
-      {own, 0, "before"},
-      {other, 1024, "before"},
-      // So small a buffer compares no further than the root that all of these paths share.
-      {other, 4, other.substr(0, 3)}};
-  for (const auto& [target, size, result] : cases) {
-    fs::create_directories(target);
-    fs::remove(at("/leads"));
-    fs::create_symlink(target, at("/leads"));
-    char resolved[1024] = "before";
-    EXPECT_EQ(safe_bundle(at("/leads").c_str(), resolved, size), 0);
-    EXPECT_EQ(resolved, result) << target << " " << size;
-  }
+  const std::string allowed = at("/private/var/mobile/Library/Carrier Bundle.bundle/file");
+  fs::create_directories(allowed);
+  char resolved[1024] = "before";
+  EXPECT_EQ(safe_bundle(file_.c_str(), resolved, sizeof resolved), 0);
+  EXPECT_STREQ(resolved, "before");
+  EXPECT_EQ(safe_bundle(allowed.c_str(), resolved, allowed.size()), 0);
+  EXPECT_EQ(resolved, allowed.substr(0, allowed.size() - 1)) << "cut for the terminator";
+  EXPECT_EQ(safe_bundle(file_.c_str(), resolved, 4), 0);
+  EXPECT_EQ(resolved, file_.substr(0, 3)) << "a small buffer compares only the root, which both paths begin with";
 }
 
 TEST(PathNames, AreCutInPlace) {
-  const std::tuple<const char*, const char*, const char*> cases[] = {
-      {"/a/b", "/a", "b"}, {"a//b", "a", "b"}, {"/a", "/", "a"},       {"a", ".", "a"},   {"/", "/", "/"},
-      {"///", "/", "/"},   {"a/", ".", "a"},   {"/a//b//", "/a", "b"}, {"//a", "/", "a"}, {"", "", ""}};
+  const std::tuple<const char*, const char*, const char*> cases[] = {{"/a//b//", "/a", "b"}, {"a/b", "a", "b"},
+                                                                     {"//a", "/", "a"},      {"a/", ".", "a"},
+                                                                     {"///", "/", "/"},      {"", "", ""}};
   for (const auto& [path, dirname, basename] : cases) {
     char buffer[16];
     EXPECT_STREQ(path_dirname(std::strcpy(buffer, path)), dirname) << path;
     EXPECT_STREQ(path_basename(std::strcpy(buffer, path)), basename) << path;
   }
-  EXPECT_TRUE(path_dirname(nullptr) == nullptr && path_basename(nullptr) == nullptr);
 }
 
 TEST_F(StateFiles, AStoredFileKeepsItsModeAndLoadsAsAsked) {
@@ -129,81 +142,87 @@ TEST_F(StateFiles, AStoredFileKeepsItsModeAndLoadsAsAsked) {
   ASSERT_EQ(store_dict(path.c_str(), *value_), 0);
   EXPECT_EQ(fs::status(path).permissions(), fs::perms(0600));
   EXPECT_EQ(testing::read_file(path).substr(0, 8), "bplist00");
-  for (const bool immutable : {true, false}) {
-    const auto loaded = _load_dict(path.c_str(), immutable);
-    ASSERT_TRUE(plist::equal(loaded.get(), value_.get()));
-    EXPECT_EQ(loaded->is_mutable(), !immutable);
-  }
+  ASSERT_TRUE(plist::equal(load_dict(path.c_str()).get(), value_.get()));
+  EXPECT_FALSE(load_dict(path.c_str())->is_mutable());
+  EXPECT_TRUE(load_mutable_dict(path.c_str())->is_mutable());
 }
 
-TEST_F(StateFiles, FailedStoresAndLoadsAreLoggedInOrder) {
-  // The kernel gives less of this file than its size promises.
-  constexpr char short_file[] = "/sys/devices/system/cpu/online";
-  if (!fs::exists(short_file)) GTEST_SKIP() << "there is no " << short_file << " here";
+TEST_F(StateFiles, FailedStoresSayWhy) {
   value_->set("itself", value_);  // nested deeper than a file can be
   EXPECT_EQ(store_dict(file_.c_str(), *value_), -1);
   EXPECT_EQ(testing::read_file(file_), "content");
+  EXPECT_EQ(log(), Lines{"store_dict: Could not serialize dictionary to stream"});
   value_->remove("itself");
+
   EXPECT_EQ(store_dict(fifo_.c_str(), *value_), -1);
-  EXPECT_EQ(errno, ENXIO);
-  EXPECT_FALSE(load_dict(at("/folder/sub/dangling").c_str()));
-  EXPECT_EQ(errno, ELOOP);
-  EXPECT_FALSE(load_mutable_dict(file_.c_str()));
+  EXPECT_EQ(log(), (Lines{"to the system log: _safe_open: open(/folder/fifo) failed: No such device or address",
+                          "store_dict: Could not create /folder/fifo: No such device or address",
+                          info("/folder/fifo", "10600"), info("/folder", "40755")}));
+  // The kernel cuts a write at the limit.
+  const rlim_t usual_size = set_limit(RLIMIT_FSIZE, 10);
   errno = 0;
-  EXPECT_FALSE(load_dict(short_file));
+  EXPECT_EQ(store_dict(file_.c_str(), *value_), -1);
+  EXPECT_EQ(errno, ENOSPC);
+  set_limit(RLIMIT_FSIZE, usual_size);
+  EXPECT_EQ(log(), (Lines{"store_dict: Could not write to /folder/file: No space left on device",
+                          info("/folder/file", "100644"), info("/folder", "40755")}));
+}
+
+TEST_F(StateFiles, FailedLoadsSayWhy) {
+  EXPECT_FALSE(load_dict(file_.c_str()));
+  EXPECT_EQ(log(), Lines{"_load_dict: Could not create dictionary from stream"});
+
   // Of all failures only this one is allowed to leave its descriptor.
   fs::resize_file(file_, uintmax_t{1} << 32);
   EXPECT_FALSE(load_dict(file_.c_str()));
+  EXPECT_EQ(log(), Lines{"_load_dict: too big for our purposes"});
   ++descriptors_;
-  EXPECT_EQ(log(), (Lines{"7 store_dict: Could not serialize dictionary to stream",
-                          "5 _safe_open: open(/folder/fifo) failed: No such device or address",
-                          "7 store_dict: Could not create /folder/fifo: No such device or address",
-                          "7 log_file_info: stat /folder/fifo p=10600", "7 log_file_info: stat /folder p=40755",
-                          "5 _safe_open: open(/folder/sub/dangling) failed: Too many levels of symbolic links",
-                          "7 _load_dict: Could not open /folder/sub/dangling: Too many levels of symbolic links",
-                          "7 log_file_info: Can't stat /folder/sub/dangling: No such file or directory",
-                          "7 log_file_info: stat /folder/sub p=40755",
-                          "7 _load_dict: Could not create dictionary from stream",
-                          "7 _load_dict: Could not read /sys/devices/system/cpu/online: Success",
-                          "7 _load_dict: too big for our purposes"}));
+
+  // The kernel gives less of this file than its size promises.
+  constexpr char short_file[] = "/sys/devices/system/cpu/online";
+  if (!fs::exists(short_file)) GTEST_SKIP() << "there is no " << short_file << " here";
+  errno = 0;
+  EXPECT_FALSE(load_dict(short_file));
+  EXPECT_EQ(log(), Lines{std::string("_load_dict: Could not read ") + short_file + ": Input/output error"});
 }
 
 TEST_F(StateFiles, ATreeIsEmptiedDownToItsRootWithoutFollowingLinks) {
-  // Of the root 1,024 characters count, which here leaves the folder.
-  const std::string root = folder_ + std::string(1024 - folder_.size(), '/') + "cut";
-  EXPECT_EQ(empty_directory_ignoring_path(root.c_str(), 0, at("/linked/file").c_str()), 0);
-  EXPECT_EQ(std::distance(fs::directory_iterator(folder_), {}), 1);
-  EXPECT_EQ(empty_directory_ignoring_path(at("/linked").c_str(), 0, "/missing"), 0);
-  EXPECT_TRUE(fs::is_empty(folder_) && fs::is_symlink(at("/linked")) && fs::exists(at("/outside/kept")));
+  EXPECT_EQ(empty_directory_ignoring_path(folder_.c_str(), 0, at("/linked/file").c_str()), 0);
+  EXPECT_EQ(log(), Lines{"empty_directory_ignoring_path: ignoring unlink of /folder/file"});
+  EXPECT_TRUE(fs::exists(file_));
+  EXPECT_EQ(is_empty_path(at("/linked").c_str()), 0);
+  EXPECT_EQ(empty_directory_ignoring_path(at("/linked").c_str(), 2, "/missing"), 0) << "bit 1 is not set";
+  EXPECT_EQ(log(), Lines{"empty_directory_ignoring_path: ignorePath /missing was invalid"});
+  EXPECT_EQ(is_empty_path(folder_.c_str()), 1);
+  EXPECT_TRUE(fs::exists(at("/outside/kept")));
   EXPECT_EQ(empty_directory_ignoring_path(folder_.c_str(), remove_root, nullptr), 0);
   EXPECT_FALSE(fs::exists(folder_));
-  EXPECT_EQ(log(), (Lines{"7 empty_directory_ignoring_path: ignoring unlink of /folder/file",
-                          "7 empty_directory_ignoring_path: ignorePath /missing was invalid"}));
 }
 
-// Both subdirectories hold what must be kept; the first one that cannot be removed ends the work.
-TEST_F(StateFiles, EmptyingStopsAtTheFirstFailure) {
-  for (const char* name : {"/two/one", "/two/other"}) {
-    fs::create_directories(at(name));
-    testing::write_file(at(name) + "/file", "");
-    fs::create_symlink(at("/outside"), at(name) + "/kept");
-  }
-  EXPECT_EQ(empty_directory_ignoring_path(at("/two").c_str(), 0, at("/outside").c_str()), 1);
-  EXPECT_NE(fs::exists(at("/two/one/file")), fs::exists(at("/two/other/file")));
-  EXPECT_TRUE(fs::is_symlink(at("/two/one/kept")) && fs::is_symlink(at("/two/other/kept")));
-  EXPECT_TRUE(log().at(1).ends_with(": Directory not empty"));
+TEST_F(StateFiles, EmptyingEndsAtTheFirstFailure) {
+  const std::string kept = at("/folder/sub/deeper/kept");
+  testing::write_file(kept, "");
+  EXPECT_EQ(empty_directory_ignoring_path(folder_.c_str(), remove_root, kept.c_str()), 1);
+  EXPECT_EQ(log(), (Lines{"empty_directory_ignoring_path: ignoring unlink of /folder/sub/deeper/kept",
+                          "empty_directory_ignoring_path: rmdir /folder/sub/deeper: Directory not empty",
+                          info("/folder/sub/deeper", "40755"), info("/folder/sub", "40755")}));
   // The kernel lets nobody, not even root, unlink what it shows here.
   EXPECT_EQ(empty_directory("/proc/self/fdinfo"), 1);
-  EXPECT_TRUE(log().at(0).starts_with("7 empty_directory_ignoring_path: unlink /proc/self/fdinfo/"));
+  EXPECT_TRUE(log().at(0).starts_with("empty_directory_ignoring_path: unlink /proc/self/fdinfo/"));
 }
 
-TEST_F(StateFiles, IsEmptyPathSeesAnyEntryOfADirectory) {
-  const std::pair<const char*, int> cases[] = {
-      {"/folder", 0}, {"/linked", 0}, {"/folder/sub", 0}, {"/folder/sub/deeper", 1}, {"/none", 1}};
-  for (const auto& [path, empty] : cases) EXPECT_EQ(is_empty_path(at(path).c_str()), empty) << path;
-  EXPECT_EQ(is_empty_path("") + empty_directory(""), 2);
-  EXPECT_EQ(log(), (Lines{"7 is_empty_path: fts_open: No such file or directory",
-                          "7 empty_directory_ignoring_path: fts_open: No such file or directory"}));
+TEST_F(StateFiles, EmptyingAnswers1ForWhatItCouldNotRead) {
+  const rlim_t usual_number = set_limit(RLIMIT_NOFILE, 0);
+  EXPECT_EQ(empty_directory(folder_.c_str()), 1) << "no directory can be opened";
+  set_limit(RLIMIT_NOFILE, usual_number);
+  walk_is_broken = true;
+  EXPECT_EQ(empty_directory(folder_.c_str()), 1) << "the walk breaks off";
+  walk_is_broken = false;
+  EXPECT_TRUE(fs::exists(file_));
+  EXPECT_EQ(is_empty_path(""), 1);
+  EXPECT_EQ(empty_directory(""), 1);
+  EXPECT_EQ(log(), (Lines{"is_empty_path: fts_open: No such file or directory",
+                          "empty_directory_ignoring_path: fts_open: No such file or directory"}));
 }
 
 }  // namespace

@@ -9,8 +9,8 @@
 
 /// Small operations on property-list values that the whole daemon uses.
 ///
-/// Running out of memory while a container is built is not recoverable: where it says so below, a function
-/// logs one line and ends the process with exit status -1, so that callers never test its result.
+/// Where its description says so, a function that runs out of memory logs one line and ends the process with exit
+/// status -1. Its callers need not test its result.
 namespace corvane {
 
 /// A new empty mutable dictionary, owned; never null. Ends the process where memory is out.
@@ -19,9 +19,8 @@ plist::Ref<plist::MutableDictionary> create_dict();
 /// A new empty mutable array, owned; never null. Ends the process where memory is out.
 plist::Ref<plist::MutableArray> create_array();
 
-/// A mutable copy, owned, of a dictionary (one level: the entries are shared) or of a data value. The
-/// argument's reference is consumed. Ends the process for null, for every other kind, and where memory is
-/// out.
+/// A mutable copy, owned, of a dictionary (one level: the entries are shared) or of a data value. Consumes the
+/// argument's reference. Ends the process for null, for every other kind, and where memory is out.
 plist::Ref<plist::Value> make_mutable(plist::Ref<plist::Value> value);
 
 /// Adds a number of 32-bit integer kind, only if the key is absent. Ends the process where memory is out.
@@ -31,7 +30,7 @@ void DictionaryAddInt(plist::MutableDictionary& dictionary, std::string_view key
 /// is out.
 plist::Ref<plist::MutableArray> copy_keys(const plist::Dictionary* dictionary);
 
-/// The value under the dictionary's first key, borrowed; null when it is empty.
+/// The value under the dictionary's first key, borrowed; null when the dictionary is empty.
 plist::Value* _extract_first_item(const plist::Dictionary& dictionary);
 
 /// Releases the value, if there is one, and leaves null behind. Always 0.
@@ -41,7 +40,8 @@ int release_if_set(plist::Ref<T>& value) {
   return 0;
 }
 
-// The same value, borrowed, where it is of exactly that kind; otherwise null. Null gives null.
+// Each answers its argument, borrowed, where that is of exactly the kind asked for; otherwise, also for null,
+// null.
 inline plist::Number* as_number(plist::Value* value) { return plist::cast<plist::Number>(value); }
 inline plist::Dictionary* as_dictionary(plist::Value* value) { return plist::cast<plist::Dictionary>(value); }
 inline plist::Array* as_array(plist::Value* value) { return plist::cast<plist::Array>(value); }
@@ -50,9 +50,9 @@ inline plist::Data* as_data(plist::Value* value) { return plist::cast<plist::Dat
 inline plist::Date* as_date(plist::Value* value) { return plist::cast<plist::Date>(value); }
 inline plist::Boolean* as_boolean(plist::Value* value) { return plist::cast<plist::Boolean>(value); }
 
-// Snapshot iteration: one call for each element that the container holds when the iteration begins, in its
-// order. Keys and values are retained until the end and lent to the callback, which may change the container.
-// Throws std::bad_alloc, before the first call, where memory is out.
+// Snapshot iteration: calls back once for each element that the container holds when the iteration begins, in the
+// container's order. The callback borrows keys and values, and may change the container. Throws std::bad_alloc,
+// before the first call, where memory is out.
 
 template <std::invocable<plist::String*, plist::Value*> Callback>
 void dict_apply_block(const plist::Dictionary& dictionary, Callback&& callback) {

@@ -1,0 +1,33 @@
+#include "tests/support/failing_allocation.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+constexpr int none = -1;
+
+int calls_before_failure = none;
+
+struct Reset {
+  ~Reset() { calls_before_failure = none; }
+};
+
+}  // namespace
+
+void* operator new(size_t size) {
+  const bool fails = calls_before_failure != none && calls_before_failure-- == 0;
+  void* memory = fails ? nullptr : std::malloc(size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+// When g++ inlines them without operator new it warns of a mismatch.
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+
+bool corvane::testing::run_with_failing_allocation(int number, const std::function<void()>& action) {
+  const Reset reset;
+  calls_before_failure = number;
+  action();
+  return calls_before_failure == none;
+}
