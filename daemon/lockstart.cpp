@@ -4,10 +4,10 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "daemon/log/cv_log.h"
 #include "device/telephony.h"
+#include "platform/descriptor.h"
 #include "state/safe_file.h"
 #include "state/state_directory.h"
 
@@ -23,14 +23,13 @@ void create_state_directory(const char* path) {
   log_path_and_parent(path);
 }
 
-// A directory that an earlier version or a hand made keeps its own mode until it is forced here.
+// mkdir does not change the mode of a directory that is already there.
 void force_state_directory_mode(const char* path) {
-  const int directory = safe_open(path, O_NOFOLLOW, S_IFDIR);
-  if (directory < 0) return cv_log("lockstart_local", 0, "couldn't open %s", path);
-  if (fchmod(directory, state_directory_mode) != 0) {
+  const Descriptor directory(safe_open(path, O_NOFOLLOW, S_IFDIR));
+  if (!directory.is_open()) return cv_log("lockstart_local", 0, "couldn't open %s", path);
+  if (fchmod(directory.number(), state_directory_mode) != 0) {
     cv_log("lockstart_local", 0, "Could not chmod %s: %s", path, std::strerror(errno));
   }
-  close(directory);
 }
 
 }  // namespace
