@@ -1,5 +1,5 @@
-// A data ark's file as it may be found, then operations on what was loaded, held against a plain map, then a
-// store and another load. The input: how many operations, four bytes for each, and the file.
+// Loads a data ark from an arbitrary file, runs operations on it, and compares its answers with those of a plain
+// map; then stores it and loads it again. The input: the number of operations, four bytes for each, and the file.
 
 #include <algorithm>
 #include <cstdint>
@@ -22,7 +22,7 @@ using testing::TestPlatform;
 
 namespace {
 
-/// What an ark must answer, kept in the plainest way.
+/// A plain map that gives the answers an ark must give.
 class Model {
  public:
   explicit Model(std::string_view file) {
@@ -57,10 +57,11 @@ class Model {
   const std::map<std::string, Ref<plist::Value>>& values() const { return values_; }
   bool exists() const { return exists_; }
 
-  /// What a new load finds of what was stored.
+  /// Keeps what a store writes and a load reads.
   void reload() {
-    std::erase_if(values_,
-                  [this](const auto& entry) { return (attributes(entry.first) & (1u << 1 | 1u << 7)) != 0; });
+    std::erase_if(values_, [this](const auto& entry) {
+      return (attributes(entry.first) & (1u << ARK_NOT_STORED | 1u << ARK_ALSO_NOT_STORED)) != 0;
+    });
     attributes_.clear();
     exists_ = !values_.empty();
   }
@@ -71,15 +72,15 @@ class Model {
   std::map<std::string, unsigned> attributes_;
 };
 
-/// One key, as the ark and as the model want it.
+/// One key: in two parts for the ark, and composed for the model.
 struct Key {
   Key(Ref<String> domain_part, Ref<String> key_part) : domain(std::move(domain_part)), key(std::move(key_part)) {
-    own = (domain ? std::string(domain->view()) : "") + "-";
-    full = own + (key ? std::string(key->view()) : "");
+    domain_key = (domain ? std::string(domain->view()) : "") + "-";
+    full = domain_key + (key ? std::string(key->view()) : "");
   }
   Ref<String> domain;
   Ref<String> key;
-  std::string own;
+  std::string domain_key;
   std::string full;
 };
 
@@ -103,7 +104,7 @@ class Run {
   }
 
  private:
-  // A callback lives no longer than the ark that was given it.
+  // Runs the callbacks that are scheduled, because they end with the ark that they were registered with.
   void load() {
     testing::TestPlatform::installed().run_main_queue();
     ark_ = data_ark_load();
@@ -121,11 +122,11 @@ class Run {
   DataArk ark_;
 };
 
-// Few enough that operations meet, and among them those of the file.
+// So few keys that operations meet on them; some are keys of the file.
 Key Run::key(uint8_t byte) const {
   static const Ref<String> parts[] = {nullptr, String::create(""), String::create("a"), String::create("a-b")};
   if (byte < 128 || found_.empty()) return {parts[byte & 3], parts[byte >> 2 & 3]};
-  // A key without its separator cannot be asked for.
+  // No operation can ask for a composed key that has no separator. As a key without a domain it is another one.
   const std::string& composed = found_[byte % found_.size()];
   const size_t separator = composed.find('-');
   if (separator == composed.npos) return {nullptr, String::create(composed)};
@@ -157,7 +158,7 @@ void Run::operate(const uint8_t (&bytes)[4]) {
     case 0:
     case 1:
       ENSURE(data_ark_set(ark, domain, name, value(bytes[2]).get()) == 0);
-      model_.set(at.own, at.full, name != nullptr, value(bytes[2]));
+      model_.set(at.domain_key, at.full, name != nullptr, value(bytes[2]));
       break;
     case 2:
       ENSURE((data_ark_remove(ark, domain, name) == 0) == model_.remove(at.full));
@@ -177,8 +178,8 @@ void Run::operate(const uint8_t (&bytes)[4]) {
       break;
     case 6:
       expect_domain(at);
-      data_ark_get_int(ark, domain, name);
-      data_ark_get_int64(ark, domain, name);
+      ENSURE(data_ark_get_int(ark, domain, name) == 0 || name != nullptr);
+      ENSURE(data_ark_get_int64(ark, domain, name) == 0 || name != nullptr);
       break;
     case 7:
       store_and_load();
@@ -199,8 +200,8 @@ void Run::expect_domain(const Key& at) const {
   if (entries == nullptr) return;
   size_t count = 0;
   for (const auto& [key, value] : model_.values()) {
-    if (!key.starts_with(at.own)) continue;
-    ENSURE(plist::equal(entries->get(key.substr(at.own.size())), value.get()));
+    if (!key.starts_with(at.domain_key)) continue;
+    ENSURE(plist::equal(entries->get(key.substr(at.domain_key.size())), value.get()));
     ++count;
   }
   ENSURE(entries->size() == count);
@@ -238,7 +239,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     }
     run.store_and_load();
   }
-  // What could not be read is kept aside, and must not be there for the next input.
+  // A file that could not be read was renamed, and must not be there for the next input.
   for (const auto& entry : std::filesystem::directory_iterator(folder)) std::filesystem::remove(entry.path());
   platform.take_lines();
   platform.posted.clear();
