@@ -241,9 +241,8 @@ TEST_F(Ark, AFailedStoreLeavesTheOldFileAndTheNextOneStoresAll) {
 
 TEST_F(Ark, AnUnreadableFileIsKeptUnderTheFirstFreeName) {
   ASSERT_EQ(store_dict(path_.c_str(), *create_array()), 0);
-  const std::string array = read_file(path_);
   const std::pair<std::string, std::string> kept[] = {{path_ + ".unreadable", "no property list"},
-                                                      {path_ + ".unreadable.1", array},
+                                                      {path_ + ".unreadable.1", read_file(path_)},
                                                       {path_ + ".unreadable.2", ""}};
   for (const auto& [name, bytes] : kept) {
     write_file(path_, bytes);

@@ -14,12 +14,13 @@
 #include "state/values.h"
 #include "tests/support/state_fixture.h"
 
-static bool walk_is_broken = false;
+static bool walk_breaks_off = false;
 
 // The linker lets state/ call this in place of fts_read.
 extern "C" FTSENT* __real_fts_read(FTS* walk);
 extern "C" FTSENT* __wrap_fts_read(FTS* walk) {
-  if (!walk_is_broken) return __real_fts_read(walk);
+  FTSENT* entry = __real_fts_read(walk);
+  if (!walk_breaks_off || entry->fts_info == FTS_D) return entry;
   errno = ENOMEM;
   return nullptr;
 }
@@ -215,9 +216,9 @@ TEST_F(StateFiles, EmptyingAnswers1ForWhatItCouldNotRead) {
   const rlim_t usual_number = set_limit(RLIMIT_NOFILE, 0);
   EXPECT_EQ(empty_directory(folder_.c_str()), 1) << "no directory can be opened";
   set_limit(RLIMIT_NOFILE, usual_number);
-  walk_is_broken = true;
+  walk_breaks_off = true;
   EXPECT_EQ(empty_directory(folder_.c_str()), 1) << "the walk breaks off";
-  walk_is_broken = false;
+  walk_breaks_off = false;
   EXPECT_TRUE(fs::exists(file_));
   EXPECT_EQ(is_empty_path(""), 1);
   EXPECT_EQ(empty_directory(""), 1);
