@@ -6,17 +6,17 @@
 /// Opening files by path so that a link planted in a file's place, a path that leads somewhere else, and an
 /// object of the wrong type are refused and reported. Any thread.
 ///
-/// Paths must be absolute and fully resolved: a path is refused where the system knows the object by another one.
+/// Paths must be absolute and fully resolved: a path is refused if the system knows the object by another path.
 /// Opening never waits, not even for the other end of a FIFO, and never acquires a controlling terminal.
 /// Descriptors are close-on-exec.
 namespace corvane {
 
 /// Opens `path` with `flags` and O_NOFOLLOW. `expected_type` is a file type of stat's mode, such as S_IFREG.
 ///
-/// The descriptor, which the caller closes, or -1 with one line logged and errno set: as the failing call set it;
-/// to ELOOP for a path that leads elsewhere; for another type than the expected one to ENOTDIR where a directory
-/// was expected, to EISDIR for a directory, otherwise to EINVAL. What O_CREAT created or O_TRUNC cut before a
-/// refusal stays so.
+/// The descriptor, which the caller closes, or -1 with one line logged and errno set: by the call that failed; to
+/// ELOOP if the path leads elsewhere; if the object has another type, to ENOTDIR where a directory was expected,
+/// to EISDIR where a directory was found, and to EINVAL otherwise. A file that O_CREAT created or O_TRUNC cut
+/// before the refusal stays that way.
 ///
 /// Reading and writing the descriptor waits, unless `flags` have O_NONBLOCK.
 int _safe_open(const char* path, int flags, mode_t mode, mode_t expected_type);

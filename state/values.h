@@ -40,8 +40,7 @@ int release_if_set(plist::Ref<T>& value) {
   return 0;
 }
 
-// Each answers its argument, borrowed, where that is of exactly the kind asked for; otherwise, also for null,
-// null.
+// The same value, borrowed, if it is of exactly that kind; otherwise null. Null gives null.
 inline plist::Number* as_number(plist::Value* value) { return plist::cast<plist::Number>(value); }
 inline plist::Dictionary* as_dictionary(plist::Value* value) { return plist::cast<plist::Dictionary>(value); }
 inline plist::Array* as_array(plist::Value* value) { return plist::cast<plist::Array>(value); }
