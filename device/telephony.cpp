@@ -18,7 +18,8 @@ namespace {
 
 constexpr std::string_view phone_number_changed = "com.norvane.mobile.keelhold.phone_number_changed";
 
-// A phone number is copied out through a buffer of this size, its terminator counted.
+// The size of the buffer, with its terminator, that a phone number is held against. Nothing is copied: whoever
+// reads the log only learns that the number would not fit.
 constexpr size_t phone_number_capacity = 1024;
 
 constexpr std::string_view withheld_keys[] = {
@@ -158,8 +159,9 @@ bool lookup_baseband_info_new(data_ark* ark) {
   return true;
 }
 
-void handle_sim_notification(data_ark* ark, const String& name) {
-  if (!baseband_class_above_one() && name.view() == telvo_sim_inserted) post_phone_number_changed();
+void handle_sim_notification(data_ark* ark, const String* name) {
+  if (!baseband_class_above_one() && name != nullptr && name->view() == telvo_sim_inserted)
+    post_phone_number_changed();
   if (lookup_baseband_info(ark) && radio_change_hook != nullptr) radio_change_hook(ark);
 }
 
@@ -190,7 +192,7 @@ void sim_notification_callback(TelephonyCentre*, void* observer, const String* n
                                const plist::Dictionary*) {
   const Ref<String> kept_name(const_cast<String*>(name));
   platform().request_queue().submit(
-      [ark = static_cast<data_ark*>(observer), kept_name] { handle_sim_notification(ark, *kept_name); });
+      [ark = static_cast<data_ark*>(observer), kept_name] { handle_sim_notification(ark, kept_name.get()); });
 }
 
 void set_radio_change_hook(RadioChangeHook hook) { radio_change_hook = hook; }
