@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "platform/platform.h"
 #include "plist/entitlements_blob.h"
@@ -20,7 +21,11 @@ int fail(int error) {
 int sigq(int32_t pid, unsigned operation, void* buffer, size_t size) {
   if (operation != sigq_entitlements || size < plist::entitlements_header_size) return fail(EINVAL);
   std::string blob;
-  if (const int error = platform().code_signing().copy_entitlements_blob(pid, blob)) return fail(error);
+  try {
+    if (const int error = platform().code_signing().copy_entitlements_blob(pid, blob)) return fail(error);
+  } catch (const std::bad_alloc&) {
+    return fail(ENOMEM);
+  }
   if (blob.empty()) return 0;
   if (!plist::is_entitlements_blob_whole(blob)) return fail(EINVAL);
   const bool fits = blob.size() <= size;

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "daemon/log/cv_log.h"
 #include "platform/code_signing.h"
@@ -51,7 +52,7 @@ Ref<plist::Dictionary> parse(const Ref<plist::Data>& blob, size_t length) {
 
 }  // namespace
 
-Ref<plist::Dictionary> copy_entitlements_for_pid(int32_t pid) {
+Ref<plist::Dictionary> copy_entitlements_for_pid(int32_t pid) try {
   const Ref<plist::Data> blob = copy_blob(pid);
   if (!blob) return nullptr;
   const char* const bytes = blob->bytes().data();
@@ -62,6 +63,8 @@ Ref<plist::Dictionary> copy_entitlements_for_pid(int32_t pid) {
   const size_t length = plist::load_big_endian<4>(bytes + length_offset);
   if (length <= plist::entitlements_header_size) return nullptr;
   return parse(blob, length);
+} catch (const std::bad_alloc&) {
+  return nullptr;
 }
 
 }  // namespace corvane
