@@ -13,18 +13,27 @@ namespace corvane {
 
 namespace {
 
-// An access control list that lets others write shows as the group's right.
+// An access control list that lets others write shows in the group's write bit.
 bool only_root_can_write(const struct stat& status) {
   return status.st_uid == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+bool process_exists(const std::string& folder) {
+  struct stat status {};
+  return stat(folder.c_str(), &status) == 0;
 }
 
 }  // namespace
 
 int LinuxCodeSigning::copy_entitlements_blob(int32_t pid, std::string& blob) {
-  // The link leads to the file that runs, wherever its name is now; and the descriptor stays with it.
-  const std::string link = "/proc/" + std::to_string(pid) + "/exe";
-  const Descriptor executable(open(link.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  if (!executable.is_open()) return errno == ENOENT ? ESRCH : errno;
+  // The link leads to the file that runs, even after it was renamed, and the descriptor stays with that file.
+  const std::string process = "/proc/" + std::to_string(pid);
+  const Descriptor executable(open((process + "/exe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!executable.is_open()) {
+    if (errno != ENOENT) return errno;
+    // Kernel threads and zombies have no executable.
+    return process_exists(process) ? 0 : ESRCH;
+  }
 
   struct stat status {};
   struct statvfs mount {};
