@@ -20,9 +20,9 @@ using plist::Ref;
 namespace {
 
 // The profile's keys for the queries, in the order of TelvoServerConnection::Query.
-constexpr std::string_view query_keys[] = {"SIMIdentity",         "SubscriberIdentity", "FirmwareVersion",
-                                           "BootloaderVersion",   "GroupIdentifier1",   "GroupIdentifier2",
-                                           "FirmwareSecurityInfo"};
+constexpr const char* query_keys[] = {"SIMIdentity",         "SubscriberIdentity", "FirmwareVersion",
+                                      "BootloaderVersion",   "GroupIdentifier1",   "GroupIdentifier2",
+                                      "FirmwareSecurityInfo"};
 
 // Null where the snapshot is or has no such entry.
 plist::Value* entry(const Ref<plist::Dictionary>& snapshot, std::string_view key) {
@@ -35,9 +35,38 @@ bool is_set(const Ref<plist::Dictionary>& snapshot, std::string_view flag) {
 
 bool has_centre(const Ref<plist::Dictionary>& snapshot) { return snapshot && !is_set(snapshot, "NoCentre"); }
 
-int32_t integer(const plist::Value* value) {
+// What a bad number in "Errors" counts as.
+constexpr int32_t bad_number = -1;
+
+bool is_int32(const plist::Value* value) {
   const auto* number = cast<plist::Number>(value);
-  return number != nullptr && number->is_integer() ? static_cast<int32_t>(number->int64()) : 0;
+  if (number == nullptr || !number->is_integer() || number->type() == plist::Number::Type::uint64) return false;
+  return std::in_range<int32_t>(number->int64());
+}
+
+int32_t number_in(const plist::Dictionary& error, std::string_view key) {
+  const plist::Value* value = error.get(key);
+  if (value == nullptr) return 0;
+  return is_int32(value) ? static_cast<int32_t>(cast<plist::Number>(value)->int64()) : bad_number;
+}
+
+// The entry of "Errors" for a query, or null.
+const plist::Dictionary* error_of(const Ref<plist::Dictionary>& snapshot, std::string_view query) {
+  const auto* errors = cast<plist::Dictionary>(entry(snapshot, "Errors"));
+  return errors == nullptr ? nullptr : cast<plist::Dictionary>(errors->get(query));
+}
+
+void report_bad_numbers(const std::string& path, const Ref<plist::Dictionary>& snapshot) {
+  for (const char* query : query_keys) {
+    const plist::Dictionary* error = error_of(snapshot, query);
+    if (error == nullptr) continue;
+    for (const char* key : {"Domain", "Error"}) {
+      const plist::Value* value = error->get(key);
+      if (value == nullptr || is_int32(value)) continue;
+      report("profile %s: Telephony.Errors.%s.%s is not a 32-bit integer and counts as %d", path.c_str(), query,
+             key, bad_number);
+    }
+  }
 }
 
 class SimulatedConnection final : public TelvoServerConnection {
@@ -45,20 +74,15 @@ class SimulatedConnection final : public TelvoServerConnection {
   explicit SimulatedConnection(Ref<plist::Dictionary> snapshot) : snapshot_(std::move(snapshot)) {}
 
   TelvoStatus copy(Query query, Ref<plist::Value>& slot) override {
-    const std::string_view key = query_keys[static_cast<size_t>(query)];
-    const TelvoStatus status = status_of(key);
+    const char* key = query_keys[static_cast<size_t>(query)];
+    const plist::Dictionary* error = error_of(snapshot_, key);
+    const TelvoStatus status =
+        error == nullptr ? TelvoStatus{} : TelvoStatus{number_in(*error, "Domain"), number_in(*error, "Error")};
     if (!status.failed()) slot = entry(snapshot_, key);
     return status;
   }
 
  private:
-  TelvoStatus status_of(std::string_view key) const {
-    const auto* errors = cast<plist::Dictionary>(entry(snapshot_, "Errors"));
-    const auto* error = errors == nullptr ? nullptr : cast<plist::Dictionary>(errors->get(key));
-    if (error == nullptr) return {};
-    return {integer(error->get("Domain")), integer(error->get("Error"))};
-  }
-
   const Ref<plist::Dictionary> snapshot_;
 };
 
@@ -112,6 +136,8 @@ TelephonyCentre* SimulatedTelephony::default_centre() { return has_centre(snapsh
 std::unique_ptr<TelvoServerConnection> SimulatedTelephony::connect(void (*)()) {
   Ref<plist::Dictionary> now = snapshot();
   if (!now || is_set(now, "NoConnection")) return nullptr;
+  if (last_connected_.get() != now.get()) report_bad_numbers(profile_.path(), now);
+  last_connected_ = now;
   return std::make_unique<SimulatedConnection>(std::move(now));
 }
 

@@ -14,10 +14,10 @@ namespace corvane {
 /// The telephony service of a simulated device: answers from the profile's dictionary "Telephony", and
 /// delivers the notifications that follow from an edit of the profile.
 ///
-/// The dictionary of the last version that was looked at is the snapshot from which every question is
-/// answered; a connection keeps the one that it was made with. Without a "Telephony" there is no centre and no
-/// connection. Once the centre has its run loop, the profile's folder is watched there, so that a file that is
-/// replaced is seen as well as one that is written.
+/// Every question is answered from a snapshot: the dictionary as it was when the profile was last read. A
+/// connection keeps the snapshot that it was made with, and reports bad numbers among its "Errors" once for each
+/// snapshot. Without a "Telephony" there is no centre and no connection. Once the centre has its run loop, the
+/// profile's folder is watched there, so that a file that is replaced is seen as well as one that is written.
 class SimulatedTelephony final : public Telephony, public TelephonyCentre {
  public:
   /// The profile must outlive this.
@@ -46,7 +46,8 @@ class SimulatedTelephony final : public Telephony, public TelephonyCentre {
   void deliver(std::string_view name);
 
   Profile& profile_;
-  std::vector<Observer> observers_;  // main thread
+  std::vector<Observer> observers_;               // main thread
+  plist::Ref<plist::Dictionary> last_connected_;  // request queue: the snapshot of the last connection
   std::mutex mutex_;
   plist::Ref<plist::Dictionary> snapshot_;
 };
