@@ -1,12 +1,18 @@
 #pragma once
 
 #include <cstddef>
+#include <string_view>
 #include <sys/types.h>
 
 namespace corvane {
 
-/// The characters that a path buffer holds, its terminator not counted.
+/// The bytes that a path buffer holds, its terminator not counted.
 inline constexpr size_t path_limit = 1024;
+
+/// The longest of the daemon's own paths, and the longest root under which it still fits a path buffer.
+inline constexpr std::string_view longest_path_below_root =
+    "/private/var/mobile/Library/cvd/regulatory_images/regulatory_images.plist";
+inline constexpr size_t root_limit = path_limit - longest_path_below_root.size();
 
 /// What the platform adds to POSIX file opening.
 class Files {

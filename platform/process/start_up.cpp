@@ -13,6 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/files.h"
+
 namespace corvane {
 
 namespace {
@@ -62,7 +64,9 @@ std::optional<Environment> read_environment(std::string& refusal) {
   environment.simulated = device == "simulated";
   environment.log_to_stderr = log_to_stderr == "1";
 
-  if (!environment.root.empty() && !is_resolved_folder(environment.root)) {
+  if (environment.root.size() > root_limit) {
+    refusal = "CORVANE_ROOT must not be longer than " + std::to_string(root_limit) + " bytes";
+  } else if (!environment.root.empty() && !is_resolved_folder(environment.root)) {
     refusal =
         "CORVANE_ROOT must be an absolute, fully resolved folder without a slash at its end: " + environment.root;
   } else if (!device.empty() && device != "linux" && device != "simulated") {
