@@ -39,6 +39,15 @@ bool open_standard_descriptors() {
   }
 }
 
+// A parent may have blocked what ends the daemon, and a process inherits that.
+void unblock_end_signals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
 // The lock lasts as long as the descriptor, which is never closed.
 bool take_lock(const std::string& path, std::string& refusal) {
   const int lock = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
@@ -94,8 +103,8 @@ bool prepare_process(const std::string& root, std::string& refusal) {
     refusal = std::string("could not open /dev/null: ") + std::strerror(errno);
     return false;
   }
-  std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGXFSZ, SIG_IGN);
+  for (const int signal : {SIGHUP, SIGPIPE, SIGXFSZ}) std::signal(signal, SIG_IGN);
+  unblock_end_signals();
   set_memory_thresholds();
   return take_lock(root + "/run/corvaned/corvaned.lock", refusal);
 }

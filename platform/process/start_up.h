@@ -19,9 +19,10 @@ std::optional<Environment> read_environment(std::string& refusal);
 /// Has malloc(3) give the memory of large values back to the system, and keep that of usual ones for the next.
 void set_memory_thresholds();
 
-/// Makes the process fit to be a daemon: umask 022, descriptors 0 to 2 open, SIGPIPE and SIGXFSZ ignored,
-/// the memory thresholds set, and the lock <root>/run/corvaned/corvaned.lock taken for the life of the process.
-/// False: `refusal` says why in one line; a held lock is left as it is.
+/// Makes the process fit to be a daemon: umask 022; descriptors 0 to 2 open; SIGHUP, SIGPIPE and SIGXFSZ ignored,
+/// SIGTERM and SIGINT not blocked; the memory thresholds set; and the lock <root>/run/corvaned/corvaned.lock taken
+/// for the life of the process. Main thread, before there is another. False on failure, with the reason in
+/// `refusal` in one line; a lock that another process holds is left as it is.
 bool prepare_process(const std::string& root, std::string& refusal);
 
 }  // namespace corvane
