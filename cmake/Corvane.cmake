@@ -19,6 +19,31 @@ if(CORVANE_SANITIZE)
   endif()
 endif()
 
+# Hardening, for builds that are used. Sanitizers find more themselves, and do not go together with all of it.
+if(NOT CORVANE_SANITIZE)
+  include(CheckCXXCompilerFlag)
+  include(CheckLinkerFlag)
+  foreach(flag -fstack-protector-strong -fstack-clash-protection)
+    string(MAKE_C_IDENTIFIER "CORVANE_HAS${flag}" known)
+    check_cxx_compiler_flag(${flag} ${known})
+    if(${known})
+      target_compile_options(corvane_options INTERFACE ${flag})
+    endif()
+  endforeach()
+  # glibc warns where nothing is optimised; some compilers define it on their own.
+  target_compile_options(corvane_options INTERFACE
+                         $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
+  # Lazy binding saves all registers on the stack at the first call of each function, and with them pieces of the
+  # private keys that were just copied.
+  foreach(flag -Wl,-z,relro -Wl,-z,now)
+    string(MAKE_C_IDENTIFIER "CORVANE_HAS${flag}" known)
+    check_linker_flag(CXX ${flag} ${known})
+    if(${known})
+      target_link_options(corvane_options INTERFACE ${flag})
+    endif()
+  endforeach()
+endif()
+
 # corvane_library(NAME SOURCES file... USES library...)
 #
 # A static library of our own. What it uses is named in full, so that code which reaches past its neighbours
