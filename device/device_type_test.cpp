@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <latch>
-#include <thread>
 
 #include "plist/describe.h"
 #include "tests/support/test_platform.h"
@@ -12,14 +10,15 @@
 namespace corvane {
 namespace {
 
+using Lines = std::vector<std::string>;
 using testing::TestPlatform;
 using Value = plist::Ref<plist::Value>;
 
-const std::string head = "\n__get_device_type_internal_block_invoke: ";
-
 Value text(std::string_view utf8) { return plist::String::create(utf8); }
 Value data(const std::string& bytes) { return plist::Data::create(bytes); }
+std::string log_line(const std::string& message) { return "__get_device_type_internal_block_invoke: " + message; }
 
+/// A device with telephony.
 TestPlatform& fresh_device(const Value& product_type, const Value& baseband_class) {
   TestPlatform& platform = TestPlatform::fresh();
   platform.properties["ProductType"] = product_type;
@@ -28,80 +27,82 @@ TestPlatform& fresh_device(const Value& product_type, const Value& baseband_clas
   return platform;
 }
 
-// The record and the lines that were logged.
-std::string work_out() {
+void expect_test_product(const DeviceType& type, const Lines& first_lines) {
+  EXPECT_EQ(plist::describe(type.product_type.get()), "Pocket7,2");
+  EXPECT_EQ(plist::describe(type.device_class.get()), "Pocket");
+  EXPECT_TRUE(type.overridden);
+  EXPECT_FALSE(type.has_telephony);
+  EXPECT_EQ(type.baseband_class, -1);
+  Lines lines = first_lines;
+  lines.push_back(log_line("Overriding machine type with q52 (Pocket7,2)"));
+  lines.push_back(log_line("product_type: Pocket7,2\n"));
+  EXPECT_EQ(TestPlatform::installed().take_texts(), lines);
+}
+
+TEST(DeviceType, OnAnFpgaBoardIsTheTestProduct) {
+  fresh_device(text("Pocket-zfpga9,1"), data({3, 0, 0, 0}));
   const DeviceType type = get_device_type_internal();
-  std::string found = plist::describe(type.product_type.get()) + " " + plist::describe(type.device_class.get());
-  for (const bool flag : {type.overridden, type.is_fpga, type.has_telephony}) found += flag ? " yes" : " no";
-  found += " " + std::to_string(type.baseband_class);
-  for (const std::string& line : TestPlatform::installed().take_texts()) found += "\n" + line;
-  return found;
+  EXPECT_TRUE(type.is_fpga);
+  expect_test_product(type, {log_line("This is an FPGA, faking out product type as q52")});
 }
 
-TEST(DeviceType, IsForcedByAnyPreferenceAndOnAnFpgaBoard) {
-  const std::string forced =
-      head + "Overriding machine type with q52 (Pocket7,2)" + head + "product_type: Pocket7,2\n";
-  const std::string unsupported = head + "MachineHack value of '", assumed = "' is not supported; assuming q52";
-  TestPlatform& platform = fresh_device(text("Pocket-zfpga9,1"), nullptr);
-  EXPECT_EQ(work_out(),
-            "Pocket7,2 Pocket yes yes no -1" + head + "This is an FPGA, faking out product type as q52" + forced);
-  for (const auto& [preference, line] : {std::pair(text("Q52"), std::string()),
-                                         {text("POCKET7,2"), ""},
-                                         {text("q523"), unsupported + "q523" + assumed},
-                                         {data(""), unsupported + "<0 bytes>" + assumed}}) {
+TEST(DeviceType, IsForcedByAnyPreferenceAndAsksTheDeviceNothing) {
+  TestPlatform& platform = fresh_device(text("zFPGA"), data({3, 0, 0, 0}));
+  const auto expect_forced_by = [&platform](const Value& preference, const Lines& complaint) {
     platform.preference_values["com.norvane.corvaned/MachineHack"] = preference;
-    EXPECT_EQ(work_out(), "Pocket7,2 Pocket yes no no -1" + line + forced);
-  }
-  EXPECT_EQ(platform.properties_asked, 1u);
+    const DeviceType type = get_device_type_internal();
+    EXPECT_FALSE(type.is_fpga);
+    expect_test_product(type, complaint);
+  };
+  expect_forced_by(text("Q52"), {});
+  expect_forced_by(text("POCKET7,2"), {});
+  expect_forced_by(text("q523"), {log_line("MachineHack value of 'q523' is not supported; assuming q52")});
+  expect_forced_by(data(""), {log_line("MachineHack value of '<0 bytes>' is not supported; assuming q52")});
+  EXPECT_EQ(platform.properties_asked, 0u);
 }
 
-TEST(DeviceType, TakesAStringForTheProductABooleanForTelephonyAndFourBytesForTheClass) {
-  const std::string record = "Pocket9,1 (null) no no yes ", last = head + "product_type: Pocket9,1\n";
-  const std::string invalid = "-1\ngetDeviceTreeInt: value for class property of HWTree:/baseband is invalid (";
-  for (const auto& [property, found] :
-       {std::pair(data({1, 0, 0, 0}), std::string("1")),
-        {data({0, 0, 0, 1}), "16777216"},
-        {data("12"), invalid + "<2 bytes: 3132>)"},
-        {data("12345"), invalid + "<5 bytes: 3132333435>)"},
-        {text("1234"), invalid + "1234)"},
-        {nullptr, "-1\ngetDeviceTreeInt: no class property of HWTree:/baseband"}}) {
+TEST(DeviceType, TakesExactlyFourBytesForTheBasebandClass) {
+  const auto class_of = [](const Value& property) {
     fresh_device(text("Pocket9,1"), property);
-    EXPECT_EQ(work_out(), record + found + last);
-  }
-  fresh_device(data("zFPGA"), data({3, 0, 0, 0})).properties["HasBaseband"] = plist::Number::create_int32(1);
-  EXPECT_EQ(work_out(), "(null) (null) no no no 3" + head + "product_type: (null)\n");
+    return get_device_type_internal().baseband_class;
+  };
+  const auto complaint = [] { return TestPlatform::installed().take_texts().front(); };
+  EXPECT_EQ(class_of(data({0, 0, 0, 1})), 1 << 24) << "in the order of a little-endian machine";
+  EXPECT_EQ(class_of(nullptr), -1);
+  EXPECT_EQ(complaint(), "getDeviceTreeInt: no class property of HWTree:/baseband");
+  const std::string invalid = "getDeviceTreeInt: value for class property of HWTree:/baseband is invalid ";
+  EXPECT_EQ(class_of(data("12")), -1);
+  EXPECT_EQ(complaint(), invalid + "(<2 bytes: 3132>)");
+  EXPECT_EQ(class_of(text("1234")), -1);
+  EXPECT_EQ(complaint(), invalid + "(1234)");
 }
 
-// A process has one record, so each device gets a process; before the test below, as the suite's name makes it.
+TEST(DeviceType, TakesOnlyAStringForTheProductTypeAndABooleanForTelephony) {
+  fresh_device(data("zFPGA"), data({3, 0, 0, 0})).properties["HasBaseband"] = plist::Number::create_int32(1);
+  const DeviceType type = get_device_type_internal();
+  EXPECT_FALSE(type.product_type || type.device_class || type.overridden || type.has_telephony);
+}
+
+// A process has one record, so each device gets a process of its own.
 TEST(DeviceTypeDeathTest, AccessorsReadTheRecord) {
-  const auto print_accessors = [](std::string_view product_type, char baseband_class) {
+  const auto print_accessors = [](const char* product_type, char baseband_class) {
     fresh_device(text(product_type), data({baseband_class, 0, 0, 0}));
-    std::fprintf(stderr, "%s %s %d%d%d %d %d%d", plist::describe(device_product_type()).c_str(),
-                 plist::describe(device_class_override()).c_str(), device_type_overridden(), device_is_fpga(),
-                 device_has_telephony(), device_is_slate_family(), baseband_class_above_one(),
-                 baseband_class_above_two());
+    std::fprintf(stderr, "product %s, class %s; overridden %d, fpga %d, telephony %d, slate %d, above 1 %d, 2 %d",
+                 plist::describe(device_product_type()).c_str(), plist::describe(device_class_override()).c_str(),
+                 device_type_overridden(), device_is_fpga(), device_has_telephony(), device_is_slate_family(),
+                 baseband_class_above_one(), baseband_class_above_two());
     TestPlatform::installed().prepare_to_die();
     std::_Exit(0);
   };
   const auto ended = ::testing::ExitedWithCode(0);
-  EXPECT_EXIT(print_accessors("Slate3,1", 1), ended, "^Slate3,1 .null. 001 1 00$");
-  EXPECT_EXIT(print_accessors("slate Slate", 2), ended, "^slate Slate .null. 001 0 10$");
-  EXPECT_EXIT(print_accessors("SlatezFPGA", 3), ended, "^Pocket7,2 Pocket 110 0 00$");
-}
-
-TEST(DeviceType, ConcurrentFirstCallersWorkItOutOnce) {
-  TestPlatform& platform = fresh_device(text("Slate3,1"), data({3, 0, 0, 0}));
-  std::latch start(8);
-  std::vector<std::thread> callers;
-  for (int i = 0; i < 8; ++i) {
-    callers.emplace_back([&start] {
-      start.arrive_and_wait();
-      EXPECT_TRUE(baseband_class_above_two() && device_is_slate_family());
-    });
-  }
-  for (std::thread& caller : callers) caller.join();
-  EXPECT_EQ(platform.properties_asked, 2u);
-  EXPECT_EQ(platform.take_lines().size(), 1u);
+  EXPECT_EXIT(print_accessors("Slate3,1", 1), ended,
+              "product Slate3,1, class .null.; overridden 0, fpga 0, telephony 1, slate 1, above 1 0, 2 0");
+  EXPECT_EXIT(print_accessors("slate Slate", 2), ended,
+              "product slate Slate, class .null.; overridden 0, fpga 0, telephony 1, slate 0, above 1 1, 2 0");
+  EXPECT_EXIT(print_accessors("Pocket9,1", 3), ended,
+              "product Pocket9,1, class .null.; overridden 0, fpga 0, telephony 1, slate 0, above 1 1, 2 1");
+  EXPECT_EXIT(print_accessors("SlatezFPGA", 3), ended,
+              "product Pocket7,2, class Pocket; overridden 1, fpga 1, telephony 0, slate 0, above 1 0, 2 0");
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <tuple>
-
 #include "device/device_type.h"
 #include "plist/describe.h"
 #include "state/values.h"
@@ -21,27 +19,28 @@ const std::string changed_post = "com.norvane.mobile.keelhold.phone_number_chang
 plist::Ref<plist::String> text(std::string_view utf8) { return plist::String::create(utf8); }
 Value number(int32_t value) { return plist::Number::create_int32(value); }
 
-/// A radio that says what a test tells it to.
+/// A radio that answers what a test tells it to.
 struct Radio final : Telephony {
   struct Connection final : TelvoServerConnection {
-    // A query that fails fills its slot all the same; an error of 0 is success in every domain.
+    explicit Connection(Radio& owner) : radio(owner) {}
+    // A query that fails fills its slot all the same, which nobody may use.
     TelvoStatus copy(Query query, Value& slot) override {
-      slot = answers[query];
-      return {1, fails ? static_cast<int32_t>(query) + 1 : 0};
+      slot = radio.answers[query];
+      return {1, radio.queries_fail ? static_cast<int32_t>(query) + 1 : 0};
     }
-    std::map<Query, Value> answers;
-    bool fails = false;
+    Radio& radio;
   };
 
   TelephonyCentre* default_centre() override { return nullptr; }
   std::unique_ptr<TelvoServerConnection> connect(void (*)()) override {
-    return std::make_unique<Connection>(connection);
+    return std::make_unique<Connection>(*this);
   }
   TelvoRadioStatus copy_radio_status() override { return record; }
   Value sim_status() override { return status; }
   Value copy_my_phone_number() override { return phone_number; }
 
-  Connection connection;
+  std::map<Query, Value> answers;
+  bool queries_fail = false;
   TelvoRadioStatus record;
   Value status, phone_number;
 };
@@ -54,70 +53,111 @@ struct Phone {
     baseband_class_above_one();
     platform.take_lines();
   }
+  void insert_sim(const std::string& name) {
+    radio.status = text("status " + name);
+    radio.answers = {{Query::sim_identity, text("sim " + name)},
+                     {Query::mobile_subscriber_identity, text("owner " + name)},
+                     {Query::bootloader_version, text("bootloader " + name)},
+                     {Query::group_identifier_1, text("group " + name)},
+                     {Query::group_identifier_2, number(2)}};
+  }
+  bool look_up() { return lookup_baseband_info(ark.get()); }
+  std::string ark_text() { return plist::describe(data_ark_copy(ark.get(), nullptr, nullptr).get()); }
+  /// What the old look-up logged, without its name; nothing of the ark's own lines.
+  Lines look_up_log() {
+    const std::string name = "lookup_baseband_info_old: ";
+    Lines log;
+    for (const std::string& line : platform.take_texts()) {
+      if (line.starts_with(name)) log.push_back(line.substr(name.size()));
+    }
+    return log;
+  }
+
   testing::TestPlatform& platform = testing::TestPlatform::fresh();
   Radio radio;
   const DataArk ark = data_ark_load();
 };
 
-TEST(OldLookup, FollowsTheSimAndKeepsWhatItCannotRead) {
+// The ark after the SIM of this name was looked up. The first bootloader version stays.
+std::string ark_of_sim(const std::string& name) {
+  return R"({"BasebandBootloaderVersion": "bootloader 1", "IntegratedCircuitCardIdentity": "sim )" + name +
+         R"(", "InternationalMobileSubscriberIdentity": "owner )" + name + R"(", "PreviousSIMStatus": "status )" +
+         name + R"(", "SIMGID1": "group )" + name + R"(", "SIMGID2": 2})";
+}
+
+TEST(OldLookup, FollowsOneSimAndThenAnother) {
   Phone phone;
-  // What the radio says to all questions but one, whether that is a change, and what is kept of each answer.
-  const std::tuple<Value, bool, std::string> steps[] = {
-      {nullptr, false, "-----2"},   {number(1), false, "----12"}, {text("a"), true, "aaaaa2"},
-      {text("a"), false, "aaaaa2"}, {number(1), false, "aaaa12"}, {text("b"), true, "bbbab2"},
-      {nullptr, true, "bb-ab2"},    {text(""), true, "--a2"},     {text(""), false, "--a2"}};
-  phone.radio.connection.answers[Query::group_identifier_2] = number(2);
-  for (const auto& [said, changes, expected] : steps) {
-    phone.radio.status = said;
-    for (int query = 0; query < 5; ++query) phone.radio.connection.answers[static_cast<Query>(query)] = said;
-    EXPECT_EQ(lookup_baseband_info(phone.ark.get()), changes);
-    std::string found;
-    for (const char* key : {"IntegratedCircuitCardIdentity", "InternationalMobileSubscriberIdentity",
-                            "PreviousSIMStatus", "BasebandBootloaderVersion", "SIMGID1", "SIMGID2"}) {
-      const Value value = data_ark_copy(phone.ark.get(), nullptr, text(key).get());
-      found += value ? plist::describe(value.get()) : "-";
-    }
-    EXPECT_EQ(found, expected);
-  }
-  EXPECT_EQ(phone.platform.posted, Lines(std::size(steps), changed_post));
-  Lines lines = phone.platform.take_texts();
-  // The last three are kept for this run only.
-  EXPECT_EQ(std::erase_if(lines, [](const std::string& line) { return line.starts_with("data_ark_set: "); }), 7u);
-  for (std::string& line : lines) line.erase(0, std::string_view("lookup_baseband_info_old: ").size());
-  EXPECT_EQ(lines,
-            (Lines{"We now have SIM status", "Inserting SIM identity into the data ark",
-                   "Inserting subscriber identity into the data ark",
-                   "Inserting baseband bootloader version into the data ark", "The SIM status has changed",
-                   "The SIM identity has changed", "The subscriber identity has changed",
-                   "SIM status has gone away?", "We now have SIM status",
-                   "Removing SIM identity from the data ark", "Removing subscriber identity from the data ark"}));
+  phone.insert_sim("1");
+  EXPECT_TRUE(phone.look_up());
+  EXPECT_EQ(phone.ark_text(), ark_of_sim("1"));
+  EXPECT_EQ(data_ark_dirty_count(phone.ark.get()), 3u) << "the bootloader and the groups are not stored";
+  EXPECT_EQ(phone.look_up_log(), (Lines{"We now have SIM status", "Inserting SIM identity into the data ark",
+                                        "Inserting subscriber identity into the data ark",
+                                        "Inserting baseband bootloader version into the data ark"}));
+  EXPECT_FALSE(phone.look_up()) << "the same SIM";
+  EXPECT_EQ(phone.look_up_log(), Lines());
+  phone.insert_sim("2");
+  EXPECT_TRUE(phone.look_up());
+  EXPECT_EQ(phone.ark_text(), ark_of_sim("2"));
+  EXPECT_EQ(phone.look_up_log(), (Lines{"The SIM status has changed", "The SIM identity has changed",
+                                        "The subscriber identity has changed"}));
+  EXPECT_EQ(phone.platform.posted, Lines(3, changed_post)) << "once for each look-up";
+}
+
+TEST(OldLookup, KeepsWhatIsNotAnsweredAndRemovesWhatIsEmpty) {
+  Phone phone;
+  phone.insert_sim("1");
+  phone.look_up();
+  phone.radio.status = number(1);
+  phone.radio.answers = {{Query::sim_identity, number(1)}, {Query::bootloader_version, number(1)}};
+  EXPECT_FALSE(phone.look_up());
+  EXPECT_EQ(phone.ark_text(), ark_of_sim("1"));
+  phone.look_up_log();
+  phone.radio.status = nullptr;
+  phone.radio.answers = {{Query::sim_identity, text("")}, {Query::mobile_subscriber_identity, text("")}};
+  EXPECT_TRUE(phone.look_up());
+  EXPECT_FALSE(phone.look_up()) << "nothing is left to remove";
+  EXPECT_EQ(phone.ark_text(),
+            R"({"BasebandBootloaderVersion": "bootloader 1", "SIMGID1": "group 1", "SIMGID2": 2})");
+  EXPECT_EQ(phone.look_up_log(), (Lines{"SIM status has gone away?", "Removing SIM identity from the data ark",
+                                        "Removing subscriber identity from the data ark"}));
 }
 
 TEST(OldLookup, AsksInOrderAndGoesOnAfterEachFailure) {
   Phone phone;
-  phone.radio.connection.fails = true;
-  Lines lines;
-  for (const std::string name :
-       {"SIMIdentity", "MobileSubscriberIdentity", "FirmwareVersion", "BootloaderVersion", "Gid1", "Gid2"}) {
-    phone.radio.connection.answers[static_cast<Query>(lines.size())] = text("not to be used");
-    lines.push_back("lookup_baseband_info_old: _TelvoServerConnectionCopy" + name + "() error: 1.");
-    lines.back() += std::to_string(lines.size());
-  }
-  EXPECT_FALSE(lookup_baseband_info(phone.ark.get()));
-  EXPECT_EQ(phone.platform.take_texts(), lines);
-  EXPECT_EQ(plist::describe(data_ark_copy(phone.ark.get(), nullptr, nullptr).get()), "(null)");
+  phone.insert_sim("1");
+  phone.radio.status = nullptr;
+  phone.radio.queries_fail = true;
+  EXPECT_FALSE(phone.look_up());
+  EXPECT_EQ(phone.ark_text(), "(null)");
+  EXPECT_EQ(phone.look_up_log(),
+            (Lines{"_TelvoServerConnectionCopySIMIdentity() error: 1.1",
+                   "_TelvoServerConnectionCopyMobileSubscriberIdentity() error: 1.2",
+                   "_TelvoServerConnectionCopyFirmwareVersion() error: 1.3",
+                   "_TelvoServerConnectionCopyBootloaderVersion() error: 1.4",
+                   "_TelvoServerConnectionCopyGid1() error: 1.5", "_TelvoServerConnectionCopyGid2() error: 1.6"}));
 }
 
-TEST(BasebandStatus, IsWhatTheFirmwareSecurityInformationSays) {
+TEST(SimNotification, PostsOnceMoreForANewSimAndTakesAnyOtherName) {
   Phone phone;
-  const auto info = create_dict();
-  info->set("Fused", plist::Boolean::yes());
-  for (const Value& answer : {Value(), Value(text("no dictionary")), Value(info)}) {
-    phone.radio.connection.answers[Query::firmware_security_info] = answer;
-    EXPECT_EQ(plist::describe(copyBasebandStatus().get()),
-              answer.get() == info.get() ? R"({"Fused": true})" : "{}");
-  }
-  phone.radio.connection.fails = true;
+  const auto posts_after = [&phone](const plist::String* name) {
+    phone.platform.posted.clear();
+    sim_notification_callback(nullptr, phone.ark.get(), name, nullptr, nullptr);
+    return phone.platform.posted.size();
+  };
+  EXPECT_EQ(posts_after(text(telvo_sim_inserted).get()), 2u);
+  EXPECT_EQ(posts_after(text(telvo_sim_status_changed).get()), 1u);
+  EXPECT_EQ(posts_after(nullptr), 1u);
+}
+
+TEST(BasebandStatus, IsTheFirmwareSecurityInformationOrEmpty) {
+  Phone phone;
+  const auto information = create_dict();
+  information->set("Fused", plist::Boolean::yes());
+  EXPECT_EQ(plist::describe(copyBasebandStatus().get()), "{}");
+  phone.radio.answers[Query::firmware_security_info] = information;
+  EXPECT_EQ(plist::describe(copyBasebandStatus().get()), R"({"Fused": true})");
+  phone.radio.queries_fail = true;
   EXPECT_EQ(plist::describe(copyBasebandStatus().get()), "{}");
   phone.platform.telephony_service = nullptr;
   EXPECT_FALSE(copyBasebandStatus());
@@ -130,21 +170,22 @@ TEST(BasebandStatus, IsWhatTheFirmwareSecurityInformationSays) {
 
 TEST(PhoneNumber, IsANonEmptyStringOrNull) {
   Phone phone;
-  const Value values[] = {text(std::string(1023, '5')), text(std::string(1024, '5')), text(""), number(1),
-                          nullptr};
-  for (const Value& value : values) {
-    phone.radio.phone_number = value;
-    EXPECT_EQ(copy_phonenumber().get(), &value < &values[2] ? value.get() : nullptr);
-  }
+  const auto expect_number = [&phone](const Value& set, const Value& expected, const Lines& log) {
+    phone.radio.phone_number = set;
+    EXPECT_EQ(copy_phonenumber().get(), expected.get());
+    EXPECT_EQ(phone.platform.take_texts(), log);
+  };
   const std::string locale = "copy_locale: Could not lookup locale preference";
   const std::string returned = "copy_phonenumber: TelvoSettingCopyMyPhoneNumber() returned ";
-  EXPECT_EQ(phone.platform.take_texts(),
-            (Lines{locale, locale, "copy_phonenumber: Could not convert phone number to string", locale,
-                   returned + "an empty phone number - returning NULL",
-                   returned + "non-string: 1, but we're returning NULL anyway", returned + "NULL"}));
+  const Value fits = text(std::string(1023, '5')), too_long = text(std::string(1024, '5'));
+  expect_number(fits, fits, {locale});
+  expect_number(too_long, too_long, {locale, "copy_phonenumber: Could not convert phone number to string"});
+  expect_number(text(""), nullptr, {locale, returned + "an empty phone number - returning NULL"});
+  expect_number(number(1), nullptr, {returned + "non-string: 1, but we're returning NULL anyway"});
+  expect_number(nullptr, nullptr, {returned + "NULL"});
 }
 
-// In a process of its own, for the class.
+// In a process of its own, which keeps the class.
 void follow_a_newer_phone() {
   Phone phone(2);
   const auto properties = create_dict();
@@ -154,20 +195,21 @@ void follow_a_newer_phone() {
   }
   for (const Value& readiness : {Value(), Value(text("not ready")), Value(text("ready"))}) {
     phone.radio.record = {readiness, properties};
-    sim_notification_callback(nullptr, phone.ark.get(), text(telvo_sim_inserted).get(), nullptr, nullptr);
+    EXPECT_TRUE(phone.look_up());
   }
   EXPECT_EQ(phone.platform.take_texts(),
             (Lines{"lookup_baseband_info_new: radio not responding",
                    "lookup_baseband_info_new: radio not ready: not ready",
                    "__lookup_baseband_info_new_block_invoke: got Signal = x from telvo"}));
-  EXPECT_EQ(plist::describe(data_ark_copy(phone.ark.get(), nullptr, nullptr).get()), R"({"Signal": "x"})");
-  EXPECT_EQ(data_ark_dirty_count(phone.ark.get()), 0u);
-  EXPECT_EQ(phone.platform.posted, Lines(3, changed_post));
+  EXPECT_EQ(phone.ark_text(), R"({"Signal": "x"})") << "identities are withheld";
+  EXPECT_EQ(data_ark_dirty_count(phone.ark.get()), 0u) << "nothing of it is stored";
+  sim_notification_callback(nullptr, phone.ark.get(), text(telvo_sim_inserted).get(), nullptr, nullptr);
+  EXPECT_EQ(phone.platform.posted, Lines(4, changed_post)) << "once for each look-up";
   phone.platform.prepare_to_die();
   std::_Exit(::testing::Test::HasFailure());
 }
 
-TEST(NewerPhoneDeathTest, AnnouncesEachEventAndWithholdsItsIdentities) {
+TEST(NewLookupDeathTest, StoresTheRadiosPropertiesOnceItIsReady) {
   EXPECT_EXIT(follow_a_newer_phone(), ::testing::ExitedWithCode(0), "");
 }
 
