@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include "client/client.h"
+#include "platform/files.h"
 #include "tests/support/daemon_process.h"
 
 namespace corvane {
@@ -15,26 +16,66 @@ using testing::Lines;
 using testing::RawClient;
 
 constexpr char state_directory[] = "/private/var/mobile/Library/cvd";
+constexpr char ark_file[] = "/private/var/mobile/Library/cvd/data_ark.plist";
+constexpr char images_file[] = "/private/var/mobile/Library/cvd/regulatory_images/regulatory_images.plist";
 
 unsigned mode_of(const std::string& path) { return static_cast<unsigned>(fs::status(path).permissions()); }
 
-TEST(StartUp, MakesTheStateDirectoryAndForcesItsModeOrGoesOnWithoutIt) {
-  const DeviceRoot absent, present, linked, without_library;
+bool store_images(const DeviceRoot& root) {
+  client::Connection admin(wire::admin_service, root.at(""));
+  const auto result = client::store_regulatory_images(admin, plist::String::create("images"));
+  return result.outcome == client::Outcome::answered;
+}
+
+void expect_refused(const testing::Environment& environment) {
+  DaemonProcess daemon(environment);
+  EXPECT_EQ(daemon.end(), 1);
+  EXPECT_TRUE(daemon.standard_error().starts_with("corvaned: ")) << daemon.standard_error();
+  EXPECT_EQ(daemon.log().size(), 1u) << daemon.standard_error();
+}
+
+TEST(StateDirectory, IsMadeOrGetsItsMode) {
+  const DeviceRoot absent, present;
   fs::create_directory(present.at(state_directory));
-  ASSERT_EQ(mkdir(linked.at("/target").c_str(), 0755), 0);
-  fs::create_directory_symlink(linked.at("/target"), linked.at(state_directory));
-  const std::string library = fs::path(without_library.at(state_directory)).parent_path();
-  fs::remove_all(library);
-  for (const DeviceRoot* root : {&absent, &present, &linked, &without_library}) {
+  for (const DeviceRoot* root : {&absent, &present}) {
     const DaemonProcess daemon(*root);
-    const std::string path = root->at(state_directory), log = daemon.standard_error();
-    const bool usable = mode_of(path) == 0700;
-    EXPECT_EQ(usable, root == &absent || root == &present) << log;
-    EXPECT_EQ(log.find("lockstart_local: couldn't open " + path + "\n") == log.npos, usable);
-    EXPECT_EQ(log.find("lockstart_local: Could not mkdir " + path + " : No such") == log.npos,
-              root != &without_library);
+    EXPECT_EQ(mode_of(root->at(state_directory)), 0700u);
+    EXPECT_EQ(daemon.standard_error().find("mkdir"), std::string::npos);
   }
+}
+
+TEST(StateDirectory, IsNotFollowedWhereItIsALink) {
+  const DeviceRoot root;
+  const std::string path = root.at(state_directory), target = root.at("/target");
+  ASSERT_EQ(mkdir(target.c_str(), 0755), 0);
+  fs::create_directory_symlink(target, path);
+  const DaemonProcess daemon(root);
+  EXPECT_EQ(mode_of(target), 0755u);
+  EXPECT_NE(daemon.standard_error().find("lockstart_local: couldn't open " + path + "\n"), std::string::npos);
+}
+
+TEST(StateDirectory, CanBeDoneWithout) {
+  const DeviceRoot root;
+  const std::string path = root.at(state_directory), library = fs::path(path).parent_path();
+  fs::remove_all(library);
+  const DaemonProcess daemon(root);
   EXPECT_FALSE(fs::exists(library));
+  EXPECT_NE(daemon.standard_error().find("lockstart_local: Could not mkdir " + path + " : No such file"),
+            std::string::npos);
+}
+
+TEST(StartUp, StoresTheArkAndGivesFilesTheirModesUnderAnyUmask) {
+  const DeviceRoot root;
+  fs::create_directory(root.at(state_directory));
+  testing::write_file(root.at(ark_file), "<plist><dict><key>-key</key><string>value</string></dict></plist>");
+  const mode_t own_mask = umask(077);
+  const DaemonProcess daemon(root);
+  umask(own_mask);
+  EXPECT_TRUE(testing::read_file(root.at(ark_file)).starts_with("bplist00")) << "written anew, in binary";
+  EXPECT_EQ(mode_of(root.at(ark_file)), 0644u);
+  ASSERT_TRUE(store_images(root));
+  EXPECT_EQ(mode_of(root.at(images_file)), 0644u);
+  EXPECT_EQ(mode_of(fs::path(root.at(images_file)).parent_path()), 0755u);
 }
 
 TEST(StartUp, RefusesABadEnvironmentAndTouchesNothing) {
@@ -52,31 +93,51 @@ TEST(StartUp, RefusesABadEnvironmentAndTouchesNothing) {
   const Lines before = root.listing();
   for (const auto& [variable, values] : faults) {
     for (const std::string& value : values) {
+      SCOPED_TRACE(std::string(variable) + "=" + value);
       testing::Environment environment = root.environment();
       environment[variable] = value;
-      DaemonProcess daemon(environment);
-      EXPECT_EQ(daemon.end(), 1) << variable << "=" << value;
-      EXPECT_TRUE(daemon.standard_error().starts_with("corvaned: ")) << daemon.standard_error();
+      expect_refused(environment);
     }
   }
   EXPECT_EQ(root.listing(), before);
 }
 
+// A root of this length, whose folders have names of at most 200 bytes.
+std::string long_root(size_t length) {
+  const size_t base = testing::DeviceRoot("").at("").size();
+  std::string below;
+  while (base + below.size() < length) {
+    below += "/" + std::string(std::min<size_t>(200, length - base - below.size() - 1), 'r');
+  }
+  return below;
+}
+
+TEST(StartUp, RefusesARootUnderWhichAPathWouldBeCut) {
+  const DeviceRoot longest(long_root(root_limit)), too_long(long_root(root_limit + 1));
+  ASSERT_EQ(longest.at(images_file).size(), path_limit);
+  const DaemonProcess daemon(longest);
+  EXPECT_TRUE(store_images(longest));
+  EXPECT_TRUE(fs::exists(longest.at(images_file)));
+
+  const Lines before = too_long.listing();
+  expect_refused(too_long.environment());
+  EXPECT_EQ(too_long.listing(), before);
+}
+
 TEST(StartUp, RefusesToRunBesideAnotherDaemon) {
   const DeviceRoot root;
   DaemonProcess first(root);
-  RawClient client(root.socket(wire::public_service));
-  const Lines before = root.listing(), log = first.log();
-  EXPECT_EQ(log.front(), "main: ____________________ Corvane startup _____________________");
+  const Lines before = root.listing();
+  EXPECT_EQ(first.log().front(), "main: ____________________ Corvane startup _____________________");
   DaemonProcess second(root.environment());
   EXPECT_EQ(second.end(), 1);
   EXPECT_EQ(second.log(), Lines{"corvaned: another daemon holds " + root.at("/run/corvaned/corvaned.lock")});
   EXPECT_EQ(root.listing(), before);
-  EXPECT_EQ(client.ask("r"), testing::refusal("r"));
+  EXPECT_EQ(RawClient(root.socket(wire::public_service)).ask("r"), testing::refusal("r"));
 }
 
-// The second root's sockets have paths that no socket address can hold.
-TEST(StartUp, ServesFromSocketsWithTheirModesAndTakesThemAway) {
+// Also below a root under which the sockets have paths that no socket address can hold.
+TEST(StartUp, ReplacesTheSocketsOfAKilledDaemonAndTakesItsOwnAway) {
   for (const std::string& below : {std::string("/root"), "/" + std::string(150, 'r')}) {
     const DeviceRoot root(below);
     DaemonProcess killed(root);
@@ -84,12 +145,26 @@ TEST(StartUp, ServesFromSocketsWithTheirModesAndTakesThemAway) {
     DaemonProcess daemon(root);
     EXPECT_EQ(mode_of(root.socket(wire::public_service)), 0666u);
     EXPECT_EQ(mode_of(root.socket(wire::admin_service)), 0600u);
-
-    client::Connection admin(wire::admin_service, root.at(""));
-    const auto stored = client::store_regulatory_images(admin, plist::String::create("images"));
-    EXPECT_EQ(stored.outcome, client::Outcome::answered);
+    EXPECT_TRUE(store_images(root));
     EXPECT_EQ(daemon.end(SIGTERM), 0) << daemon.standard_error();
-    EXPECT_EQ(std::distance(fs::directory_iterator(root.at("/run/corvaned")), {}), 1);  // the lock
+    EXPECT_EQ(std::distance(fs::directory_iterator(root.at("/run/corvaned")), {}), 1) << "the lock stays";
+  }
+}
+
+TEST(Signals, HangupIsIgnoredAndTerminationEndsTheDaemonEvenWhereItWasBlocked) {
+  sigset_t both, own_mask;
+  sigemptyset(&both);
+  sigaddset(&both, SIGTERM);
+  sigaddset(&both, SIGINT);
+  const DeviceRoot root;
+  for (const int signal : {SIGTERM, SIGINT}) {
+    SCOPED_TRACE(strsignal(signal));
+    pthread_sigmask(SIG_BLOCK, &both, &own_mask);
+    DaemonProcess daemon(root);
+    pthread_sigmask(SIG_SETMASK, &own_mask, nullptr);
+    kill(daemon.pid(), SIGHUP);
+    EXPECT_EQ(RawClient(root.socket(wire::public_service)).ask("r"), testing::refusal("r"));
+    EXPECT_EQ(daemon.end(signal), 0);
   }
 }
 
