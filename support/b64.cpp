@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "support/b64_kernels.h"
 
@@ -31,25 +32,19 @@ const B64Kernels& kernels() {
   return fastest;
 }
 
-struct ErrorText {
-  uint32_t code;
-  const char* text;
-  size_t length;
-};
-
-constexpr ErrorText error_texts[] = {
-    {B64_OK, "Operation was successful", 24},
-    {B64_SHORT_BUFFER, "The given translation buffer was not of sufficient size", 55},
-    {B64_TRUNCATED, "The input did not represent a fully formed stream of octet couplings", 68},
-    {B64_BAD_DATA, "Invalid data", 12},
-};
-
-const ErrorText& error_text(uint32_t code) {
-  static constexpr ErrorText none = {0, "", 0};
-  for (const ErrorText& row : error_texts) {
-    if (row.code == code) return row;
+constexpr std::string_view error_text(uint32_t code) {
+  switch (code) {
+    case B64_OK:
+      return "Operation was successful";
+    case B64_SHORT_BUFFER:
+      return "The given translation buffer was not of sufficient size";
+    case B64_TRUNCATED:
+      return "The input did not represent a fully formed stream of octet couplings";
+    case B64_BAD_DATA:
+      return "Invalid data";
+    default:
+      return "";
   }
-  return none;
 }
 
 // Whether `flags` let decoding pass over a character that carries no bits.
@@ -202,8 +197,8 @@ size_t b64_decode_(const char* src, size_t srcLen, void* dest, size_t destSize, 
   return written;
 }
 
-const char* b64_getErrorString(uint32_t code) { return error_text(code).text; }
+const char* b64_getErrorString(uint32_t code) { return error_text(code).data(); }
 
-size_t b64_getErrorStringLength(uint32_t code) { return error_text(code).length; }
+size_t b64_getErrorStringLength(uint32_t code) { return error_text(code).size(); }
 
 }  // namespace corvane

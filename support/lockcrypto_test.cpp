@@ -1,58 +1,24 @@
 #include "support/lockcrypto.h"
 
 #include <gtest/gtest.h>
-#include <openssl/crypto.h>
 #include <openssl/err.h>
 
+#include <array>
 #include <cstdlib>
 #include <cstring>
-#include <malloc.h>
-#include <new>
+#include <functional>
+#include <pthread.h>
 
 #include "tests/support/test_platform.h"
-
-namespace {
-
-using Texts = std::vector<std::string>;
-
-// Counts down to the one allocation that fails; negative: none does.
-int allocations_left = -1;
-
-// What no memory may hold when it is given back, and how often it did.
-const Texts* secrets = nullptr;
-int secrets_found = 0;
-
-void give_back(void* memory, const char*, int) {
-  for (size_t i = 0; memory != nullptr && secrets != nullptr && i < secrets->size(); ++i) {
-    const std::string& secret = (*secrets)[i];
-    secrets_found += memmem(memory, malloc_usable_size(memory), secret.data(), secret.size()) != nullptr;
-  }
-  std::free(memory);
-}
-
-// libcrypto takes them only before its first allocation.
-const int libcrypto_watched = CRYPTO_set_mem_functions(
-    [](size_t size, const char*, int) { return std::malloc(size); },
-    [](void* memory, size_t size, const char*, int) { return std::realloc(memory, size); }, give_back);
-
-}  // namespace
-
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return allocations_left >= 0 && allocations_left-- == 0 ? nullptr : std::malloc(size);
-}
-void* operator new(size_t size) {
-  void* memory = operator new(size, std::nothrow);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept { give_back(memory, nullptr, 0); }
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { give_back(memory, nullptr, 0); }
+#include "tests/support/watched_memory.h"
 
 namespace corvane {
 namespace {
 
 using plist::Data;
 using plist::Ref;
+using Texts = std::vector<std::string>;
+using namespace std::string_literals;
 
 constexpr char private_label[] = "RSA PRIVATE KEY";
 
@@ -207,20 +173,26 @@ TEST_F(Lockcrypto, RequestHoldsNameAndKey) {
   EXPECT_EQ(request("a*", pair.public_pem, pair.private_pem), refused);
 }
 
+// The private key's bytes from its private exponent on, in either order, and its text.
+testing::Pieces secret_of(const Ref<Data>& private_pem) {
+  const std::string text = bytes(private_pem),
+                    der = bytes(lockcrypto_decode_pem(private_pem.get(), private_label));
+  const std::string secret = der.substr(der.find("\2\3\1\0\1"s) + 5);
+  testing::Pieces pieces;
+  pieces.add(secret);
+  pieces.add(std::string(secret.rbegin(), secret.rend()));
+  pieces.add(text.substr(text.size() / 2, text.size() / 4));
+  return pieces;
+}
+
 // The memory that held a private key goes to whoever allocates next, and into a core file.
 TEST_F(Lockcrypto, PrivateKeyIsNowhereWhenItIsReleased) {
-  ASSERT_EQ(libcrypto_watched, 1);
+  ASSERT_TRUE(testing::libcrypto_is_watched);
   openssl("req -x509 -newkey rsa:1024 -nodes -keyout pkcs8 -subj /CN=x -out certificate");
   openssl("rsa -in pkcs8 -traditional -out key");
   const auto name = plist::String::create("x");
-  Ref<Data> key = read("key"), certificate = read("certificate");
-  // Out of the text; and of the private exponent and of both primes, in either order of bytes.
-  const std::string der = bytes(lockcrypto_decode_pem(key.get(), private_label));
-  Texts parts = {bytes(key).substr(300, 24)};
-  for (const size_t at : {200U, 300U, 370U}) {
-    parts.push_back(der.substr(at, 16));
-    parts.push_back({parts.back().rbegin(), parts.back().rend()});
-  }
+  Ref<Data> key = read("key");
+  const Ref<Data> certificate = read("certificate");
   const auto use_everything = [&] {
     Ref<Data> out[3];
     const bool created = lockcrypto_create_key_pair(512, out[0], out[1]) == 0;
@@ -231,20 +203,68 @@ TEST_F(Lockcrypto, PrivateKeyIsNowhereWhenItIsReleased) {
     return private_key && lockcrypto_sign(*private_key, *key) &&
            lockcrypto_create_cert_request(*name, out[1].get(), out[0].get());
   };
-  secrets = &parts;
-  // Wherever memory runs out, too.
-  int failures = 0;
+  const testing::Pieces secret = secret_of(key);
+  const testing::ReleasedMemory released(secret);
+  int failures = 0;  // memory runs out at every place in turn
   for (bool done = false; !done && failures < 500; ++failures) {
-    allocations_left = failures;
-    done = use_everything() && allocations_left >= 0;
-    allocations_left = -1;
+    testing::allocations_left = failures;
+    done = use_everything() && testing::allocations_left >= 0;
+    testing::allocations_left = -1;
   }
   EXPECT_TRUE(failures > 30 && failures < 500) << failures;
-  EXPECT_EQ(secrets_found, 0);
-  key = nullptr;  // an ordinary value, as whoever read it made it
-  EXPECT_GT(secrets_found, 0);
-  secrets = nullptr;
+  EXPECT_EQ(released.pieces_found(), 0u);
+  key = nullptr;  // an ordinary value, which nobody wipes
+  EXPECT_GT(released.pieces_found(), 0u) << "a piece that is there is found";
 }
+
+/// A thread's stack that can be searched afterwards.
+struct WatchedStack {
+  void run(std::function<void()> work) {
+    memory.fill('\0');
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    ASSERT_EQ(pthread_attr_setstack(&attributes, memory.data(), memory.size()), 0);
+    const auto call = [](void* given) -> void* {
+      (*static_cast<std::function<void()>*>(given))();
+      return nullptr;
+    };
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, &attributes, call, &work), 0);
+    pthread_join(thread, nullptr);
+  }
+  size_t pieces_of(const Ref<Data>& private_pem) const {
+    return secret_of(private_pem).count_in({memory.data(), memory.size()});
+  }
+  alignas(4096) std::array<char, 1 << 20> memory;
+};
+
+#ifndef CORVANE_SANITIZE  // whose builds bind functions lazily, which saves registers on the stack
+TEST_F(Lockcrypto, PrivateKeyIsNotLeftOnTheStack) {
+  static WatchedStack stack;
+  Ref<Data> public_pem, key, out[3];
+  stack.run([&] { lockcrypto_create_key_pair(2048, public_pem, key); });
+  EXPECT_EQ(stack.pieces_of(key), 0u) << "create_key_pair";
+  write("key", key);
+  openssl("req -x509 -key key -subj /CN=x -out certificate");
+  const Ref<Data> certificate = read("certificate");
+  std::unique_ptr<VaultIdentity> identity;
+  stack.run([&] { identity = lockcrypto_identity_from_pem_data(certificate.get(), key.get()); });
+  EXPECT_EQ(stack.pieces_of(key), 0u) << "identity_from_pem_data";
+  stack.run([&] { lockcrypto_identity_to_pem(*identity, &out[0], &out[1], &out[2]); });
+  EXPECT_EQ(stack.pieces_of(key), 0u) << "identity_to_pem";
+  stack.run([&] { lockcrypto_sign(*identity->copy_private_key(), *certificate); });
+  EXPECT_EQ(stack.pieces_of(key), 0u) << "sign";
+  stack.run([&] { lockcrypto_create_cert_request(*plist::String::create("x"), public_pem.get(), key.get()); });
+  EXPECT_EQ(stack.pieces_of(key), 0u) << "create_cert_request";
+
+  stack.run([&] {
+    char deep[32768];  // its beginning is not overwritten by what runs later
+    std::memcpy(deep, key->bytes().data() + key->bytes().size() / 2, 8);
+    asm volatile("" : : "r"(deep) : "memory");
+  });
+  EXPECT_GT(stack.pieces_of(key), 0u) << "a piece that is there is found";
+}
+#endif
 
 }  // namespace
 }  // namespace corvane

@@ -1,0 +1,74 @@
+#include "tests/support/watched_memory.h"
+
+#include <openssl/crypto.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <malloc.h>
+#include <new>
+
+namespace corvane::testing {
+
+namespace {
+
+const Pieces* watched_for = nullptr;
+size_t found = 0;
+
+// Wipes it as well, so that what a test itself leaves there is not found again in what others release later.
+void release(void* memory) {
+  if (memory == nullptr) return;
+  const size_t size = malloc_usable_size(memory);
+  if (watched_for != nullptr) found += watched_for->count_in({static_cast<const char*>(memory), size});
+  explicit_bzero(memory, size);
+  std::free(memory);
+}
+
+uint64_t piece_at(const char* bytes) {
+  uint64_t piece;
+  std::memcpy(&piece, bytes, sizeof piece);
+  return piece;
+}
+
+}  // namespace
+
+int allocations_left = -1;
+
+const bool libcrypto_is_watched =
+    CRYPTO_set_mem_functions(
+        [](size_t size, const char*, int) { return std::malloc(size); },
+        [](void* memory, size_t size, const char*, int) { return std::realloc(memory, size); },
+        [](void* memory, const char*, int) { release(memory); }) == 1;
+
+void Pieces::add(std::string_view secret) {
+  for (size_t i = 0; i + sizeof(uint64_t) <= secret.size(); ++i) pieces_.insert(piece_at(secret.data() + i));
+}
+
+size_t Pieces::count_in(std::string_view memory) const {
+  size_t count = 0;
+  for (size_t i = 0; i + sizeof(uint64_t) <= memory.size(); ++i) count += pieces_.count(piece_at(&memory[i]));
+  return count;
+}
+
+ReleasedMemory::ReleasedMemory(const Pieces& secret) {
+  found = 0;
+  watched_for = &secret;
+}
+
+ReleasedMemory::~ReleasedMemory() { watched_for = nullptr; }
+
+size_t ReleasedMemory::pieces_found() const { return found; }
+
+}  // namespace corvane::testing
+
+using corvane::testing::allocations_left;
+
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return allocations_left >= 0 && allocations_left-- == 0 ? nullptr : std::malloc(size);
+}
+void* operator new(size_t size) {
+  void* memory = operator new(size, std::nothrow);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { corvane::testing::release(memory); }
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { corvane::testing::release(memory); }
