@@ -11,74 +11,92 @@ namespace corvane {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::TestPlatform;
 using testing::write_file;
 
-std::string file_of(const std::string& value) { return "<plist version=\"1.0\">" + value + "</plist>"; }
+std::string plist_of(const std::string& value) { return "<plist version=\"1.0\">" + value + "</plist>"; }
 
 std::string ask(DeviceProperties& properties, const char* name) {
   return plist::describe(properties.copy_answer(*plist::String::create(name)).get());
 }
 
-TEST(LinuxDeviceProperties, AreThoseOfTheirFileOrOfTheRunningSystem) {
-  const std::string root = testing::TestPlatform::fresh().root(), table = root + "/etc/corvaned/properties.plist";
+TEST(LinuxDeviceProperties, TakeTheVersionFromOsRelease) {
+  const std::string root = TestPlatform::fresh().root();
   LinuxDeviceProperties properties(root);
-  for (const char* folder : {"/usr/lib", "/etc/corvaned"}) fs::create_directories(root + folder);
-  write_file(root + "/usr/lib/os-release", "VERSION_ID=1\n");
-  EXPECT_EQ(ask(properties, "ProductVersion"), "1");
-  const std::pair<const char*, const char*> cases[] = {
-      {"NAME=x\nVERSION_ID=1\nVERSION_ID=\"12\"\nVERSION=\"12 (a)\"\n", "12"},
-      {"VERSION_ID='12 \\a'", "12 \\a"},
-      {"#VERSION_ID=1\n\n  VERSION_ID=1\\2.5 # behind\r\n", "12.5"},
-      {"VERSION_ID=\"a\\\"b\\$\\\\\\n\"\r\nXVERSION_ID=3\nVERSION_ID_X=4\nVERSION_ID 5\n", "a\"b$\\\\n"},
-      {"VERSION_ID=\"open", "open"},
-      {"VERSION_ID=\nNAME=x", "(null)"}};
-  for (const auto& [file, version] : cases) {
+  fs::create_directories(root + "/etc");
+  const auto version_of = [&](const std::string& file) {
     write_file(root + "/etc/os-release", file);
-    EXPECT_EQ(ask(properties, "ProductVersion"), version) << file;
-  }
+    return ask(properties, "ProductVersion");
+  };
+  EXPECT_EQ(version_of("VERSION_ID=1\nVERSION_ID=\"12\"\nVERSION=\"12 (a)\"\nXVERSION_ID=3\nVERSION_ID 5"), "12");
+  EXPECT_EQ(version_of("VERSION_ID='12 \\a'"), "12 \\a");
+  EXPECT_EQ(version_of("#VERSION_ID=1\n\n  VERSION_ID=1\\2.5 # behind\r\n"), "12.5");
+  EXPECT_EQ(version_of("VERSION_ID=\"a\\\"b\\$\\\\\\n\"\r\n"), "a\"b$\\\\n");
+  EXPECT_EQ(version_of("VERSION_ID=\"open"), "open");
+  EXPECT_EQ(version_of("VERSION_ID=\nNAME=x"), "(null)");
+}
+
+TEST(LinuxDeviceProperties, AreFirstThoseOfTheTable) {
+  const std::string root = TestPlatform::fresh().root(), table = root + "/etc/corvaned/properties.plist";
+  LinuxDeviceProperties properties(root);
+  fs::create_directories(root + "/etc/corvaned");
+  fs::create_directories(root + "/usr/lib");
+  write_file(root + "/usr/lib/os-release", "VERSION_ID=system");
   for (const std::string version : {"9.1", "9.2"}) {
-    write_file(table, file_of("<dict><key>ProductVersion</key><string>" + version + "</string></dict>"));
-    EXPECT_EQ(ask(properties, "ProductVersion") + ask(properties, "DeviceClass"), version + "(null)");
+    write_file(table, plist_of("<dict><key>ProductVersion</key><string>" + version + "</string></dict>"));
+    EXPECT_EQ(ask(properties, "ProductVersion"), version);
   }
-  write_file(table, file_of("<string>ProductVersion</string>"));
-  EXPECT_EQ(ask(properties, "ProductVersion"), "(null)");
+  write_file(table, plist_of("<string>no dictionary</string>"));
+  EXPECT_EQ(ask(properties, "ProductVersion"), "system");
 }
 
-TEST(LinuxDevice, HasWhatTheRunningKernelKnows) {
-  EXPECT_EQ(first_string({"maker,board-2\0maker,board\0", 26}), "maker,board-2");
-  EXPECT_EQ(first_string("Board 2\n"), "Board 2");
-  LinuxDeviceProperties properties(testing::TestPlatform::fresh().root());
-  LinuxHardwareRegistry registry;
-  const bool has_tree = fs::exists("/sys/firmware/devicetree/base/compatible");
-  EXPECT_EQ(registry.copy_property("HWTree:", "compatible") ? true : false, has_tree);
-  EXPECT_FALSE(registry.has_node("HWTree:/none") || registry.copy_property("Other:", "compatible"));
-  EXPECT_EQ(ask(properties, "ProductType") != "(null)",
-            has_tree || testing::read_file("/sys/class/dmi/id/product_name").size() > 1);
-}
-
-std::vector<std::string> reports;
-
-TEST(Profile, BadEditKeepsTheLastGoodOneAndIsReportedOnce) {
-  const std::string path = testing::TestPlatform::fresh().root() + "/profile.plist";
-  write_file(path, file_of("<dict><key>Registry</key><dict><key>a</key><dict><key>class</key><data/></dict>"
-                           "<key>b</key><string>class</string></dict><key>Properties</key><string/></dict>"));
-  std::string fault;
-  const auto profile = Profile::open(path, fault);
-  SimulatedHardwareRegistry registry(*profile);
-  EXPECT_FALSE(SimulatedDeviceProperties(*profile).copy_answer(*plist::String::create("ProductVersion")));
-  EXPECT_FALSE(registry.has_node("b") || registry.copy_property("b", "class") || registry.copy_property("a", "b"));
-  set_report_sink([](const char* line) noexcept { reports.emplace_back(line); });
-  for (const std::string& bad :
-       {file_of("<true/>"), file_of("<false/>"), std::string("<plist>\n<dict>\n"), std::string()}) {
+/// A profile's file, and what is reported meanwhile.
+class SimulatedProfile : public ::testing::Test {
+ protected:
+  SimulatedProfile() {
     reports.clear();
-    fs::remove(path);
-    if (!bad.empty()) write_file(path, bad);
-    for (int i = 0; i < 3; ++i) EXPECT_TRUE(registry.has_node("a") && registry.copy_property("a", "class"));
-    ASSERT_EQ(reports.size(), 1U);
-    EXPECT_TRUE(reports[0].starts_with("profile " + path + ": ") && reports[0].find('\n') == std::string::npos);
+    set_report_sink([](const char* line) noexcept { reports.emplace_back(line); });
   }
-  write_file(path, file_of("<dict><key>B</key><true/></dict>"));
-  EXPECT_TRUE(profile->current()->get("B"));
+  ~SimulatedProfile() override { set_report_sink(nullptr); }
+  void write(const std::string& value) { write_file(path_, plist_of(value)); }
+
+  const std::string path_ = TestPlatform::fresh().root() + "/profile.plist";
+  std::string fault_;
+  static inline std::vector<std::string> reports;
+};
+
+TEST_F(SimulatedProfile, KeepsTheLastGoodVersionAndReportsABadOneOnce) {
+  write("<dict><key>good</key><true/></dict>");
+  const auto profile = Profile::open(path_, fault_);
+  for (const std::string& bad : {plist_of("<true/>"), plist_of("<false/>"), std::string("<plist>\n<dict>\n")}) {
+    reports.clear();
+    write_file(path_, bad);
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(profile->current()->get("good"));
+    ASSERT_EQ(reports.size(), 1U) << bad;
+    EXPECT_TRUE(reports[0].starts_with("profile " + path_ + ": ") && reports[0].find('\n') == std::string::npos);
+  }
+  write("<dict><key>better</key><true/></dict>");
+  EXPECT_TRUE(profile->current()->get("better"));
+}
+
+TEST_F(SimulatedProfile, HasOnlyErrorsOfThirtyTwoBits) {
+  const auto error_of = [this](const char* number) {
+    write("<dict><key>Telephony</key><dict><key>Errors</key><dict><key>SIMIdentity</key><dict><key>Error</key>" +
+          std::string(number) + "</dict></dict></dict></dict>");
+    reports.clear();
+    const auto device = SimulatedDevice::open(path_, fault_);
+    plist::Ref<plist::Value> slot;
+    device->telephony().connect(nullptr);  // which reports, and the next one no more
+    return device->telephony().connect(nullptr)->copy(TelvoServerConnection::Query::sim_identity, slot).error;
+  };
+  for (const char* number :
+       {"<integer>2147483648</integer>", "<integer>18446744073709551615</integer>", "<string>1</string>"}) {
+    EXPECT_EQ(error_of(number), -1) << number;
+    const std::string report = "Telephony.Errors.SIMIdentity.Error is not a 32-bit integer and counts as -1";
+    EXPECT_EQ(reports, std::vector{"profile " + path_ + ": " + report}) << "once";
+  }
+  EXPECT_EQ(error_of("<integer>-2147483648</integer>"), std::numeric_limits<int32_t>::min());
+  EXPECT_TRUE(reports.empty());
 }
 
 }  // namespace

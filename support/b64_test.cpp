@@ -46,13 +46,11 @@ TEST(Base64DeathTest, ABrokenPreconditionAbortsWithItsText) {
   const auto assertion = [](const std::string& expression, const std::string& function) {
     return "\\(" + expression + "\\), function " + function + ", file b64.cpp, line [0-9]+";
   };
-  char out[64];
   uint32_t rc = 0;
   EXPECT_DEATH(b64_encode_("", 0, nullptr, 0, 0, nullptr), assertion("NULL != rc", "b64_encode_"));
   EXPECT_DEATH(b64_decode_("", 0, nullptr, 0, 0, nullptr, &rc), assertion("NULL != badChar", "b64_decode_"));
   EXPECT_DEATH(b64_encode2("", 0, nullptr, 0, 0, 6, nullptr), assertion("0 == .lineLen % 4.", "b64_encode2"));
-  EXPECT_DEATH(b64_encode2("", 0, nullptr, 0, 4, 0, nullptr),
-               assertion("!\"Bad line length flag specified to b64_encode2..\"", "b64_encode2"));
+  char out[9];
   EXPECT_DEATH(b64_encode_("123456", 6, out, sizeof out, 6, &rc), assertion("len != lineLen", "b64_encode_"));
 }
 

@@ -18,6 +18,7 @@
 #include "support/clock.h"
 #include "support/random_challenge.h"
 #include "tests/support/test_platform.h"
+#include "tests/support/watched_memory.h"
 #include "tools/entitlements.h"
 #include "tools/files.h"
 
@@ -35,116 +36,132 @@ namespace corvane {
 namespace {
 
 namespace fs = std::filesystem;
+using plist::make_entitlements_blob;
 using testing::TestPlatform;
 using testing::write_file;
 using Lines = std::vector<std::string>;
 
 std::string plist_of(const std::string& value) { return "<plist version=\"1.0\">" + value + "</plist>"; }
-const std::string dictionary = "<dict><key>radio</key><true/></dict>", granted = plist_of(dictionary);
+const std::string radio_dictionary = "<dict><key>radio</key><true/></dict>", radio = plist_of(radio_dictionary);
 
 std::string entitlements_of(int32_t pid) { return plist::describe(copy_entitlements_for_pid(pid).get()); }
 
-TEST(Entitlements, OfABlobAreItsDictionaryOrNothingAndAReason) {
+TEST(Entitlements, AreTheBlobsDictionaryOrNothingAndAReason) {
   TestPlatform& platform = TestPlatform::fresh();
-  const std::string whole = plist::make_entitlements_blob(granted);
-  const std::tuple<std::string, int, std::string, Lines> cases[] = {
-      {"", 0, "(null)", {}},
-      {"", ESRCH, "(null)", {"copy_entitlements_for_pid: sigq1(7): No such process\n"}},
-      {plist::make_entitlements_blob(""), 0, "(null)", {}},
-      {whole, 0, "{\"radio\": true}", {}},
-      {plist::make_entitlements_blob(plist_of("<array/>")), 0, "(null)", {}},
-      {"\1\2\3\4" + whole.substr(4), 0, "(null)", {"copy_entitlements_for_pid: bad magic 0x04030201\n"}},
-      {whole.substr(0, whole.size() - 1),
-       0,
-       "(null)",
-       {"copy_entitlements_for_pid: sigq1(7): Invalid argument\n"}},
-  };
-  for (const auto& [blob, error, entitlements, reasons] : cases) {
+  const auto expect = [&platform](const std::string& blob, const char* entitlements, const Lines& reasons) {
     platform.entitlements_blob = blob;
-    platform.entitlements_error = error;
     EXPECT_EQ(entitlements_of(7), entitlements) << blob;
     EXPECT_EQ(platform.take_texts(), reasons) << blob;
+  };
+  const std::string whole = make_entitlements_blob(radio), name = "copy_entitlements_for_pid: ";
+  expect(whole, "{\"radio\": true}", {});
+  expect("", "(null)", {});
+  expect(make_entitlements_blob(""), "(null)", {});
+  expect(make_entitlements_blob(plist_of("<array/>")), "(null)", {});
+  expect("\1\2\3\4" + whole.substr(4), "(null)", {name + "bad magic 0x04030201\n"});
+  expect(whole.substr(0, whole.size() - 1), "(null)", {name + "sigq1(7): Invalid argument\n"});
+  platform.entitlements_error = ESRCH;
+  expect("", "(null)", {name + "sigq1(7): No such process\n"});
+}
+
+TEST(Entitlements, AreNullWhereverMemoryRunsOut) {
+  TestPlatform::fresh().entitlements_blob = make_entitlements_blob(radio);
+  std::string found = "(null)";
+  int failures = 0;
+  for (; found == "(null)" && failures < 100; ++failures) {
+    testing::allocations_left = failures;
+    const auto entitlements = copy_entitlements_for_pid(7);
+    testing::allocations_left = -1;
+    found = plist::describe(entitlements.get());
   }
+  EXPECT_EQ(found, "{\"radio\": true}");
+  EXPECT_GT(failures, 5);
 }
 
 TEST(Entitlements, OnASimulatedDeviceAreTheProfiles) {
-  const std::string path = TestPlatform::fresh().root() + "/profile.plist";
-  write_file(path, plist_of("<dict><key>Entitlements</key><dict><key>12</key>" + dictionary + "</dict></dict>"));
-  std::string fault, none;
+  TestPlatform& platform = TestPlatform::fresh();
+  const std::string path = platform.root() + "/profile.plist";
+  write_file(path,
+             plist_of("<dict><key>Entitlements</key><dict><key>12</key>" + radio_dictionary + "</dict></dict>"));
+  std::string fault;
   const auto device = SimulatedDevice::open(path, fault);
-  ASSERT_EQ(device->code_signing().copy_entitlements_blob(12, TestPlatform::installed().entitlements_blob), 0);
+  ASSERT_EQ(device->code_signing().copy_entitlements_blob(1, platform.entitlements_blob), 0);
+  EXPECT_EQ(platform.entitlements_blob, "");
+  ASSERT_EQ(device->code_signing().copy_entitlements_blob(12, platform.entitlements_blob), 0);
   EXPECT_EQ(entitlements_of(12), "{\"radio\": true}");
-  EXPECT_EQ(device->code_signing().copy_entitlements_blob(1, none), 0);
-  EXPECT_EQ(none, "");
 }
 
-TEST(Entitlements, OnLinuxAreThoseOfTheExecutableThatRootAloneCanWrite) {
-  const std::string root = TestPlatform::fresh().root(), executable = root + "/sleep";
-  const std::string property_list = root + "/entitlements.plist";
-  fs::copy_file("/bin/sleep", executable);
-  const auto sign = [&](const std::string& text) -> std::string {
-    write_file(property_list, text);
-    try {
-      tools::sign_executable(executable, property_list);
-      return "";
-    } catch (const tools::FileFault& fault) {
-      return fault.what();
-    }
-  };
-  LinuxCodeSigning linux_code_signing;
-  TestPlatform& platform = TestPlatform::installed();
-  const auto seen = [&](pid_t pid) {
-    platform.entitlements_blob.clear();
-    platform.entitlements_error = linux_code_signing.copy_entitlements_blob(pid, platform.entitlements_blob);
-    return entitlements_of(pid) + " " + std::to_string(platform.entitlements_error);
-  };
-  EXPECT_EQ(seen(getpid()), "(null) 0");
-  EXPECT_EQ(seen(std::numeric_limits<int32_t>::max()), "(null) " + std::to_string(ESRCH));
+/// Processes and executables of this machine.
+class LinuxEntitlements : public ::testing::Test {
+ protected:
+  LinuxEntitlements() { fs::copy_file("/bin/sleep", executable_); }
+  ~LinuxEntitlements() override {
+    if (child_ > 0) kill(child_, SIGKILL);
+    if (child_ > 0) waitpid(child_, nullptr, 0);
+  }
+  void run(const char* seconds) {
+    std::string name = "sleep", argument = seconds;
+    char* arguments[] = {name.data(), argument.data(), nullptr};
+    ASSERT_EQ(posix_spawn(&child_, executable_.c_str(), nullptr, nullptr, arguments, environ), 0);
+  }
+  // The entitlements, or the error's text.
+  static std::string seen(pid_t pid) {
+    std::string& blob = TestPlatform::installed().entitlements_blob;
+    blob.clear();
+    const int error = LinuxCodeSigning().copy_entitlements_blob(pid, blob);
+    return error == 0 ? entitlements_of(pid) : std::strerror(error);
+  }
 
-  EXPECT_NE(sign(plist_of("<array/>")).find("a dictionary in an XML"), std::string::npos);
-  EXPECT_NE(sign(granted + std::string(64 * 1024, ' ')).find("longer than 65528 bytes"), std::string::npos);
-  fs::permissions(executable, fs::perms::others_write, fs::perm_options::add);
-  EXPECT_NE(sign(granted).find("only a file that belongs to root"), std::string::npos);
-  fs::permissions(executable, fs::perms::others_write, fs::perm_options::remove);
-  if (const std::string fault = sign(granted); !fault.empty()) GTEST_SKIP() << "this machine says: " << fault;
+  const std::string executable_ = TestPlatform::fresh().root() + "/sleep";
+  pid_t child_ = -1;
+};
 
-  char name[] = "sleep", seconds[] = "10";
-  char* arguments[] = {name, seconds, nullptr};
-  pid_t pid = -1;
-  ASSERT_EQ(posix_spawn(&pid, executable.c_str(), nullptr, nullptr, arguments, environ), 0);
-  const std::string moved = executable + ".moved";
-  fs::rename(executable, moved);
-  EXPECT_EQ(seen(pid), "{\"radio\": true} 0");
-  // Whoever could have written the attribute's file could have written the attribute's words.
+TEST_F(LinuxEntitlements, NeedAProcessAndAnExecutable) {
+  EXPECT_EQ(seen(getpid()), "(null)");
+  EXPECT_EQ(seen(std::numeric_limits<int32_t>::max()), "No such process");
+  EXPECT_EQ(seen(-1), "No such process");
+  run("0");
+  siginfo_t ended;
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child_), &ended, WEXITED | WNOWAIT), 0);
+  EXPECT_EQ(seen(child_), "(null)") << "a zombie has no executable, like a kernel thread";
+}
+
+TEST_F(LinuxEntitlements, AreThoseOfTheExecutableThatRootAloneCanWrite) {
+  write_file(executable_ + ".plist", radio);
+  try {
+    tools::sign_executable(executable_, executable_ + ".plist");
+  } catch (const tools::FileFault& fault) {
+    GTEST_SKIP() << "this machine says: " << fault.what();
+  }
+  run("10");
+  const std::string moved = executable_ + ".moved";
+  fs::rename(executable_, moved);
+  EXPECT_EQ(seen(child_), "{\"radio\": true}");
   for (const auto others : {fs::perms::group_write, fs::perms::others_write}) {
     fs::permissions(moved, others, fs::perm_options::add);
-    EXPECT_EQ(seen(pid), "(null) 0");
+    EXPECT_EQ(seen(child_), "(null)") << "others could have changed what runs";
     fs::permissions(moved, others, fs::perm_options::remove);
   }
-  ASSERT_EQ(chown(moved.c_str(), 1, 0), 0);
-  EXPECT_EQ(seen(pid), "(null) 0");
-  ASSERT_EQ(chown(moved.c_str(), 0, 0), 0);
-  EXPECT_EQ(seen(pid), "{\"radio\": true} 0");
   ASSERT_EQ(setxattr(moved.c_str(), plist::entitlements_attribute, "", 0, 0), 0);
-  EXPECT_EQ(seen(pid), "(null) " + std::to_string(EINVAL));
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
+  EXPECT_EQ(seen(child_), "Invalid argument");
+  ASSERT_EQ(chown(moved.c_str(), 1, 0), 0);
+  EXPECT_EQ(seen(child_), "(null)") << "its owner could have changed what runs";
 }
 
 TEST(RandomChallenge, IsAsLongAsAskedAndNeverTheSame) {
-  TestPlatform::fresh();
+  TestPlatform& platform = TestPlatform::fresh();
   const auto one = create_random_challenge(32), other = create_random_challenge(32);
-  EXPECT_TRUE(one->bytes().size() == 32 && other->bytes().size() == 32 && one->bytes() != other->bytes());
+  EXPECT_EQ(one->bytes().size(), 32u);
+  EXPECT_NE(one->bytes(), other->bytes());
   EXPECT_FALSE(create_random_challenge(SIZE_MAX));
   reads_are_short = true;
   EXPECT_FALSE(create_random_challenge(32));
   reads_are_short = false;
-  EXPECT_EQ(TestPlatform::installed().take_texts(),
-            Lines{"create_random_challenge: failed to read 32 random bytes"});
+  EXPECT_EQ(platform.take_texts(), Lines{"create_random_challenge: failed to read 32 random bytes"});
 }
 
 TEST(Clock, CountsWholeSeconds) {
-  uint64_t& ticks = TestPlatform::fresh().ticks_now;
+  uint64_t& ticks = TestPlatform::fresh().ticks_now;  // 24 million a second
   ticks = 23'999'999;
   EXPECT_EQ(monotonic_seconds(), 0u);
   ticks = uint64_t{24'000'000} * 1'000'000'000;

@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 
-#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <pthread.h>
 
 #include "tests/support/test_platform.h"
 #include "tests/support/watched_memory.h"
@@ -48,25 +46,28 @@ class Lockcrypto : public ::testing::Test {
   const std::string folder_ = platform_.root() + "/var/";
 };
 
-TEST_F(Lockcrypto, PemTextIsWhatItMustBe) {
-  const std::string line(64, 'A');
-  const std::pair<size_t, std::string> bodies[] = {
-      {0, ""}, {1, "\nAA=="}, {48, "\n" + line}, {49, "\n" + line + "\nAA=="}};
-  for (const auto& [size, body] : bodies) {
-    EXPECT_EQ(bytes(lockcrypto_create_pem(*data_of(std::string(size, '\0')), "X")),
-              "-----BEGIN X-----" + body + "\n-----END X-----\n");
-  }
+TEST_F(Lockcrypto, WritesPemInLinesOf64) {
+  const auto pem_of_zeros = [](size_t size) {
+    return bytes(lockcrypto_create_pem(*data_of(std::string(size, '\0')), "X"));
+  };
+  const std::string line(64, 'A'), header = "-----BEGIN X-----", footer = "\n-----END X-----\n";
+  EXPECT_EQ(pem_of_zeros(0), header + footer);
+  EXPECT_EQ(pem_of_zeros(1), header + "\nAA==" + footer);
+  EXPECT_EQ(pem_of_zeros(48), header + "\n" + line + footer);
+  EXPECT_EQ(pem_of_zeros(49), header + "\n" + line + "\nAA==" + footer);
   EXPECT_TRUE(lockcrypto_create_pem(*data_of("a"), std::string(62, 'L').c_str()));
-  EXPECT_FALSE(lockcrypto_create_pem(*data_of("a"), std::string(63, 'L').c_str()));
-  EXPECT_FALSE(lockcrypto_decode_pem(data_of("a").get(), std::string(63, 'L').c_str()));
+  EXPECT_FALSE(lockcrypto_create_pem(*data_of("a"), std::string(63, 'L').c_str())) << "a marker of 80 bytes";
+}
 
+TEST_F(Lockcrypto, ReadsPemBetweenItsFirstMarkers) {
+  const auto read_pem = [](const std::string& pem) {
+    return bytes(lockcrypto_decode_pem(data_of(pem).get(), "X"));
+  };
   const std::string header = "-----BEGIN X-----\n", footer = "\n-----END X-----\n", nul(1, '\0');
-  const std::pair<std::string, std::string> texts[] = {
-      {"note\n" + header + "QU\r\nJD\n QUI=" + footer + header + "QUJD" + footer + nul, "ABCAB"},
-      {header + footer, "null"},
-      {header + footer.substr(1), "null"},
-      {header + "QUJD" + nul + footer, "null"}};
-  for (const auto& [pem, der] : texts) EXPECT_EQ(bytes(lockcrypto_decode_pem(data_of(pem).get(), "X")), der);
+  EXPECT_EQ(read_pem("note\n" + header + "QU\r\nJD\n QUI=" + footer + header + "QUJD" + footer + nul), "ABCAB");
+  EXPECT_EQ(read_pem(header + footer), "null");
+  EXPECT_EQ(read_pem(header + footer.substr(1)), "null") << "the markers overlap";
+  EXPECT_EQ(read_pem(header + "QUJD" + nul + footer), "null") << "the footer stands behind a NUL";
   EXPECT_FALSE(lockcrypto_decode_pem(nullptr, "X"));
 }
 
@@ -99,52 +100,48 @@ TEST_F(Lockcrypto, KeysAndSignaturesAreThoseOfOpenssl) {
   EXPECT_STREQ(lockcrypto_sha1_hex(*data_of(""), hex), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
 }
 
-struct Probe final : VaultIdentity {
-  std::unique_ptr<VaultKey> copy_private_key() const override {
-    ++private_keys_copied;
-    return lockcrypto_private_key_from_pem_data(private_pem.get());
-  }
-  std::unique_ptr<VaultCertificate> copy_certificate() const override {
-    return lockcrypto_certificate_from_pem_data(certificate_pem.get());
-  }
-  Ref<Data> private_pem, certificate_pem;
-  mutable int private_keys_copied = 0;
-};
-
-TEST_F(Lockcrypto, IdentityGoesInAndOutWhole) {
+TEST_F(Lockcrypto, IdentityIsACertificateWithItsOwnKey) {
   openssl("genrsa -traditional -out key 4096");
   openssl("rsa -in key -RSAPublicKey_out -out public");
   openssl("req -x509 -key key -subj /CN=x -out certificate");
   openssl("req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout ec -subj /CN=x -out curve");
-  const Ref<Data> key = read("key"), own = read("certificate"), curve = read("curve");
-  const auto is_identity = [](const Ref<Data>& certificate, const Ref<Data>& private_pem) {
-    return lockcrypto_identity_from_pem_data(certificate.get(), private_pem.get()) != nullptr;
-  };
+  const Ref<Data> key = read("key"), own = read("certificate");
   const auto identity = lockcrypto_identity_from_pem_data(own.get(), key.get());
   ASSERT_TRUE(identity);
-  Ref<Data> out[3];
-  EXPECT_EQ(lockcrypto_identity_to_pem(*identity, &out[0], &out[1], &out[2]), 0);
-  EXPECT_EQ(bytes(out[0]) + bytes(out[1]) + bytes(out[2]), bytes(key) + bytes(read("public")) + bytes(own));
+  Ref<Data> private_pem, public_pem, certificate_pem;
+  EXPECT_EQ(lockcrypto_identity_to_pem(*identity, &private_pem, &public_pem, &certificate_pem), 0);
+  EXPECT_EQ(bytes(private_pem), bytes(key));
+  EXPECT_EQ(bytes(public_pem), bytes(read("public")));
+  EXPECT_EQ(bytes(certificate_pem), bytes(own));
+
+  const auto is_identity = [](const Ref<Data>& certificate, const Ref<Data>& private_key) {
+    return lockcrypto_identity_from_pem_data(certificate.get(), private_key.get()) != nullptr;
+  };
   EXPECT_FALSE(is_identity(nullptr, key) || is_identity(own, nullptr) || is_identity(key, key));
-  EXPECT_FALSE(is_identity(curve, key) || is_identity(own, Pair(1024).private_pem));
+  EXPECT_FALSE(is_identity(read("curve"), key) || is_identity(own, Pair(1024).private_pem));
   EXPECT_FALSE(is_identity(own, read("ec")) || is_identity(own, lockcrypto_create_pem(*own, private_label)));
   EXPECT_EQ(platform_.take_texts(),
             (Texts{"lockcrypto_private_key_from_pem_data: lockcrypto_decode_pem failed",
                    "lockcrypto_private_key_from_pem_data: VaultKeyCreateRSAPrivateKey failed"}));
+}
 
-  Probe probe;
-  probe.certificate_pem = own;
-  EXPECT_EQ(lockcrypto_identity_to_pem(probe, nullptr, &out[1], &out[2]), 0);
-  EXPECT_EQ(probe.private_keys_copied, 0);
-  for (const auto& [key_of_probe, certificate] : {std::pair{Ref<Data>(), own}, {key, curve}}) {
-    probe.private_pem = key_of_probe;
-    probe.certificate_pem = certificate;
-    EXPECT_EQ(lockcrypto_identity_to_pem(probe, &out[0], &out[1], &out[2]), -1);
-    EXPECT_FALSE(out[0] || out[1] || out[2]);
+struct IdentityWithoutItsKey final : VaultIdentity {
+  explicit IdentityWithoutItsKey(const Ref<Data>& pem) : certificate_pem(pem) {}
+  std::unique_ptr<VaultKey> copy_private_key() const override { return nullptr; }
+  std::unique_ptr<VaultCertificate> copy_certificate() const override {
+    return lockcrypto_certificate_from_pem_data(certificate_pem.get());
   }
-  const auto first = probe.copy_certificate(), second = identity->copy_certificate();
-  const VaultCertificate* const chain[] = {first.get(), second.get()};
-  EXPECT_FALSE(lockcrypto_public_key_from_certificates(chain) || lockcrypto_public_key_from_certificates({}));
+  const Ref<Data> certificate_pem;
+};
+
+TEST_F(Lockcrypto, IdentityIsWrittenWholeOrNotAtAll) {
+  openssl("req -x509 -newkey rsa:1024 -nodes -keyout key -subj /CN=x -out certificate");
+  const IdentityWithoutItsKey identity(read("certificate"));
+  Ref<Data> private_pem, public_pem, certificate_pem;
+  EXPECT_EQ(lockcrypto_identity_to_pem(identity, nullptr, &public_pem, &certificate_pem), 0);
+  EXPECT_TRUE(public_pem && certificate_pem) << "the private key is not asked for";
+  EXPECT_EQ(lockcrypto_identity_to_pem(identity, &private_pem, &public_pem, &certificate_pem), -1);
+  EXPECT_FALSE(private_pem || public_pem || certificate_pem);
 }
 
 TEST_F(Lockcrypto, RequestHoldsNameAndKey) {
@@ -164,11 +161,7 @@ TEST_F(Lockcrypto, RequestHoldsNameAndKey) {
   const std::string self = "lockcrypto_create_cert_request: ";
   const Texts refused = {self + "VaultGenerateCertificateRequestWithParameters failed"};
   EXPECT_EQ(request("x", pair.public_pem, nullptr), Texts{self + "public or private key data not available"});
-  EXPECT_EQ(request("x", lockcrypto_create_pem(*data_of("0"), "RSA PUBLIC KEY"), pair.public_pem),
-            (Texts{"lockcrypto_public_key_from_pem_data: VaultKeyCreateRSAPublicKey failed",
-                   self + "lockcrypto_public_key_from_pem_data failed",
-                   "lockcrypto_private_key_from_pem_data: lockcrypto_decode_pem failed",
-                   self + "lockcrypto_private_key_from_pem_data failed"}));
+  EXPECT_EQ(request("x", pair.private_pem, pair.public_pem).size(), 4u) << "both keys are complained of, twice";
   EXPECT_EQ(request("x", Pair(1024).public_pem, pair.private_pem), refused);
   EXPECT_EQ(request("a*", pair.public_pem, pair.private_pem), refused);
 }
@@ -217,52 +210,33 @@ TEST_F(Lockcrypto, PrivateKeyIsNowhereWhenItIsReleased) {
   EXPECT_GT(released.pieces_found(), 0u) << "a piece that is there is found";
 }
 
-/// A thread's stack that can be searched afterwards.
-struct WatchedStack {
-  void run(std::function<void()> work) {
-    memory.fill('\0');
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    ASSERT_EQ(pthread_attr_setstack(&attributes, memory.data(), memory.size()), 0);
-    const auto call = [](void* given) -> void* {
-      (*static_cast<std::function<void()>*>(given))();
-      return nullptr;
-    };
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, &attributes, call, &work), 0);
-    pthread_join(thread, nullptr);
-  }
-  size_t pieces_of(const Ref<Data>& private_pem) const {
-    return secret_of(private_pem).count_in({memory.data(), memory.size()});
-  }
-  alignas(4096) std::array<char, 1 << 20> memory;
-};
-
-#ifndef CORVANE_SANITIZE  // whose builds bind functions lazily, which saves registers on the stack
+#ifndef CORVANE_SANITIZE  // those builds bind functions when they are first called, which saves registers there
 TEST_F(Lockcrypto, PrivateKeyIsNotLeftOnTheStack) {
-  static WatchedStack stack;
-  Ref<Data> public_pem, key, out[3];
-  stack.run([&] { lockcrypto_create_key_pair(2048, public_pem, key); });
-  EXPECT_EQ(stack.pieces_of(key), 0u) << "create_key_pair";
+  testing::WatchedStack stack;
+  Ref<Data> public_pem, key, out;
+  std::unique_ptr<VaultIdentity> identity;
+  const auto expect_nothing_left_by = [&](const char* function, const std::function<void()>& call) {
+    const std::string_view left = stack.after(call);
+    EXPECT_EQ(secret_of(key).count_in(left), 0u) << function;
+  };
+  expect_nothing_left_by("create_key_pair", [&] { lockcrypto_create_key_pair(2048, public_pem, key); });
   write("key", key);
   openssl("req -x509 -key key -subj /CN=x -out certificate");
   const Ref<Data> certificate = read("certificate");
-  std::unique_ptr<VaultIdentity> identity;
-  stack.run([&] { identity = lockcrypto_identity_from_pem_data(certificate.get(), key.get()); });
-  EXPECT_EQ(stack.pieces_of(key), 0u) << "identity_from_pem_data";
-  stack.run([&] { lockcrypto_identity_to_pem(*identity, &out[0], &out[1], &out[2]); });
-  EXPECT_EQ(stack.pieces_of(key), 0u) << "identity_to_pem";
-  stack.run([&] { lockcrypto_sign(*identity->copy_private_key(), *certificate); });
-  EXPECT_EQ(stack.pieces_of(key), 0u) << "sign";
-  stack.run([&] { lockcrypto_create_cert_request(*plist::String::create("x"), public_pem.get(), key.get()); });
-  EXPECT_EQ(stack.pieces_of(key), 0u) << "create_cert_request";
-
-  stack.run([&] {
+  expect_nothing_left_by("identity_from_pem_data",
+                         [&] { identity = lockcrypto_identity_from_pem_data(certificate.get(), key.get()); });
+  expect_nothing_left_by("identity_to_pem", [&] { lockcrypto_identity_to_pem(*identity, &out, &out, &out); });
+  expect_nothing_left_by("sign", [&] { out = lockcrypto_sign(*identity->copy_private_key(), *certificate); });
+  expect_nothing_left_by("create_cert_request", [&] {
+    out = lockcrypto_create_cert_request(*plist::String::create("x"), public_pem.get(), key.get());
+  });
+  EXPECT_TRUE(out);
+  const auto leave_a_piece = [&] {
     char deep[32768];  // its beginning is not overwritten by what runs later
     std::memcpy(deep, key->bytes().data() + key->bytes().size() / 2, 8);
     asm volatile("" : : "r"(deep) : "memory");
-  });
-  EXPECT_GT(stack.pieces_of(key), 0u) << "a piece that is there is found";
+  };
+  EXPECT_GT(secret_of(key).count_in(stack.after(leave_a_piece)), 0u) << "a piece that is there is found";
 }
 #endif
 

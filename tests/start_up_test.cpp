@@ -40,27 +40,22 @@ TEST(StateDirectory, IsMadeOrGetsItsMode) {
   for (const DeviceRoot* root : {&absent, &present}) {
     const DaemonProcess daemon(*root);
     EXPECT_EQ(mode_of(root->at(state_directory)), 0700u);
-    EXPECT_EQ(daemon.standard_error().find("mkdir"), std::string::npos);
   }
 }
 
-TEST(StateDirectory, IsNotFollowedWhereItIsALink) {
-  const DeviceRoot root;
-  const std::string path = root.at(state_directory), target = root.at("/target");
+TEST(StateDirectory, CanBeDoneWithoutAndIsNotFollowedWhereItIsALink) {
+  const DeviceRoot linked, without_library;
+  const std::string target = linked.at("/target"), link = linked.at(state_directory);
   ASSERT_EQ(mkdir(target.c_str(), 0755), 0);
-  fs::create_directory_symlink(target, path);
-  const DaemonProcess daemon(root);
+  fs::create_directory_symlink(target, link);
+  const DaemonProcess with_link(linked);
   EXPECT_EQ(mode_of(target), 0755u);
-  EXPECT_NE(daemon.standard_error().find("lockstart_local: couldn't open " + path + "\n"), std::string::npos);
-}
+  EXPECT_NE(with_link.standard_error().find("lockstart_local: couldn't open " + link + "\n"), std::string::npos);
 
-TEST(StateDirectory, CanBeDoneWithout) {
-  const DeviceRoot root;
-  const std::string path = root.at(state_directory), library = fs::path(path).parent_path();
-  fs::remove_all(library);
-  const DaemonProcess daemon(root);
-  EXPECT_FALSE(fs::exists(library));
-  EXPECT_NE(daemon.standard_error().find("lockstart_local: Could not mkdir " + path + " : No such file"),
+  const std::string path = without_library.at(state_directory);
+  fs::remove_all(fs::path(path).parent_path());
+  const DaemonProcess without(without_library);
+  EXPECT_NE(without.standard_error().find("lockstart_local: Could not mkdir " + path + " : No such file"),
             std::string::npos);
 }
 
@@ -83,21 +78,24 @@ TEST(StartUp, RefusesABadEnvironmentAndTouchesNothing) {
   fs::create_directory_symlink(root.at(""), root.at("") + "-link");
   const std::string garbage = root.profile() + "-garbage";
   testing::write_file(garbage, "no property list");
-  const std::pair<const char*, Lines> faults[] = {
-      {"CORVANE_ROOT",
-       {root.at("").substr(1), root.at("/"), root.at("-link"), root.at("/run/.."), root.at("/no"),
-        root.profile()}},
-      {"CORVANE_PLATFORM", {"Linux"}},
-      {"CORVANE_PROFILE", {"", root.at("/missing"), root.at("/run"), garbage}},
-      {"CORVANE_LOG_STDERR", {"yes"}}};
+  const std::pair<const char*, std::string> faults[] = {{"CORVANE_ROOT", root.at("").substr(1)},
+                                                        {"CORVANE_ROOT", root.at("/")},
+                                                        {"CORVANE_ROOT", root.at("-link")},
+                                                        {"CORVANE_ROOT", root.at("/run/..")},
+                                                        {"CORVANE_ROOT", root.at("/no")},
+                                                        {"CORVANE_ROOT", root.profile()},
+                                                        {"CORVANE_PLATFORM", "Linux"},
+                                                        {"CORVANE_LOG_STDERR", "yes"},
+                                                        {"CORVANE_PROFILE", ""},
+                                                        {"CORVANE_PROFILE", root.at("/missing")},
+                                                        {"CORVANE_PROFILE", root.at("/run")},
+                                                        {"CORVANE_PROFILE", garbage}};
   const Lines before = root.listing();
-  for (const auto& [variable, values] : faults) {
-    for (const std::string& value : values) {
-      SCOPED_TRACE(std::string(variable) + "=" + value);
-      testing::Environment environment = root.environment();
-      environment[variable] = value;
-      expect_refused(environment);
-    }
+  for (const auto& [variable, value] : faults) {
+    SCOPED_TRACE(std::string(variable) + "=" + value);
+    testing::Environment environment = root.environment();
+    environment[variable] = value;
+    expect_refused(environment);
   }
   EXPECT_EQ(root.listing(), before);
 }
@@ -116,12 +114,10 @@ TEST(StartUp, RefusesARootUnderWhichAPathWouldBeCut) {
   const DeviceRoot longest(long_root(root_limit)), too_long(long_root(root_limit + 1));
   ASSERT_EQ(longest.at(images_file).size(), path_limit);
   const DaemonProcess daemon(longest);
-  EXPECT_TRUE(store_images(longest));
-  EXPECT_TRUE(fs::exists(longest.at(images_file)));
-
+  EXPECT_TRUE(store_images(longest) && fs::exists(longest.at(images_file)));
   const Lines before = too_long.listing();
   expect_refused(too_long.environment());
-  EXPECT_EQ(too_long.listing(), before);
+  EXPECT_TRUE(too_long.listing() == before) << "something was touched";
 }
 
 TEST(StartUp, RefusesToRunBesideAnotherDaemon) {
@@ -145,27 +141,24 @@ TEST(StartUp, ReplacesTheSocketsOfAKilledDaemonAndTakesItsOwnAway) {
     DaemonProcess daemon(root);
     EXPECT_EQ(mode_of(root.socket(wire::public_service)), 0666u);
     EXPECT_EQ(mode_of(root.socket(wire::admin_service)), 0600u);
-    EXPECT_TRUE(store_images(root));
     EXPECT_EQ(daemon.end(SIGTERM), 0) << daemon.standard_error();
     EXPECT_EQ(std::distance(fs::directory_iterator(root.at("/run/corvaned")), {}), 1) << "the lock stays";
   }
 }
 
-TEST(Signals, HangupIsIgnoredAndTerminationEndsTheDaemonEvenWhereItWasBlocked) {
-  sigset_t both, own_mask;
-  sigemptyset(&both);
-  sigaddset(&both, SIGTERM);
-  sigaddset(&both, SIGINT);
+TEST(StartUp, IgnoresHangupAndUnblocksTheSignalsThatEndTheDaemon) {
+  sigset_t all, own_mask;
+  sigfillset(&all);
   const DeviceRoot root;
   for (const int signal : {SIGTERM, SIGINT}) {
-    SCOPED_TRACE(strsignal(signal));
-    pthread_sigmask(SIG_BLOCK, &both, &own_mask);
+    pthread_sigmask(SIG_BLOCK, &all, &own_mask);
     DaemonProcess daemon(root);
     pthread_sigmask(SIG_SETMASK, &own_mask, nullptr);
-    kill(daemon.pid(), SIGHUP);
-    EXPECT_EQ(RawClient(root.socket(wire::public_service)).ask("r"), testing::refusal("r"));
-    EXPECT_EQ(daemon.end(signal), 0);
+    EXPECT_EQ(daemon.end(signal), 0) << "blocked by the parent: " << strsignal(signal);
   }
+  const DaemonProcess daemon(root);
+  kill(daemon.pid(), SIGHUP);
+  EXPECT_EQ(RawClient(root.socket(wire::public_service)).ask("r"), testing::refusal("r"));
 }
 
 }  // namespace

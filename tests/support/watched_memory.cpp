@@ -6,6 +6,7 @@
 #include <cstring>
 #include <malloc.h>
 #include <new>
+#include <pthread.h>
 
 namespace corvane::testing {
 
@@ -57,6 +58,24 @@ ReleasedMemory::ReleasedMemory(const Pieces& secret) {
 ReleasedMemory::~ReleasedMemory() { watched_for = nullptr; }
 
 size_t ReleasedMemory::pieces_found() const { return found; }
+
+WatchedStack::WatchedStack() : pages_(std::make_unique<Page[]>(size / sizeof(Page))) {}
+
+std::string_view WatchedStack::after(std::function<void()> function) {
+  std::memset(pages_.get(), 0, size);
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  if (pthread_attr_setstack(&attributes, pages_.get(), size) != 0) std::abort();
+  const auto call = [](void* given) -> void* {
+    (*static_cast<std::function<void()>*>(given))();
+    return nullptr;
+  };
+  pthread_t thread;
+  if (pthread_create(&thread, &attributes, call, &function) != 0) std::abort();
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attributes);
+  return {pages_[0].bytes, size};
+}
 
 }  // namespace corvane::testing
 

@@ -2,6 +2,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string_view>
 #include <unordered_set>
 
@@ -31,6 +33,21 @@ class ReleasedMemory {
   explicit ReleasedMemory(const Pieces& secret);
   ~ReleasedMemory();
   size_t pieces_found() const;
+};
+
+/// The stack of a thread that runs a function, to be searched afterwards.
+class WatchedStack {
+ public:
+  WatchedStack();
+  /// What `function` leaves on the stack; valid until the next call.
+  std::string_view after(std::function<void()> function);
+
+ private:
+  static constexpr size_t size = 1 << 20;
+  struct Page {
+    alignas(4096) char bytes[4096];
+  };
+  const std::unique_ptr<Page[]> pages_;
 };
 
 }  // namespace corvane::testing
