@@ -19,7 +19,7 @@ plist::Ref<plist::Dictionary> copy_carrier_bundle_info() {
   const std::string bundle = system_path("/var/mobile/Library/Carrier Bundle.bundle");
   std::snprintf(path, sizeof path, "%s/Info.plist", bundle.c_str());
 
-  // Stays empty, and fails to load, where the bundle leads outside the allowed directories.
+  // Stays empty, and so fails to load, where the bundle lies outside the allowed directories.
   char resolved[path_limit] = "";
   const int vetted = safe_bundle(path, resolved, sizeof resolved);
   struct stat status;

@@ -27,7 +27,7 @@ constexpr std::string_view slate_family = "Slate";
 
 plist::Ref<plist::String> text(std::string_view utf8) { return plist::String::create(utf8); }
 
-// tolower(3) would go by the locale; names of machines are ASCII.
+// tolower(3) depends on the locale; names of machines are ASCII.
 char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 bool same_letter(char a, char b) { return lower(a) == lower(b); }

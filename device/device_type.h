@@ -8,21 +8,21 @@
 namespace corvane {
 
 struct DeviceType {
-  plist::Ref<plist::String> product_type;  ///< null where the device answers none, or one that is no string
+  plist::Ref<plist::String> product_type;  ///< null where the device gives none, or one that is not a string
   plist::Ref<plist::String> device_class;  ///< null unless overridden
   bool overridden = false;                 ///< the fixed test product stands in for this machine
   bool is_fpga = false;
   bool has_telephony = false;
-  int32_t baseband_class = -1;  ///< -1 where the device tree holds no valid one, and when overridden
+  int32_t baseband_class = -1;  ///< -1 where the device tree has no valid one, or when overridden
 };
 
-/// Works the record out anew and logs what it finds. The daemon goes through the accessors below.
+/// Computes the record and logs what it finds. The daemon calls the accessors below instead.
 /// Throws std::bad_alloc where memory is out.
 DeviceType get_device_type_internal();
 
-// One field each of the process's record, which the first call works out, from whichever thread, while others
-// wait for it. It never changes afterwards and is never freed: strings are borrowed for good. A call that
-// still has to work it out throws std::bad_alloc where memory is out.
+// Each accessor reads one field of the process's record. The first call, on any thread, computes the record while
+// others wait; it throws std::bad_alloc where memory is out, and the next call tries again. Once computed, the
+// record never changes and is never freed, so the borrowed strings stay valid.
 
 plist::String* device_product_type();
 plist::String* device_class_override();
@@ -37,8 +37,8 @@ bool baseband_class_above_two();
 /// True only where the device-property service answers `name` with a Boolean, and that is true. Any thread.
 bool device_bool_answer(const plist::String& name);
 
-/// A property of 4 bytes of a device-tree node, read in the machine's byte order. -1, and a logged line, where
-/// there is no such node or property or it is anything else. Any thread.
+/// Reads a 4-byte property of a device-tree node in the machine's byte order. Returns -1 and logs a line where the
+/// node or the property is missing, or the property is anything else. Any thread.
 int32_t getDeviceTreeInt(const char* path, const plist::String& key);
 
 }  // namespace corvane

@@ -6,13 +6,13 @@
 /// were stored. The file is rewritten in place: store and read on one queue.
 namespace corvane {
 
-/// Replaces the file by {"RegulatoryImages": images, "ProductVersion": the system's version of now}. The
+/// Replaces the file by {"RegulatoryImages": images, "ProductVersion": the current system version}. The
 /// images are borrowed and not inspected. 0; -1, the old file untouched and nothing logged, where the
 /// device has no version or memory is out; otherwise what `store_dict` answers.
 int store_regulatory_images(plist::Value& images);
 
 /// The file's whole dictionary, owned and immutable, under whatever version it was stored. Null when the file
-/// cannot be read, which `load_dict` logs, or holds a value of another kind.
+/// cannot be read, which `load_dict` logs, or does not hold a dictionary.
 /// Throws std::bad_alloc where memory is out.
 plist::Ref<plist::Dictionary> copy_regulatory_images();
 

@@ -18,8 +18,8 @@ namespace {
 
 constexpr std::string_view phone_number_changed = "com.norvane.mobile.keelhold.phone_number_changed";
 
-// The size of the buffer, with its terminator, that a phone number is held against. Nothing is copied: whoever
-// reads the log only learns that the number would not fit.
+// A phone number that does not fit into this many bytes, with its terminator, is logged. It is returned all the
+// same, and copied nowhere.
 constexpr size_t phone_number_capacity = 1024;
 
 constexpr std::string_view withheld_keys[] = {

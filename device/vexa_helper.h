@@ -4,8 +4,8 @@
 
 namespace corvane {
 
-/// How request handlers ask the device-property service and gather its answers. Has no state of its own:
-/// any thread, but one that shares its dictionary and error list with no other.
+/// How request handlers ask the device-property service and gather its answers. It has no state: any thread may
+/// use it, with a dictionary and an error list that no other thread uses.
 class VexaHlpr {
  public:
   /// An owned value, or null when there is no answer. A null name asks nothing and gives null.

@@ -7,7 +7,7 @@
 
 namespace corvane {
 
-/// The facilities that depend on what the daemon runs on, which the rest of the platform is given.
+/// The facilities that depend on the device. Each kind of device implements them, and the platform is given one.
 class Device {
  public:
   virtual ~Device() = default;

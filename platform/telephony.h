@@ -46,7 +46,7 @@ struct TelvoRadioStatus {
   plist::Ref<plist::Dictionary> properties;  ///< null where there are none
 };
 
-/// What the notification centre delivers, and the name of each notification.
+/// The names of the notifications that the centre delivers.
 inline constexpr std::string_view telvo_sim_inserted = "TelvoSIMNewlyInsertedNotification";
 inline constexpr std::string_view telvo_sim_status_changed = "TelvoSIMStatusChangedNotification";
 inline constexpr std::string_view telvo_phone_number_changed = "TelvoPhoneNumberSettingChangedNotification";

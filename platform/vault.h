@@ -11,15 +11,15 @@
 /// The key and certificate service. A real one implements these classes; nothing above this header knows more
 /// of it.
 ///
-/// Its objects are immutable, owned by whoever creates or copies them, and go only to operations of the service
-/// that they come from. Any thread. An operation that fails, for want of memory too, answers null or false and
-/// leaves nothing behind; nothing is thrown. Data values that the service creates are wiped when released.
+/// Its objects are immutable, belong to whoever creates or copies them, and may be given only to the service that
+/// made them. Any thread. An operation that fails, also where memory runs out, returns null or false, leaves
+/// nothing behind and throws nothing. Data values that the service creates are wiped when they are released.
 namespace corvane {
 
 using VaultSha1Digest = std::array<unsigned char, 20>;
 
-/// In a key's attributes: its raw bytes, a data value. Of an RSA key the DER of its RSAPublicKey or RSAPrivateKey
-/// (RFC 8017, appendix A.1).
+/// The attribute that holds a key's raw bytes, a data value: the DER of an RSAPublicKey or RSAPrivateKey (RFC
+/// 8017, appendix A.1).
 inline constexpr std::string_view vault_value_data = "ValueData";
 
 /// The parameters of a new pair: its type, a string, and the bits of its modulus, a 32-bit integer.
@@ -35,8 +35,8 @@ class VaultKey {
   virtual plist::Ref<plist::Dictionary> copy_attributes() const = 0;
   /// The bytes of the modulus, which are those of a signature.
   virtual size_t block_size() const = 0;
-  /// RSASSA-PKCS1-v1_5 (RFC 8017, 8.2) over a SHA-1 digest. `size` holds the room at `signature` and then what
-  /// was written. Precondition: the room is `block_size()` or more. False for a public key.
+  /// RSASSA-PKCS1-v1_5 (RFC 8017, 8.2) over a SHA-1 digest. `size` is the capacity of `signature`, and then the
+  /// bytes written. Precondition: the capacity is at least `block_size()`. False for a public key.
   virtual bool raw_sign(const VaultSha1Digest& digest, char* signature, size_t& size) const = 0;
   virtual bool raw_verify(const VaultSha1Digest& digest, std::string_view signature) const = 0;
 };
@@ -73,7 +73,7 @@ class VaultTrust {
  public:
   virtual ~VaultTrust() = default;
 
-  /// The leaf's, whether or not anyone would trust it; null unless that is an RSA key.
+  /// The public key of the leaf certificate, which need not be trusted; null unless it is an RSA key.
   virtual std::unique_ptr<VaultKey> copy_public_key() const = 0;
 };
 
@@ -116,10 +116,11 @@ class Vault {
   virtual std::unique_ptr<VaultTrust> create_trust(std::span<const VaultCertificate* const> certificates,
                                                    const VaultPolicy& policy) = 0;
 
-  /// The DER of a PKCS #10 request (RFC 2986, version 0, no attributes) signed with RSA and SHA-256. Null where
-  /// the two are no pair, so that its signature would not verify, and where a value holds characters that its
-  /// string type has not: a PrintableString has only A-Z a-z 0-9 blank ' ( ) + , - . / : = ?
-  /// No further parameters are known: `parameters` is null.
+  /// The DER of a PKCS #10 request (RFC 2986, version 0, no attributes), signed with RSA and SHA-256. Null where
+  /// the keys are not a pair, and where a value holds a character that its string type does not have. The
+  /// characters of a PrintableString are A-Z a-z 0-9 blank ' ( ) + , - . / : = ?
+  ///
+  /// There are no further parameters: `parameters` is null.
   virtual plist::Ref<plist::Data> generate_certificate_request(VaultName subject,
                                                                const plist::Dictionary* parameters,
                                                                const VaultKey& public_key,

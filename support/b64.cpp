@@ -8,10 +8,10 @@
 
 #include "support/b64_kernels.h"
 
-// Clean runs go through the kernels; the rest, line breaks, padding, foreign characters and the ends, goes
-// through here a group or a character at a time.
+// Runs of plain Base64 go through the kernels. Line breaks, padding, foreign characters and the ends of the input
+// are handled here, a group or a character at a time.
 
-// Active in every build; the name is that of the source, wherever it was built.
+// Active in every build. The file is named without the folder that it was built in.
 #define ASSERT(condition) ((condition) ? void(0) : assertion_failed(#condition, __func__, __LINE__))
 
 namespace corvane {
@@ -47,7 +47,7 @@ constexpr std::string_view error_text(uint32_t code) {
   }
 }
 
-// Whether `flags` let decoding pass over a character that carries no bits.
+// Whether decoding with `flags` skips a character that is neither in the alphabet nor padding.
 bool may_skip(char character, uint32_t flags) {
   switch (character) {
     case '\r':
@@ -63,7 +63,7 @@ bool may_skip(char character, uint32_t flags) {
   }
 }
 
-// The octets of a group, as many as its padding leaves.
+// Writes the octets of a group, fewer where it is padded, and returns how many.
 size_t write_group(const unsigned char (&slots)[NUM_ENCODED_DATA_BYTES], size_t pads, unsigned char* dest) {
   dest[0] = static_cast<unsigned char>(slots[0] << 2 | (slots[1] >> 4 & 3));
   if (pads == 2) return 1;

@@ -28,9 +28,9 @@ enum : uint32_t {
   B64_LINES_76 = 3,
 };
 
-/// What decoding does not pass over, besides carriage return and line feed, which it always does.
+/// Where decoding stops. It always skips carriage return and line feed.
 enum : uint32_t {
-  B64_STOP_ON_UNKNOWN = 0x100,  ///< what is neither in the alphabet nor "=" nor a blank in the next sense
+  B64_STOP_ON_UNKNOWN = 0x100,  ///< anything but the alphabet, "=" and what the next flag names
   B64_STOP_ON_SPACE = 0x200,    ///< blank, tab, backspace or vertical tab
 };
 
@@ -48,7 +48,7 @@ size_t b64_encode2(const void* src, size_t srcSize, char* dest, size_t destLen, 
 /// returned count. Do not encode empty input with line breaks: its size wraps to the largest there is.
 size_t b64_encode_(const void* src, size_t srcSize, char* dest, size_t destLen, size_t lineLen, uint32_t* rc);
 
-/// b64_decode_ that passes over everything that is not Base64.
+/// b64_decode_ that skips everything that is not Base64.
 size_t b64_decode(const char* src, size_t srcLen, void* dest, size_t destSize);
 
 /// b64_decode_, where `badChar` and `rc` may be null.

@@ -11,7 +11,7 @@
 // The vector translations follow W. Mula and D. Lemire, "Faster Base64 Encoding and Decoding Using AVX2
 // Instructions" (2018): encoding spreads 3 octets over 4 lanes with two multiplications and finds each
 // character's offset from the alphabet's range that it lies in; decoding classifies characters by their two
-// nibbles. Each width leaves what it is too wide for to the next one.
+// nibbles. What one width leaves over goes to the next narrower one.
 
 namespace corvane {
 
@@ -111,8 +111,8 @@ CORVANE_SSE4 void encode_sse4(const unsigned char* src, size_t groups, char* des
   encode_portable(src, groups, dest);
 }
 
-// The compiler does not see that the narrower kernel, which it takes for a neighbour, pays dearly for upper halves
-// that are not zero.
+// Zeroes the upper register halves before it calls the narrower kernel, which would be much slower otherwise. The
+// compiler does not add that here.
 CORVANE_AVX2 void encode_avx2(const unsigned char* src, size_t groups, char* dest) {
   // The upper lane is loaded from 4 octets before its first, so that no octet past the last is read.
   const __m256i order = _mm256_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10,  //

@@ -18,12 +18,12 @@ namespace {
 
 constexpr size_t length_offset = 4;
 
-// How the magic is logged, on every machine.
+// The magic is logged in this byte order on every machine.
 uint32_t load_little_endian(const char* bytes) {
   return __builtin_bswap32(static_cast<uint32_t>(plist::load_big_endian<4>(bytes)));
 }
 
-// The two questions, for the size and for the blob. Null where there is no blob.
+// Asks for the size first, then for the blob. Null where there is none.
 Ref<plist::Data> copy_blob(int32_t pid) {
   char header[plist::entitlements_header_size] = {};
   if (sigq(pid, sigq_entitlements, header, sizeof header) == 0) return nullptr;
@@ -34,7 +34,8 @@ Ref<plist::Data> copy_blob(int32_t pid) {
   const size_t size = plist::load_big_endian<4>(header + length_offset);
   auto blob = plist::MutableData::create_or_null(size);
   if (!blob) return nullptr;
-  // A process that has exchanged its executable meanwhile may have nothing more to give.
+  // Zeroed, because nothing is written where the process has lost its entitlements since it was asked for the
+  // size.
   std::memset(blob->mutable_bytes(), 0, size);
   if (sigq(pid, sigq_entitlements, blob->mutable_bytes(), size) != 0) {
     cv_log("copy_entitlements_for_pid", 0, "sigq2(%d): %s\n", pid, std::strerror(errno));
@@ -43,7 +44,7 @@ Ref<plist::Data> copy_blob(int32_t pid) {
   return blob;
 }
 
-// The parsed values may share the blob's bytes, and keep them alive.
+// The parsed values may share the blob's bytes and keep them alive.
 Ref<plist::Dictionary> parse(const Ref<plist::Data>& blob, size_t length) {
   const size_t header = plist::entitlements_header_size;
   const auto payload = plist::Data::slice(blob, header, length - header);

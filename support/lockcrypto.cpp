@@ -28,7 +28,7 @@ constexpr char public_key_label[] = "RSA PUBLIC KEY";
 constexpr char certificate_label[] = "CERTIFICATE";
 constexpr char request_label[] = "CERTIFICATE REQUEST";
 
-// What stands before and behind the Base64 text; both empty where the label is too long.
+// The lines before and after the Base64 text. They are to be used only where they fit.
 class Markers {
  public:
   explicit Markers(const char* label)
@@ -58,7 +58,7 @@ Ref<Data> lockcrypto_create_pem(const Data& data, const char* label) {
   const std::string_view bytes = data.bytes();
   const size_t size = b64_encode2(bytes.data(), bytes.size(), nullptr, 0, B64_LINES_64, 0, nullptr);
   if (size == 0) return nullptr;
-  // The size of no bytes is one below zero, so that the footer then stands on the header's line feed.
+  // The size of no bytes is one below zero, so the footer then replaces the header's line feed.
   const std::string_view header = markers.header();
   const std::string_view footer = markers.footer();
   const size_t footer_at = header.size() + size;

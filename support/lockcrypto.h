@@ -10,19 +10,23 @@
 /// PEM text (RFC 7468, in lines of 64 characters), RSA keys, certificates and certificate requests, done by the
 /// platform's key and certificate service.
 ///
-/// What is returned is new and the caller's. A function that fails, for want of memory too, answers null or -1,
-/// leaves nothing behind and throws nothing. No state; any thread. No key object outlives the call that made it
-/// for itself, and the buffers of everything here are wiped when they are released: text and bytes of a private
-/// key are left nowhere but in the data value that the caller owns.
+/// Precondition: a key and certificate service is installed (install_vault in platform/vault.h). `main` installs
+/// none, because no method of the daemon needs one yet.
+///
+/// What is returned is new and belongs to the caller. A function that fails, also where memory runs out, returns
+/// null or -1, leaves nothing behind and throws nothing. There is no state; any thread.
+///
+/// Every buffer is wiped when it is released, so text and bytes of a private key stay only in the data value that
+/// the caller owns.
 namespace corvane {
 
-/// The text of DER bytes under a label, without a NUL. Null where a marker with that label would not fit into 80
-/// bytes, its NUL included. Of no bytes at all the header without its line feed and the whole footer.
+/// The PEM text of DER bytes, without a NUL. Null where a marker with that label would not fit into 80 bytes, its
+/// NUL included. The text of no bytes is the header without its line feed, and the footer.
 plist::Ref<plist::Data> lockcrypto_create_pem(const plist::Data& data, const char* label);
 
-/// The bytes between the first header and the first footer with that label, line feeds and all, in front of any
-/// NUL. Null where either is missing, the footer does not come after the header, or nothing stands between them.
-/// Characters that are not Base64 are passed over; null gives null.
+/// Decodes the text between the first header and the first footer with that label, whose line feeds are part of
+/// them. A NUL ends the search, and characters that are not Base64 are skipped. Null where a marker is missing,
+/// where the footer does not come after the header, where nothing is between them, and for null.
 plist::Ref<plist::Data> lockcrypto_decode_pem(const plist::Data* pem, const char* label);
 
 /// The text of the key's raw bytes.
@@ -43,7 +47,7 @@ std::unique_ptr<VaultIdentity> lockcrypto_identity_from_pem_data(const plist::Da
 int lockcrypto_identity_to_pem(const VaultIdentity& identity, plist::Ref<plist::Data>* private_key_pem,
                                plist::Ref<plist::Data>* public_key_pem, plist::Ref<plist::Data>* certificate_pem);
 
-/// That of the first certificate, which no trust is evaluated for; null unless it is an RSA key.
+/// The public key of the first certificate, which need not be trusted; null unless it is an RSA key.
 std::unique_ptr<VaultKey> lockcrypto_public_key_from_certificates(
     std::span<const VaultCertificate* const> certificates);
 
@@ -52,8 +56,9 @@ int lockcrypto_create_key_pair(uint32_t bits, plist::Ref<plist::Data>& public_ke
                                plist::Ref<plist::Data>& private_key_pem);
 
 /// The text of a PKCS #10 request for the key pair, signed with its private key. The subject is the common name
-/// and what the product is configured with, all of them PrintableStrings: a common name with other characters
-/// than such a string has (see platform/vault.h) gives null, as does a pair that is none. A failure is logged.
+/// and what the product is configured with, all PrintableStrings. Null, and logged, on failure: also where the
+/// common name has characters that a PrintableString does not have (see platform/vault.h), and where the keys are
+/// not a pair.
 plist::Ref<plist::Data> lockcrypto_create_cert_request(const plist::String& common_name,
                                                        const plist::Data* public_key_pem,
                                                        const plist::Data* private_key_pem);

@@ -31,7 +31,7 @@ Owned<X509> shared(X509* certificate) {
   return Owned<X509>(X509_up_ref(certificate) == 1 ? certificate : nullptr);
 }
 
-// Takes what its scope adds to libcrypto's error queue off again.
+// Removes from libcrypto's error queue what is added to it in the scope.
 class ErrorQueueKeeper {
  public:
   ErrorQueueKeeper() { ERR_set_mark(); }
@@ -231,7 +231,7 @@ VaultKeyPair OpenSslVault::generate_key_pair(const plist::Dictionary& parameters
   if (bits == 0) return {};
   EvpKey key(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", bits));
   if (!key) return {};
-  // The public key is one that has no private half to sign with.
+  // Read from its own DER, so that it has no private half to sign with.
   const Ref<Data> public_der = write_pkcs1(*key, RsaKeyKind::public_key);
   if (!public_der) return {};
   VaultKeyPair pair{create_rsa_public_key(public_der->bytes()),

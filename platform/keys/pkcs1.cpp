@@ -15,8 +15,8 @@
 // Both kinds of key are a SEQUENCE of INTEGERs, which go to libcrypto and come from it as parameters. Its own
 // decoders take other forms too when asked for this one, and neither they nor its encoders wipe their buffers.
 //
-// A view of an INTEGER is of its value, big-endian without leading zeros. Reading does not mind how the DER came
-// about; what is written of the INTEGERs must then be what was read.
+// An INTEGER is held as a view of its value, big-endian without leading zeros. Reading is lenient; then the
+// INTEGERs are written again, and unless that gives the bytes that were read, the key is refused.
 
 namespace corvane {
 
@@ -85,7 +85,7 @@ bool read_integers(std::string_view der, std::span<std::string_view> integers) {
   return true;
 }
 
-// Whether a zero must stand before it, for it to be a number and not negative.
+// An INTEGER has at least one byte, and would be negative if its first bit were set.
 bool needs_zero(std::string_view integer) { return integer.empty() || (integer.front() & 0x80) != 0; }
 
 int contents_size(std::string_view integer) { return static_cast<int>(integer.size() + needs_zero(integer)); }

@@ -4,9 +4,9 @@
 
 namespace corvane {
 
-/// Entitlements are an extended attribute of the executable that a process runs. Only that of a file counts
-/// which root alone can write, on a file system that is not mounted nosuid: the same that the kernel asks
-/// before it honours a file's own privileges.
+/// Entitlements are an extended attribute of the executable that a process runs. It counts only if root alone can
+/// write the file and the file system is not mounted nosuid, as for a file's own privileges. A process without an
+/// executable, a kernel thread or a zombie, has none.
 class LinuxCodeSigning final : public CodeSigning {
  public:
   int copy_entitlements_blob(int32_t pid, std::string& blob) override;

@@ -11,14 +11,14 @@
 
 namespace corvane {
 
-/// What stands before the first NUL or line feed: the first of a device tree's list of strings, or the one
-/// line of a DMI attribute.
+/// The bytes before the first NUL or line feed: the first of a device tree's list of strings, or the one line of a
+/// DMI attribute.
 std::string_view first_string(std::string_view bytes);
 
-/// Answers from a table, the dictionary in <root>/etc/corvaned/properties.plist, and for names that it does
-/// not hold from what the running system knows: "ProductVersion" is VERSION_ID of os-release(5), "ProductType"
-/// the first "compatible" string of the device tree or else the DMI product name, which are the running
-/// kernel's and not below the root. Files may change at any time; a missing or bad one has no answers.
+/// Answers from a table, the dictionary in <root>/etc/corvaned/properties.plist. Two names that the table lacks
+/// are answered from the running system: "ProductVersion" is VERSION_ID of os-release(5) below the root;
+/// "ProductType" is the first "compatible" string of the kernel's device tree, or else the DMI product name. Files
+/// may change at any time; a missing or bad one has no answers.
 class LinuxDeviceProperties final : public DeviceProperties {
  public:
   explicit LinuxDeviceProperties(const std::string& root);
@@ -32,8 +32,8 @@ class LinuxDeviceProperties final : public DeviceProperties {
   DictionaryFile table_;
 };
 
-/// The flattened device tree of the running kernel: the node "HWTree:/baseband" is the folder baseband below
-/// /sys/firmware/devicetree/base, a property a file of raw bytes in it. Without a device tree there are no
+/// The device tree of the running kernel. The node "HWTree:/baseband" is the folder baseband below
+/// /sys/firmware/devicetree/base, and a property is a file of raw bytes in it. Without a device tree there are no
 /// nodes.
 class LinuxHardwareRegistry final : public HardwareRegistry {
  public:

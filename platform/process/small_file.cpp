@@ -31,7 +31,7 @@ int64_t clock_time() {
 
 bool is_settled(int64_t changed, int64_t now) {
   const int64_t age = now - changed;
-  // A time further ahead is from before the clock was set back, and will not come again by chance.
+  // A time further ahead is from before the clock was set back, so no new change will have the same.
   return age > stamp_settles_after_ns || age < -stamp_settles_after_ns;
 }
 
@@ -85,14 +85,14 @@ plist::Ref<plist::Value> DictionaryFile::copy_value(std::string_view key) {
 void DictionaryFile::refresh() {
   if (settled_ && take_stamp(path_) == stamp_) return;
   settled_ = false;
-  // In this order, so that no change in between can go unnoticed: at worst the file is read once too often.
+  // In this order no change in between goes unnoticed: at worst the file is read once too often.
   const int64_t now = clock_time();
   const Stamp stamp = take_stamp(path_);
   take_in(decode_dictionary(read_small_file(path_)), stamp);
   settled_ = is_settled(stamp.changed, now);
 }
 
-// A file that is not settled is read again and again; that alone makes no new version of it.
+// A file that is not settled is read at each call; the same contents are no new version.
 void DictionaryFile::take_in(Contents fresh, const Stamp& stamp) {
   const bool is_known = stamp == stamp_ && fresh.fault == contents_.fault &&
                         plist::equal(fresh.dictionary.get(), contents_.dictionary.get());

@@ -20,19 +20,18 @@ struct SmallFile {
   std::string fault;              ///< in a few words, without the path: why there are no bytes
 };
 
-/// Reads a regular file of at most `small_file_limit` bytes; links are followed. Never waits for anything but
-/// the disk, and says nothing anywhere. Of a file that grows meanwhile the answer is the part that was there
-/// at first, of one that shrinks what is left.
+/// Reads a regular file of at most `small_file_limit` bytes; links are followed. Waits for nothing but the disk,
+/// and logs nothing. A file that grows meanwhile is read up to its first size, one that shrinks as far as it goes.
 SmallFile read_small_file(const std::string& path);
 
-/// A file that holds one property list, a dictionary, and may be edited at any time. Every question looks
-/// whether the file is still the one that was read, which costs one stat(2). Any thread.
+/// A file that holds one property list, a dictionary, and may be edited at any time. Each call checks with one
+/// stat(2) whether the file has changed. Any thread.
 class DictionaryFile {
  public:
   struct Contents {
     plist::Ref<plist::Dictionary> dictionary;  ///< null exactly when `fault` is set
     std::string fault;                         ///< one line without the path: why there is no dictionary
-    uint64_t version = 0;                      ///< another one for each state of the file that was seen
+    uint64_t version = 0;                      ///< differs for each state of the file that was seen
   };
 
   explicit DictionaryFile(std::string path) : path_(std::move(path)) {}

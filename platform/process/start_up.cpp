@@ -90,8 +90,8 @@ std::optional<Environment> read_environment(std::string& refusal) {
   return std::nullopt;
 }
 
-// Left to itself, malloc(3) would soon keep the memory of large answers instead of giving it back. That of usual
-// ones it may keep, or each would be paged in anew.
+// By default malloc(3) soon keeps the memory of large answers instead of returning it. The memory of usual ones it
+// should keep, so that it is not paged in anew for each.
 void set_memory_thresholds() {
   mallopt(M_MMAP_THRESHOLD, 4 << 20);
   mallopt(M_TRIM_THRESHOLD, 8 << 20);

@@ -13,10 +13,10 @@ struct Environment {
   bool log_to_stderr = false;  ///< CORVANE_LOG_STDERR is "1"
 };
 
-/// Nothing where the environment makes no sense; `refusal` says why in one line.
+/// Nothing where a variable has a bad value, with the reason in `refusal` in one line.
 std::optional<Environment> read_environment(std::string& refusal);
 
-/// Has malloc(3) give the memory of large values back to the system, and keep that of usual ones for the next.
+/// Makes malloc(3) return the memory of large values to the system, and keep the memory of usual ones.
 void set_memory_thresholds();
 
 /// Makes the process fit to be a daemon: umask 022; descriptors 0 to 2 open; SIGHUP, SIGPIPE and SIGXFSZ ignored,

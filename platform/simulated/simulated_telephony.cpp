@@ -90,7 +90,7 @@ class SimulatedConnection final : public TelvoServerConnection {
 int watch_folders_of(const std::string& path) {
   const int watcher = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (watcher < 0) return -1;
-  // A profile that is a link may be changed on either side of it.
+  // Where the profile is a link, the link or the file that it leads to may be replaced.
   std::error_code ignored;
   const std::filesystem::path itself = std::filesystem::absolute(path, ignored);
   const std::set<std::filesystem::path> folders{itself.parent_path(),
@@ -116,7 +116,7 @@ void drain(int watcher) {
 
 SimulatedTelephony::SimulatedTelephony(Profile& profile) : profile_(profile) { take_new_snapshot(); }
 
-// The snapshot before, or null where there was none.
+// Returns the snapshot before, or null where there was none.
 Ref<plist::Dictionary> SimulatedTelephony::take_new_snapshot() {
   const Ref<plist::Dictionary> profile = profile_.current();
   Ref<plist::Dictionary> fresh = cast<plist::Dictionary>(profile->get("Telephony"));
@@ -157,7 +157,7 @@ void SimulatedTelephony::set_default_run_loop(RunLoop& run_loop) {
   if (watcher < 0) {
     return report("could not watch the folder of %s: %s", profile_.path().c_str(), std::strerror(errno));
   }
-  // What changed before the watch began is part of what there is to begin with.
+  // What changed before the watch began is not announced.
   take_new_snapshot();
   try {
     run_loop.watch(watcher, [this, watcher] {
