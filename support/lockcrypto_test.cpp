@@ -4,7 +4,6 @@
 #include <openssl/err.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 
 #include "tests/support/test_platform.h"
@@ -46,6 +45,7 @@ class Lockcrypto : public ::testing::Test {
   const std::string folder_ = platform_.root() + "/var/";
 };
 
+// What is read is compared with a plain reference by fuzz/pem.cpp.
 TEST_F(Lockcrypto, WritesPemInLinesOf64) {
   const auto pem_of_zeros = [](size_t size) {
     return bytes(lockcrypto_create_pem(*data_of(std::string(size, '\0')), "X"));
@@ -55,20 +55,8 @@ TEST_F(Lockcrypto, WritesPemInLinesOf64) {
   EXPECT_EQ(pem_of_zeros(1), header + "\nAA==" + footer);
   EXPECT_EQ(pem_of_zeros(48), header + "\n" + line + footer);
   EXPECT_EQ(pem_of_zeros(49), header + "\n" + line + "\nAA==" + footer);
-  EXPECT_TRUE(lockcrypto_create_pem(*data_of("a"), std::string(62, 'L').c_str()));
+  EXPECT_TRUE(lockcrypto_create_pem(*data_of("a"), std::string(62, 'L').c_str())) << "a marker of 79";
   EXPECT_FALSE(lockcrypto_create_pem(*data_of("a"), std::string(63, 'L').c_str())) << "a marker of 80 bytes";
-}
-
-TEST_F(Lockcrypto, ReadsPemBetweenItsFirstMarkers) {
-  const auto read_pem = [](const std::string& pem) {
-    return bytes(lockcrypto_decode_pem(data_of(pem).get(), "X"));
-  };
-  const std::string header = "-----BEGIN X-----\n", footer = "\n-----END X-----\n", nul(1, '\0');
-  EXPECT_EQ(read_pem("note\n" + header + "QU\r\nJD\n QUI=" + footer + header + "QUJD" + footer + nul), "ABCAB");
-  EXPECT_EQ(read_pem(header + footer), "null");
-  EXPECT_EQ(read_pem(header + footer.substr(1)), "null") << "the markers overlap";
-  EXPECT_EQ(read_pem(header + "QUJD" + nul + footer), "null") << "the footer stands behind a NUL";
-  EXPECT_FALSE(lockcrypto_decode_pem(nullptr, "X"));
 }
 
 TEST_F(Lockcrypto, KeysAndSignaturesAreThoseOfOpenssl) {
@@ -125,25 +113,6 @@ TEST_F(Lockcrypto, IdentityIsACertificateWithItsOwnKey) {
                    "lockcrypto_private_key_from_pem_data: VaultKeyCreateRSAPrivateKey failed"}));
 }
 
-struct IdentityWithoutItsKey final : VaultIdentity {
-  explicit IdentityWithoutItsKey(const Ref<Data>& pem) : certificate_pem(pem) {}
-  std::unique_ptr<VaultKey> copy_private_key() const override { return nullptr; }
-  std::unique_ptr<VaultCertificate> copy_certificate() const override {
-    return lockcrypto_certificate_from_pem_data(certificate_pem.get());
-  }
-  const Ref<Data> certificate_pem;
-};
-
-TEST_F(Lockcrypto, IdentityIsWrittenWholeOrNotAtAll) {
-  openssl("req -x509 -newkey rsa:1024 -nodes -keyout key -subj /CN=x -out certificate");
-  const IdentityWithoutItsKey identity(read("certificate"));
-  Ref<Data> private_pem, public_pem, certificate_pem;
-  EXPECT_EQ(lockcrypto_identity_to_pem(identity, nullptr, &public_pem, &certificate_pem), 0);
-  EXPECT_TRUE(public_pem && certificate_pem) << "the private key is not asked for";
-  EXPECT_EQ(lockcrypto_identity_to_pem(identity, &private_pem, &public_pem, &certificate_pem), -1);
-  EXPECT_FALSE(private_pem || public_pem || certificate_pem);
-}
-
 TEST_F(Lockcrypto, RequestHoldsNameAndKey) {
   const Pair pair(1024);
   // The request, or what is logged instead.
@@ -158,12 +127,11 @@ TEST_F(Lockcrypto, RequestHoldsNameAndKey) {
             "subject=CN = PRINTABLESTRING:\"Unit 7 (a+b)\", C = PRINTABLESTRING:NO, ST = PRINTABLESTRING:OS, "
             "L = PRINTABLESTRING:Oslo, O = PRINTABLESTRING:Norvane, OU = PRINTABLESTRING:Corvane\n");
 
-  const std::string self = "lockcrypto_create_cert_request: ";
-  const Texts refused = {self + "VaultGenerateCertificateRequestWithParameters failed"};
-  EXPECT_EQ(request("x", pair.public_pem, nullptr), Texts{self + "public or private key data not available"});
-  EXPECT_EQ(request("x", pair.private_pem, pair.public_pem).size(), 4u) << "both keys are complained of, twice";
-  EXPECT_EQ(request("x", Pair(1024).public_pem, pair.private_pem), refused);
-  EXPECT_EQ(request("a*", pair.public_pem, pair.private_pem), refused);
+  const Texts refused = {"lockcrypto_create_cert_request: VaultGenerateCertificateRequestWithParameters failed"};
+  EXPECT_EQ(request("x", Pair(1024).public_pem, pair.private_pem), refused) << "no pair";
+  EXPECT_EQ(request("a*", pair.public_pem, pair.private_pem), refused) << "no PrintableString";
+  EXPECT_EQ(request("x", pair.public_pem, nullptr),
+            Texts{"lockcrypto_create_cert_request: public or private key data not available"});
 }
 
 // The private key's bytes from its private exponent on, in either order, and its text.
@@ -189,11 +157,13 @@ TEST_F(Lockcrypto, PrivateKeyIsNowhereWhenItIsReleased) {
   const auto use_everything = [&] {
     Ref<Data> out[3];
     const bool created = lockcrypto_create_key_pair(512, out[0], out[1]) == 0;
-    EXPECT_TRUE(!out[0] == !created && !out[1] == !created);
+    EXPECT_TRUE(!out[0] == !created && !out[1] == !created) << "both or neither";
     const auto identity = lockcrypto_identity_from_pem_data(certificate.get(), key.get());
-    if (!identity || lockcrypto_identity_to_pem(*identity, &out[0], &out[1], &out[2]) != 0) return false;
+    if (!identity) return false;
+    const bool written = lockcrypto_identity_to_pem(*identity, &out[0], &out[1], &out[2]) == 0;
+    for (const auto& pem : out) EXPECT_EQ(!pem, !written) << "all or none";
     const auto private_key = identity->copy_private_key();
-    return private_key && lockcrypto_sign(*private_key, *key) &&
+    return written && private_key && lockcrypto_sign(*private_key, *key) &&
            lockcrypto_create_cert_request(*name, out[1].get(), out[0].get());
   };
   const testing::Pieces secret = secret_of(key);
@@ -212,31 +182,24 @@ TEST_F(Lockcrypto, PrivateKeyIsNowhereWhenItIsReleased) {
 
 #ifndef CORVANE_SANITIZE  // those builds bind functions when they are first called, which saves registers there
 TEST_F(Lockcrypto, PrivateKeyIsNotLeftOnTheStack) {
-  testing::WatchedStack stack;
-  Ref<Data> public_pem, key, out;
+  openssl("req -x509 -newkey rsa:2048 -nodes -keyout pkcs8 -subj /CN=x -out certificate");
+  openssl("rsa -in pkcs8 -traditional -out key");
+  const Ref<Data> key = read("key"), certificate = read("certificate");
+  const testing::Pieces secret = secret_of(key);
   std::unique_ptr<VaultIdentity> identity;
-  const auto expect_nothing_left_by = [&](const char* function, const std::function<void()>& call) {
-    const std::string_view left = stack.after(call);
-    EXPECT_EQ(secret_of(key).count_in(left), 0u) << function;
+  Ref<Data> pem[3], signature, request;
+  testing::WatchedStack stack;
+  const auto pieces_left_by = [&](const std::function<void()>& work) {
+    return secret.count_in(stack.after(work));
   };
-  expect_nothing_left_by("create_key_pair", [&] { lockcrypto_create_key_pair(2048, public_pem, key); });
-  write("key", key);
-  openssl("req -x509 -key key -subj /CN=x -out certificate");
-  const Ref<Data> certificate = read("certificate");
-  expect_nothing_left_by("identity_from_pem_data",
-                         [&] { identity = lockcrypto_identity_from_pem_data(certificate.get(), key.get()); });
-  expect_nothing_left_by("identity_to_pem", [&] { lockcrypto_identity_to_pem(*identity, &out, &out, &out); });
-  expect_nothing_left_by("sign", [&] { out = lockcrypto_sign(*identity->copy_private_key(), *certificate); });
-  expect_nothing_left_by("create_cert_request", [&] {
-    out = lockcrypto_create_cert_request(*plist::String::create("x"), public_pem.get(), key.get());
-  });
-  EXPECT_TRUE(out);
-  const auto leave_a_piece = [&] {
-    char deep[32768];  // its beginning is not overwritten by what runs later
-    std::memcpy(deep, key->bytes().data() + key->bytes().size() / 2, 8);
-    asm volatile("" : : "r"(deep) : "memory");
-  };
-  EXPECT_GT(secret_of(key).count_in(stack.after(leave_a_piece)), 0u) << "a piece that is there is found";
+  EXPECT_EQ(pieces_left_by([&] { identity = lockcrypto_identity_from_pem_data(certificate.get(), key.get()); }),
+            0u);
+  EXPECT_EQ(pieces_left_by([&] { lockcrypto_identity_to_pem(*identity, &pem[0], &pem[1], &pem[2]); }), 0u);
+  EXPECT_EQ(pieces_left_by([&] { signature = lockcrypto_sign(*identity->copy_private_key(), *key); }), 0u);
+  const auto name = plist::String::create("x");
+  EXPECT_EQ(pieces_left_by([&] { request = lockcrypto_create_cert_request(*name, pem[1].get(), key.get()); }), 0u);
+  EXPECT_TRUE(signature && request);
+  EXPECT_GT(pieces_left_by([&] { testing::leave_on_the_stack(bytes(key).substr(900, 8)); }), 0u);
 }
 #endif
 

@@ -30,33 +30,18 @@ bool store_images(const DeviceRoot& root) {
 void expect_refused(const testing::Environment& environment) {
   DaemonProcess daemon(environment);
   EXPECT_EQ(daemon.end(), 1);
-  EXPECT_TRUE(daemon.standard_error().starts_with("corvaned: ")) << daemon.standard_error();
-  EXPECT_EQ(daemon.log().size(), 1u) << daemon.standard_error();
+  const Lines lines = daemon.log();
+  EXPECT_TRUE(lines.size() == 1 && lines[0].starts_with("corvaned: ")) << daemon.standard_error();
 }
 
-TEST(StateDirectory, IsMadeOrGetsItsMode) {
-  const DeviceRoot absent, present;
-  fs::create_directory(present.at(state_directory));
-  for (const DeviceRoot* root : {&absent, &present}) {
-    const DaemonProcess daemon(*root);
-    EXPECT_EQ(mode_of(root->at(state_directory)), 0700u);
-  }
-}
-
-TEST(StateDirectory, CanBeDoneWithoutAndIsNotFollowedWhereItIsALink) {
-  const DeviceRoot linked, without_library;
-  const std::string target = linked.at("/target"), link = linked.at(state_directory);
+TEST(StateDirectory, IsNotFollowedWhereItIsALink) {
+  const DeviceRoot root;
+  const std::string target = root.at("/target"), link = root.at(state_directory);
   ASSERT_EQ(mkdir(target.c_str(), 0755), 0);
   fs::create_directory_symlink(target, link);
-  const DaemonProcess with_link(linked);
+  const DaemonProcess daemon(root);
   EXPECT_EQ(mode_of(target), 0755u);
-  EXPECT_NE(with_link.standard_error().find("lockstart_local: couldn't open " + link + "\n"), std::string::npos);
-
-  const std::string path = without_library.at(state_directory);
-  fs::remove_all(fs::path(path).parent_path());
-  const DaemonProcess without(without_library);
-  EXPECT_NE(without.standard_error().find("lockstart_local: Could not mkdir " + path + " : No such file"),
-            std::string::npos);
+  EXPECT_NE(daemon.standard_error().find("lockstart_local: couldn't open " + link + "\n"), std::string::npos);
 }
 
 TEST(StartUp, StoresTheArkAndGivesFilesTheirModesUnderAnyUmask) {
@@ -66,6 +51,7 @@ TEST(StartUp, StoresTheArkAndGivesFilesTheirModesUnderAnyUmask) {
   const mode_t own_mask = umask(077);
   const DaemonProcess daemon(root);
   umask(own_mask);
+  EXPECT_EQ(mode_of(root.at(state_directory)), 0700u);
   EXPECT_TRUE(testing::read_file(root.at(ark_file)).starts_with("bplist00")) << "written anew, in binary";
   EXPECT_EQ(mode_of(root.at(ark_file)), 0644u);
   ASSERT_TRUE(store_images(root));
@@ -81,14 +67,10 @@ TEST(StartUp, RefusesABadEnvironmentAndTouchesNothing) {
   const std::pair<const char*, std::string> faults[] = {{"CORVANE_ROOT", root.at("").substr(1)},
                                                         {"CORVANE_ROOT", root.at("/")},
                                                         {"CORVANE_ROOT", root.at("-link")},
-                                                        {"CORVANE_ROOT", root.at("/run/..")},
-                                                        {"CORVANE_ROOT", root.at("/no")},
                                                         {"CORVANE_ROOT", root.profile()},
                                                         {"CORVANE_PLATFORM", "Linux"},
                                                         {"CORVANE_LOG_STDERR", "yes"},
                                                         {"CORVANE_PROFILE", ""},
-                                                        {"CORVANE_PROFILE", root.at("/missing")},
-                                                        {"CORVANE_PROFILE", root.at("/run")},
                                                         {"CORVANE_PROFILE", garbage}};
   const Lines before = root.listing();
   for (const auto& [variable, value] : faults) {
@@ -100,12 +82,11 @@ TEST(StartUp, RefusesABadEnvironmentAndTouchesNothing) {
   EXPECT_EQ(root.listing(), before);
 }
 
-// A root of this length, whose folders have names of at most 200 bytes.
+// Folders that make a root of this length.
 std::string long_root(size_t length) {
-  const size_t base = testing::DeviceRoot("").at("").size();
   std::string below;
-  while (base + below.size() < length) {
-    below += "/" + std::string(std::min<size_t>(200, length - base - below.size() - 1), 'r');
+  for (size_t left = length - DeviceRoot("").at("").size(); left > 0; left -= std::min<size_t>(200, left)) {
+    below += "/" + std::string(std::min<size_t>(200, left) - 1, 'r');
   }
   return below;
 }
@@ -114,6 +95,7 @@ TEST(StartUp, RefusesARootUnderWhichAPathWouldBeCut) {
   const DeviceRoot longest(long_root(root_limit)), too_long(long_root(root_limit + 1));
   ASSERT_EQ(longest.at(images_file).size(), path_limit);
   const DaemonProcess daemon(longest);
+  EXPECT_EQ(mode_of(longest.at(state_directory)), 0700u);
   EXPECT_TRUE(store_images(longest) && fs::exists(longest.at(images_file)));
   const Lines before = too_long.listing();
   expect_refused(too_long.environment());
@@ -123,12 +105,10 @@ TEST(StartUp, RefusesARootUnderWhichAPathWouldBeCut) {
 TEST(StartUp, RefusesToRunBesideAnotherDaemon) {
   const DeviceRoot root;
   DaemonProcess first(root);
-  const Lines before = root.listing();
   EXPECT_EQ(first.log().front(), "main: ____________________ Corvane startup _____________________");
   DaemonProcess second(root.environment());
   EXPECT_EQ(second.end(), 1);
   EXPECT_EQ(second.log(), Lines{"corvaned: another daemon holds " + root.at("/run/corvaned/corvaned.lock")});
-  EXPECT_EQ(root.listing(), before);
   EXPECT_EQ(RawClient(root.socket(wire::public_service)).ask("r"), testing::refusal("r"));
 }
 
@@ -146,19 +126,18 @@ TEST(StartUp, ReplacesTheSocketsOfAKilledDaemonAndTakesItsOwnAway) {
   }
 }
 
-TEST(StartUp, IgnoresHangupAndUnblocksTheSignalsThatEndTheDaemon) {
+TEST(StartUp, IgnoresHangupAndUnblocksTermination) {
   sigset_t all, own_mask;
   sigfillset(&all);
   const DeviceRoot root;
-  for (const int signal : {SIGTERM, SIGINT}) {
-    pthread_sigmask(SIG_BLOCK, &all, &own_mask);
-    DaemonProcess daemon(root);
-    pthread_sigmask(SIG_SETMASK, &own_mask, nullptr);
-    EXPECT_EQ(daemon.end(signal), 0) << "blocked by the parent: " << strsignal(signal);
-  }
-  const DaemonProcess daemon(root);
-  kill(daemon.pid(), SIGHUP);
-  EXPECT_EQ(RawClient(root.socket(wire::public_service)).ask("r"), testing::refusal("r"));
+  pthread_sigmask(SIG_BLOCK, &all, &own_mask);
+  DaemonProcess daemon(root);
+  pthread_sigmask(SIG_SETMASK, &own_mask, nullptr);
+  EXPECT_EQ(daemon.end(SIGTERM), 0);
+
+  DaemonProcess other(root);
+  kill(other.pid(), SIGHUP);
+  EXPECT_EQ(other.end(SIGINT), 0);
 }
 
 }  // namespace

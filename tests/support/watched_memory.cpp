@@ -77,6 +77,12 @@ std::string_view WatchedStack::after(std::function<void()> function) {
   return {pages_[0].bytes, size};
 }
 
+void leave_on_the_stack(std::string_view bytes) {
+  char deep[32768];
+  std::memcpy(deep, bytes.data(), 8);
+  asm volatile("" : : "r"(deep) : "memory");  // or the compiler would drop the copy
+}
+
 }  // namespace corvane::testing
 
 using corvane::testing::allocations_left;

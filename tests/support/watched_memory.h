@@ -50,4 +50,7 @@ class WatchedStack {
   const std::unique_ptr<Page[]> pages_;
 };
 
+/// Leaves 8 bytes deep on the stack, where what runs later does not overwrite them.
+void leave_on_the_stack(std::string_view bytes);
+
 }  // namespace corvane::testing
