@@ -32,10 +32,10 @@ class Sim : public ::testing::Test {
  protected:
   Sim() {
     device.rewrite({{"SIMIdentity", text("1")}, {"SubscriberIdentity", text("a")}, {"SIMStatus", text("ready")}});
-    // One for the insertion, and one for each look-up: after the insertion, and after the new status.
-    expect(3, ark_text("1", "a", "ready"));
+    expect("inserted: announced, and looked up for it and for its status", 3, ark_text("1", "a", "ready"));
   }
-  void expect(int posts, const std::string& ark) {
+  void expect(const char* step, int posts, const std::string& ark) {
+    SCOPED_TRACE(step);
     expect_posts(*subscriber, posts);
     device.expect_ark(ark);
   }
@@ -47,19 +47,19 @@ class Sim : public ::testing::Test {
 
 TEST_F(Sim, IsLookedUpOnlyAfterANotification) {
   device.rewrite({{"SubscriberIdentity", text("b")}});
-  expect(0, ark_text("1", "a", "ready"));
+  expect("another owner, without a notification", 0, ark_text("1", "a", "ready"));
   device.rewrite({{"PhoneNumber", text("+1555")}});
-  expect(1, ark_text("1", "b", "ready"));
+  expect("a new phone number", 1, ark_text("1", "b", "ready"));
 }
 
-TEST_F(Sim, IsKnownAfterARestartUntilItIsRemoved) {
+TEST_F(Sim, IsKnownAfterARestartAndFollowedToItsRemoval) {
   daemon.emplace(device);
   subscriber.emplace(device.socket(wire::notification_service));
-  expect(0, ark_text("1", "a", "ready"));
+  expect("started again", 0, ark_text("1", "a", "ready"));
   device.replace({{"SIMIdentity", text("2")}});
-  expect(2, ark_text("2", "a", "ready"));
+  expect("another SIM", 2, ark_text("2", "a", "ready"));
   device.rewrite({{"SIMIdentity", text("")}, {"SIMStatus", text("absent")}});
-  expect(1, R"({"-InternationalMobileSubscriberIdentity": "a", "-PreviousSIMStatus": "absent"})");
+  expect("removed", 1, R"({"-InternationalMobileSubscriberIdentity": "a", "-PreviousSIMStatus": "absent"})");
 }
 
 TEST_F(Sim, IsFollowedToTheLastOfManyQuickEditsWhileClientsAreServed) {
