@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <regex>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -21,21 +19,24 @@ namespace {
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
-constexpr size_t file_bytes = 65536;
-
 class SystemLoggerTest : public ::testing::Test {
  protected:
-  SystemLoggerTest() { listen(); }
-  ~SystemLoggerTest() override { close(system_log_); }
+  SystemLoggerTest() {
+    logger_.enable_disk_copy(handle_, log_.c_str(), 2, 65536);
+    start_system_log();
+  }
+  ~SystemLoggerTest() override { stop_system_log(); }
 
-  void listen() {
+  void start_system_log() {
     const wire::SocketAddress address(root_ + "/log");
     unlink(address.path());
+    system_log_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_EQ(bind(system_log_, address.get(), address.size()), 0);
   }
+  void stop_system_log() const { close(system_log_); }
 
   // What the system log has got since the last time, as "<priority>text".
-  Lines system_log() {
+  Lines take_system_log() const {
     const std::regex head(R"(>[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d corvaned\[)" + std::to_string(getpid()) +
                           R"(\]: )");
     Lines lines;
@@ -46,157 +47,88 @@ class SystemLoggerTest : public ::testing::Test {
     return lines;
   }
 
-  // The first one opens the log.
-  void write(std::string_view text, int level = LOG_DEBUG) {
-    if (handle_ == nullptr) {
-      handle_ = logger_.open("Corvane", 3);
-      logger_.enable_disk_copy(handle_, log_.c_str(), 2, file_bytes);
-    }
+  void write(std::string_view text, int level) {
     logger_.write(handle_, level, "CV", "%@", *plist::String::create(text));
   }
 
-  // The lines without their heads, the older file first, after one more line; with "<level>" where that is not 7.
-  Lines disk_lines_after(std::string_view text) {
-    write(text);
-    const std::regex head(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z corvaned\[)" + std::to_string(getpid()) +
-                          R"(\] (?:<7>|(<\d>)) CV: )");
-    const std::string bytes = testing::read_file(logs_ + "/corvaned/corvaned.1.log") + testing::read_file(log_);
-    EXPECT_EQ(bytes.back(), '\n');
-    std::istringstream stream(bytes);
+  // The disk's lines as "<level> CV: text".
+  Lines disk_lines() const {
+    std::istringstream stream(testing::read_file(log_));
     Lines lines;
-    for (std::string line; std::getline(stream, line);) lines.push_back(std::regex_replace(line, head, "$1"));
+    for (std::string line; std::getline(stream, line);) lines.push_back(line.substr(line.find('<')));
     return lines;
   }
 
-  int level_with(const std::string& value, const std::string& behind = "") {
-    testing::write_file(preferences_file_, "<plist><dict><key>Corvane</key>" + value + "</dict></plist>" + behind);
+  int level_with_preference(const std::string& value) {
+    testing::write_file(preferences_file_, "<plist><dict><key>Corvane</key>" + value + "</dict></plist>");
     return logger_.configured_level("Corvane");
   }
 
   const std::string root_ = testing::TestPlatform::fresh().root();
   const std::string preferences_file_ = root_ + "/private/var/mobile/Library/Preferences/com.norvane.logger.plist";
-  const std::string logs_ = root_ + "/var/mobile/Library/Logs";
-  const std::string log_ = logs_ + "/corvaned/corvaned.log";
+  const std::string folder_ = root_ + "/var/mobile/Library/Logs/corvaned";
+  const std::string log_ = folder_ + "/corvaned.log";
   PreferenceFiles preferences_{root_};
   SystemLogger logger_{preferences_, false, root_ + "/log"};
-  int system_log_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  Logger::Handle* handle_ = nullptr;
+  Logger::Handle* const handle_ = logger_.open("Corvane", 3);
+  int system_log_ = -1;
 };
 
-TEST_F(SystemLoggerTest, LevelIsWhatTheFileSaysNow) {
-  EXPECT_EQ(logger_.configured_level("Corvane"), Logger::no_level);
-  // Files of one size, written within one tick of the kernel's clock.
-  for (int i = 0; i < 50; ++i) ASSERT_EQ(level_with("<integer>" + std::to_string(i % 8) + "</integer>"), i % 8);
+TEST_F(SystemLoggerTest, TheLevelIsWhatTheFileSaysNow) {
+  EXPECT_EQ(logger_.configured_level("Corvane"), Logger::no_level) << "no file";
+  for (int i = 0; i < 50; ++i) {
+    SCOPED_TRACE("files of one size, written within one tick of the kernel's clock: " + std::to_string(i));
+    ASSERT_EQ(level_with_preference("<integer>" + std::to_string(i % 8) + "</integer>"), i % 8);
+  }
   EXPECT_EQ(logger_.configured_level("Other"), Logger::no_level);
   for (const char* other : {"<string>3</string>", "<true/>", "<real>3</real>", "<integer>-1</integer>",
                             "<integer>8</integer>", "<integer>18446744073709551615</integer>", "<integer>3"}) {
-    EXPECT_EQ(level_with(other), Logger::no_level) << other;
-    EXPECT_EQ(level_with("<integer>3</integer>"), 3);
+    EXPECT_EQ(level_with_preference(other), Logger::no_level) << other;
   }
-  EXPECT_EQ(level_with("<integer>3</integer>", std::string(small_file_limit, ' ')), Logger::no_level);
+  fs::remove(preferences_file_);
+  ASSERT_EQ(mkfifo(preferences_file_.c_str(), 0644), 0);
+  EXPECT_EQ(logger_.configured_level("Corvane"), Logger::no_level) << "a FIFO is not waited for";
 }
 
-// The daemon would hang at every line that it logs.
-TEST_F(SystemLoggerTest, FifoHangsNothing) {
-  fs::create_directories(logs_ + "/corvaned");
-  ASSERT_EQ(mkfifo(preferences_file_.c_str(), 0644) + mkfifo(log_.c_str(), 0644), 0);
-  EXPECT_EQ(logger_.configured_level("Corvane"), Logger::no_level);
-  write("not into the pipe");
-  EXPECT_EQ(system_log(), Lines{"<31>CV: not into the pipe"});
+TEST_F(SystemLoggerTest, TheDiskGetsEveryLineAndTheSystemLogThoseOfNoticeAndAbove) {
+  for (const int level : {LOG_DEBUG, LOG_INFO, LOG_NOTICE, LOG_EMERG}) write("100% of %s\n", level);
+  EXPECT_EQ(disk_lines(),
+            (Lines{"<7> CV: 100% of %s", "<6> CV: 100% of %s", "<5> CV: 100% of %s", "<0> CV: 100% of %s"}));
+  EXPECT_EQ(take_system_log(), (Lines{"<29>CV: 100% of %s", "<24>CV: 100% of %s"}));
+}
+
+TEST_F(SystemLoggerTest, WhatTheDiskDoesNotTakeGoesToTheSystemLog) {
+  fs::create_directory(folder_);
+  ASSERT_EQ(mkfifo(log_.c_str(), 0644), 0);
+  write("nobody reads the FIFO", LOG_DEBUG);
+  EXPECT_EQ(take_system_log(), Lines{"<31>CV: nobody reads the FIFO"});
 }
 
 // The daemon hung where whoever reads the system log had stopped.
 TEST_F(SystemLoggerTest, AFullSystemLogHoldsNothingUp) {
-  for (int i = 0; i < 2000; ++i) write(std::to_string(i), LOG_NOTICE);
-  EXPECT_EQ(disk_lines_after("on disk").back(), "on disk");
-  const Lines first = system_log();
-  EXPECT_TRUE(!first.empty() && first.size() < 2000 && first[0] == "<29>CV: 0") << first.size();
+  constexpr size_t too_many = 2000;
+  for (size_t i = 0; i < too_many; ++i) write(std::to_string(i), LOG_NOTICE);
+  EXPECT_EQ(disk_lines().back(), "<5> CV: 1999");
+  const Lines taken = take_system_log();
+  EXPECT_TRUE(!taken.empty() && taken.size() < too_many) << taken.size();
+
   write("read again", LOG_NOTICE);
-  EXPECT_EQ(system_log(), Lines{"<29>CV: read again"});
-  close(std::exchange(system_log_, socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)));
+  EXPECT_EQ(take_system_log(), Lines{"<29>CV: read again"});
+  stop_system_log();
   write("nobody there", LOG_NOTICE);
-  listen();
+  start_system_log();
   write("another one", LOG_NOTICE);
-  EXPECT_EQ(system_log(), Lines{"<29>CV: another one"});
-}
-
-TEST_F(SystemLoggerTest, MessageIsOneLine) {
-  write("100% of %s %n\n", LOG_NOTICE);
-  // Whatever a terminal would act on, or another reader take for a line's end.
-  write("a\tb\r\nc\x1b[2J\x1f \x7e\x7f\xc2\x80\xc2\x9f\xc2\xa0 \xc2 \xe2\x80\xa7\xe2\x80\xa8\xe2\x80\xa9\n\n",
-        LOG_INFO);
-  EXPECT_EQ(
-      disk_lines_after(std::string_view("\0", 1)),
-      (Lines{"<5>100% of %s %n",
-             "<6>a\\tb\\r\\nc\\x1b[2J\\x1f \x7e\\x7f\\x80\\x9f\xc2\xa0 \xef\xbf\xbd \xe2\x80\xa7\\u2028\\u2029\\n",
-             "\\x00"}));
-  EXPECT_EQ(system_log(), Lines{"<29>CV: 100% of %s %n"});
-}
-
-TEST_F(SystemLoggerTest, FloodStaysWithinTwoFiles) {
-  for (int i = 0; i < 5000; ++i) write("line " + std::to_string(i));
-  const Lines flood = disk_lines_after("line 5000");
-  const size_t gone = 5001 - flood.size();
-  EXPECT_LT(gone, 5001 - file_bytes / 64);
-  for (size_t i = 0; i < flood.size(); ++i) ASSERT_EQ(flood[i], "line " + std::to_string(gone + i));
-  std::string giant;
-  while (giant.size() < 3 * file_bytes) giant += "\xe2\x82\xac";
-  write("x" + giant);
-  const Lines cut = disk_lines_after("xx" + giant);
-  for (const auto& file : fs::directory_iterator(logs_ + "/corvaned")) {
-    EXPECT_TRUE(file.file_size() <= file_bytes && file.file_size() > file_bytes - 100) << file;
-  }
-  ASSERT_EQ(cut.size(), 2U);
-  const size_t note = cut[0].find(" [");
-  EXPECT_EQ(note + std::stoul(cut[0].substr(note + 2)), giant.size() + 1);
-  for (const std::string& line : cut)
-    EXPECT_EQ(plist::String::create(line)->view(), line) << "cut within a character";
-}
-
-TEST_F(SystemLoggerTest, FolderGoesAndComesBack) {
-  fs::remove(logs_);
-  write("nowhere to go");
-  EXPECT_FALSE(fs::exists(logs_)) << "only the last folder is the log's own";
-  EXPECT_EQ(system_log(), Lines{"<31>CV: nowhere to go"});
-  fs::create_directory(logs_);
-  usleep(1'100'000);
-  EXPECT_EQ(disk_lines_after("back"), Lines{"back"});
-
-  fs::remove(log_);
-  EXPECT_EQ(disk_lines_after("new file"), Lines{"new file"});
-  fs::rename(log_, log_ + ".saved");
-  testing::write_file(log_, "");
-  EXPECT_EQ(disk_lines_after("another file"), Lines{"another file"});
-  fs::remove_all(logs_ + "/corvaned");
-  EXPECT_EQ(disk_lines_after("new folder"), Lines{"new folder"});
-}
-
-// A full disk takes the first half of a line and refuses the rest; a limit on the file's size does the same.
-TEST_F(SystemLoggerTest, FullDiskLeavesNoHalfLine) {
-  std::signal(SIGXFSZ, SIG_IGN);
-  write("first");
-  rlimit before;
-  getrlimit(RLIMIT_FSIZE, &before);
-  const rlimit full{fs::file_size(log_) + 20, before.rlim_max};
-  setrlimit(RLIMIT_FSIZE, &full);
-  write("refused");
-  setrlimit(RLIMIT_FSIZE, &before);
-  write("not tried");
-  EXPECT_EQ(system_log(), (Lines{"<31>CV: refused", "<31>CV: not tried"}));
-  usleep(1'100'000);
-  EXPECT_EQ(disk_lines_after("again"), (Lines{"first", "again"}));
+  EXPECT_EQ(take_system_log(), Lines{"<29>CV: another one"});
 }
 
 TEST_F(SystemLoggerTest, LinesOfTwoThreadsStayWhole) {
-  write("opened");
   const auto write_many = [this] {
-    for (int i = 0; i < 300; ++i) write("one of many", logger_.configured_level("Corvane") + 8);
+    for (int i = 0; i < 300; ++i) write("one of many", LOG_DEBUG);
   };
   std::thread other(write_many);
   write_many();
   other.join();
-  const Lines lines = disk_lines_after("closed");
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), "one of many"), 600);
+  EXPECT_EQ(disk_lines(), Lines(600, "<7> CV: one of many"));
 }
 
 }  // namespace
