@@ -198,7 +198,9 @@ Decoded XmlReader::read(std::string_view input) {
 }
 
 void XmlReader::fail(std::string what) {
-  error_ = error_at(std::move(what), static_cast<uint64_t>(XML_GetCurrentByteIndex(parser_.get())));
+  // Of an empty input some versions of Expat know no place (-1).
+  const XML_Index byte = std::max<XML_Index>(0, XML_GetCurrentByteIndex(parser_.get()));
+  error_ = error_at(std::move(what), static_cast<uint64_t>(byte));
   stop();
 }
 
