@@ -24,6 +24,8 @@ namespace corvane::plist {
 
 enum class Kind : uint8_t { dictionary, array, set, string, data, date, number, boolean };
 
+class Container;
+
 class Value {
  public:
   Value(const Value&) = delete;
@@ -46,7 +48,7 @@ class Value {
   friend class Unpublished;
 
   void retain() { references_.fetch_add(1, std::memory_order_relaxed); }
-  // Who holds the only reference need not lock the bus to give it up.
+  // The only reference is given up without a locked instruction.
   void release() {
     if (references_.load(std::memory_order_acquire) == 1 ||
         references_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
@@ -54,6 +56,8 @@ class Value {
     }
   }
   static void destroy(Value* dead);
+  static void destroy_container(Container* dead);
+  static void destroy_one(Container* dead);
 
   std::atomic<uint32_t> references_{1};
   const Kind kind_;
@@ -105,7 +109,8 @@ class Ref {
   T* value_ = nullptr;
 };
 
-/// Counts references to values that no other thread has yet, without locking the bus. Not for the Booleans.
+/// Counts references without locked instructions, for values that no other thread has yet. Not for Booleans, which
+/// all threads share.
 class Unpublished {
  public:
   template <class T>
@@ -182,12 +187,12 @@ class MutableData final : public Data {
  public:
   /// `size` bytes of unspecified content.
   static Ref<MutableData> create(size_t size);
-  /// The same; null where memory is out.
+  /// Like `create`, but null where memory is out.
   static Ref<MutableData> create_or_null(size_t size);
-  /// The same again, for what may be a secret: its bytes are wiped when it is released.
+  /// Like `create_or_null`, for what may be a secret: its bytes are wiped when it is released.
   static Ref<MutableData> create_secret(size_t size);
   static Ref<Data> freeze(Ref<MutableData> data);
-  /// Cuts it to its first `size` bytes. Precondition: it has so many.
+  /// Keeps the first `size` bytes. Precondition: it has so many.
   static Ref<Data> freeze(Ref<MutableData> data, size_t size);
 
   char* mutable_bytes() { return start_; }
@@ -259,7 +264,7 @@ class Boolean final : public Value {
 
 // ---- containers -------------------------------------------------------------------------------------
 
-/// What the containers share: a link for tearing down nests of any depth without recursion.
+/// The base of the containers. The link serves to destroy nests of any depth without recursion.
 class Container : public Value {
  protected:
   using Value::Value;
@@ -360,7 +365,7 @@ class MutableDictionary final : public Dictionary {
   /// One level: the entries are shared, not copied.
   static Ref<MutableDictionary> copy(const Dictionary& other);
   static Ref<Dictionary> freeze(Ref<MutableDictionary> dictionary);
-  /// The entries that `wanted` says true of, immutable. Meant for being walked: a lookup in it scans.
+  /// The entries for which `wanted` is true, immutable. It has no index: walk it, a lookup scans it.
   template <class Wanted>
   static Ref<Dictionary> select(const Dictionary& other, Wanted wanted) {
     Ref<MutableDictionary> selection = create(other.size());
@@ -373,8 +378,8 @@ class MutableDictionary final : public Dictionary {
   /// Replaces the value of an equal key; the key object that was there stays.
   void set(Ref<String> key, Ref<Value> value);
   void set(std::string_view key, Ref<Value> value);
-  /// Where the value of an entry stands, for replacing it by another; null where there is no entry. Valid
-  /// until an entry is added or removed.
+  /// The value of an entry, which may be replaced there; null where there is no entry. Valid until an entry is
+  /// added or removed.
   Ref<Value>* find_value(std::string_view key);
   /// Adds only if the key is absent.
   void add(std::string_view key, Ref<Value> value);
