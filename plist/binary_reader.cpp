@@ -2,10 +2,11 @@
 // each other or contain themselves. What keeps the work linear in the input:
 //
 // - References followed are counted, a container's all at once before room is made for them. An immutable
-//   container met again is not built again, but counts as if it were: whoever walks the result walks it.
+//   container met again is not built again, but counts as if it were, because whoever walks the result walks
+//   it again.
 // - Each leaf is built once, and the contents of all leaves together are at most as long as the input.
-// - Keys and members of sets are hashed and compared at every reference. `compare_limit` bounds the bytes of
-//   that, at a height that only long keys shared by very many dictionaries come near.
+// - Keys and members of sets are hashed and compared at every reference. `compare_limit_` bounds how many bytes
+//   that is; only long keys shared by very many dictionaries come near it.
 // - An object that contains itself runs into the depth limit.
 
 #include "plist/binary_reader.h"
@@ -48,7 +49,7 @@ class BinaryReader {
   Decoded read();
 
  private:
-  /// What a container that was built counts for, all that lies below it included.
+  /// What each visit to a container counts for, with all that lies below it.
   struct Extent {
     unsigned height;
     uint64_t visits;
@@ -56,7 +57,7 @@ class BinaryReader {
     uint64_t compared;
   };
 
-  /// An object that was built, unless it is null. The Booleans are not remembered: they need not be built.
+  /// An object that was built, or null. Booleans are not remembered, because they need not be built.
   struct Known {
     Ref<Value> object;
     uint32_t extent = 0;
@@ -391,7 +392,7 @@ bool BinaryReader::read_count(size_t offset, size_t& count, size_t& position) {
     fail("an object without its count", offset);
     return false;
   }
-  // A count of more than there are bytes, which a negative one is too, is refused by whoever reads the items.
+  // A count too large for the input, as a negative one is when read unsigned, fails where the items are read.
   count = load_big_endian(start_ + position + 1, size);
   position += 1 + size;
   return true;

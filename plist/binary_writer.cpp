@@ -17,7 +17,7 @@ namespace {
 
 constexpr size_t max_objects = std::numeric_limits<uint32_t>::max();
 
-// A response needs no more.
+// As many as most responses have.
 constexpr size_t usual_objects = 16;
 
 size_t unsigned_size(uint64_t value) {
@@ -64,7 +64,7 @@ class BinaryWriter {
   std::vector<const Value*> objects_;
   LeafTable leaves_{objects_};
   std::vector<uint32_t> references_;  // of all containers, in the order of their numbers
-  size_t next_reference_ = 0;         // in writing
+  size_t next_reference_ = 0;         // to be written
   size_t reference_size_ = 0;
   std::vector<uint64_t> offsets_;
   std::string buffer_;
@@ -79,7 +79,7 @@ Ref<String> BinaryWriter::write(const Value& value) {
   if (error_) return std::move(error_);
   reference_size_ = unsigned_size(objects_.size() - 1);
   offsets_.reserve(objects_.size());
-  // About what it will take; at once, because growing is a copy and new memory each time.
+  // About the final size, reserved at once: each growth would copy everything.
   buffer_.reserve(unique_content_ + references_.size() * reference_size_ + objects_.size() * 8);
   buffer_ = "bplist00";
   for (const Value* object : objects_) {
@@ -239,7 +239,7 @@ void BinaryWriter::write_count(uint8_t marker, size_t count) {
   write_unsigned(count);
 }
 
-// Each in its lowest `size` bytes.
+// Writes the lowest `size` bytes of each.
 template <class Integer>
 void BinaryWriter::append_table(const Integer* integers, size_t count, size_t size) {
   const size_t from = buffer_.size();

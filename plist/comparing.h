@@ -7,9 +7,9 @@
 
 namespace corvane::plist {
 
-/// How many bytes of keys and of members of sets, counted at each reference, a binary property list may have for
-/// each of its own: reading it hashes and compares them. The reader holds its input to this, the writer what it
-/// writes.
+/// Reading a binary property list hashes and compares keys and members of sets at every reference to them. Counted
+/// that often, they may have this many bytes for each byte of the file: the reader refuses a file with more, and
+/// the writer does not write one.
 inline constexpr uint64_t compared_per_byte = 256;
 
 /// The bytes that hashing or comparing a leaf takes.

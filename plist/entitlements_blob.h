@@ -18,7 +18,7 @@ inline constexpr size_t entitlements_attribute_limit = 64 * 1024;
 
 std::string make_entitlements_blob(std::string_view property_list);
 
-/// Whether a blob has a whole header, whose length is the blob's own.
+/// Whether the blob has a whole header, and the length in it is the blob's own.
 bool is_entitlements_blob_whole(std::string_view blob);
 
 }  // namespace corvane::plist

@@ -17,10 +17,9 @@ struct BytesHash {
   }
 };
 
-/// Makes sure that the next `more` insertions into a table allocate nothing for the table. Abseil's tables do not
-/// survive an allocation that fails while they grow, so each insertion is to be preceded by this, which builds
-/// the larger table first; for the same reason what is inserted must not allocate in its constructor. Throws
-/// std::bad_alloc with the table as it was.
+/// Makes room for `more` insertions into a table. To be called before each insertion, because an allocation that
+/// fails while an Abseil table grows leaves the table broken; this leaves it as it was and throws std::bad_alloc.
+/// For the same reason the constructor of what is inserted must not allocate.
 template <class Table>
 void make_room(Table& table, size_t more = 1) {
   // Below two thirds of its capacity a table with more than one group only cleans up in place.

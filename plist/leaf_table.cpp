@@ -4,8 +4,8 @@ namespace corvane::plist {
 
 namespace {
 
-// From this size on an object met again is known by its address, or each of many references to one long
-// value would cost a hash of it all.
+// From this size on an object is also remembered by its address, so that many references to one long value do
+// not hash it many times.
 constexpr size_t long_from = 256;
 
 constexpr size_t recent_strings = 64;

@@ -12,14 +12,14 @@
 
 namespace corvane::plist {
 
-/// The leaves that a binary property list holds, each equal one once. A leaf is found by its number among
-/// `objects`, in which the caller enters it before the next call.
+/// Numbers the leaves of a binary property list, equal ones alike. The caller keeps the leaves in `objects` at
+/// their numbers, and enters a new one there before the next call.
 class LeafTable {
  public:
   explicit LeafTable(const std::vector<const Value*>& objects)
       : objects_(objects), leaves_(0, Hash{}, Same{&objects}) {}
 
-  /// Says that up to `count` more leaves may follow, so that the table need not grow step by step.
+  /// Up to `count` more leaves may follow: the table grows at once, not step by step.
   void expect(size_t count) {
     if (objects_.size() + count > few) make_room(leaves_, count);
   }
@@ -30,10 +30,10 @@ class LeafTable {
  private:
   using Objects = std::vector<const Value*>;
 
-  /// Among so many objects a short leaf is searched one by one, which costs small lists less than tables would.
+  /// Up to this many objects are compared one by one with a short leaf, which costs less than a table.
   static constexpr size_t few = 16;
 
-  /// With its hash, a leaf is not touched when the table grows, and hardly ever when another is looked up.
+  /// The hash is kept, so that the table grows without touching the leaves, and a search touches few.
   struct Slot {
     uint32_t hash;
     uint32_t number;
@@ -58,14 +58,14 @@ class LeafTable {
   using ByContent = absl::flat_hash_map<std::string_view, uint32_t, BytesHash, std::equal_to<>>;
   using ByIdentity = absl::flat_hash_map<const Value*, uint32_t>;
 
-  /// The data values of one size. A size that comes only once costs no pass over the bytes.
+  /// The data values of one size. The first is not hashed: there may be no other of its size.
   struct SameSize {
     std::string_view first;
     uint32_t number = 0;
     ByContent all;  // from the second on
   };
 
-  /// Strings that were met lately, by their address: keys come again and again.
+  /// Strings seen lately, by their address: the same keys come again and again.
   struct Recent {
     const Value* string = nullptr;
     uint32_t number = 0;

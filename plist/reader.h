@@ -27,10 +27,9 @@ struct Decoded {
 ///
 /// The input may come from anyone. Time and memory are linear in its size: nesting ends at `depth_limit`,
 /// every count and offset is checked before anything is allocated for it, and the references followed,
-/// those to shared objects each time, are at most as many as the input has bytes. So that comparing costs no
-/// more, keys and the text and data in sets, counted at each reference, have at most 256 bytes for each byte of
-/// the input. Of equal keys in one dictionary the last one counts. Running out of memory is an error like the
-/// others.
+/// those to shared objects each time, are at most as many as the input has bytes. Keys, and text and data in
+/// sets, are compared at each reference; counted that often, they may have at most 256 bytes for each byte of the
+/// input. Of equal keys in one dictionary the last one counts. Running out of memory is an error like the others.
 Decoded decode(const Ref<Data>& bytes, Containers containers, unsigned depth_limit = max_depth);
 
 }  // namespace corvane::plist

@@ -9,10 +9,10 @@ namespace {
 
 uint8_t byte_at(std::string_view bytes, size_t index) { return static_cast<uint8_t>(bytes[index]); }
 
-// What a first byte promises. The range of the second byte is where overlong forms, surrogates and code
-// points above U+10FFFF are kept out.
+// What a first byte asks for. The range of the second byte excludes overlong forms, surrogates and code points
+// above U+10FFFF.
 struct Lead {
-  size_t length;  // 0: no sequence begins so
+  size_t length;  // 0: no sequence begins with that byte
   uint8_t second_min = 0x80;
   uint8_t second_max = 0xBF;
 };

@@ -8,14 +8,14 @@
 
 namespace corvane::plist {
 
-/// A sequence of bytes in pieces: its own ones, and large data values that it shares instead of copying.
+/// A sequence of bytes. Large data values in it are shared, not copied, so it comes in pieces.
 class ByteChain {
  public:
   void append(std::string_view bytes) {
     own_.append(bytes);
     size_ += bytes.size();
   }
-  /// Without a copy where the chain has no bytes of its own yet.
+  /// Takes the string over, without a copy, where the chain has no bytes of its own yet.
   void append(std::string&& bytes) {
     if (own_.empty()) {
       size_ += bytes.size();
@@ -44,7 +44,7 @@ class ByteChain {
 /// Appends the binary encoding, version 1.0. Each equal string, number, date and data value is written once.
 /// Data values of `share_from` bytes and more are shared, not copied. Answers null, or in one line what
 /// cannot be encoded (a nesting deeper than `max_depth`, or what the reader would refuse because long keys or
-/// members of sets are repeated too often); what was appended by then has no meaning.
+/// members of sets are repeated too often); what `out` holds has no meaning then.
 /// Throws std::bad_alloc where memory is out.
 Ref<String> encode_binary(const Value& value, ByteChain& out, size_t share_from = 4096);
 

@@ -13,7 +13,7 @@ bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; 
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
-// Takes a sign away and answers whether it was a minus.
+// Removes a leading sign. True where it was a minus.
 bool take_sign(std::string_view& text) {
   const bool negative = text.starts_with('-');
   if (negative || text.starts_with('+')) text.remove_prefix(1);
@@ -35,7 +35,7 @@ bool parse_all(std::string_view text, T& value, Format... format) {
   return error == std::errc() && stop == end;
 }
 
-// The number in a field of a date's pattern, or -1.
+// The number in one field of a date, or -1 where that has anything but digits.
 int field(std::string_view text, size_t position, size_t size) {
   int value = 0;
   for (const char c : text.substr(position, size)) {
@@ -49,7 +49,7 @@ bool has_separators(std::string_view text) {
   return text[4] == '-' && text[7] == '-' && text[10] == 'T' && text[13] == ':' && text[16] == ':';
 }
 
-// ".25", or nothing.
+// Of the form ".25"; an empty text leaves `fraction` alone.
 bool parse_fraction(std::string_view text, double& fraction) {
   if (text.empty()) return true;
   if (text.size() < 2 || text[0] != '.' || !is_digit(text[1])) return false;

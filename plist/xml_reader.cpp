@@ -1,5 +1,6 @@
-// Expat tells of elements as they begin and end. Values that are read wait on one stack, `values_`, until the
-// container around them ends and takes its share off the top; `frames_` holds the open containers.
+// Expat reports where elements begin and end. Each value that is read goes on one stack, `values_`. Where a
+// container ends, its elements are on top of that stack, and the container takes their place. `frames_` holds the
+// open containers.
 
 #include "plist/xml_reader.h"
 
@@ -117,7 +118,7 @@ class XmlReader {
   void check_attributes();
   void fail(std::string what);
 
-  // Expat is C: nothing may be thrown through it. It may also call on after it was stopped.
+  // Nothing may be thrown through Expat, which is C. It may go on calling after it was stopped.
   template <class Action>
   static void guarded(void* self, Action action) {
     auto& reader = *static_cast<XmlReader*>(self);
@@ -241,8 +242,8 @@ void XmlReader::begin_value(Element element) {
 }
 
 void XmlReader::check_attributes() {
-  // Attributes mean nothing here, but an undeclared entity in one is an error, and one that Expat does not
-  // tell of after a DOCTYPE with an external part. So look at the tag itself.
+  // Attributes mean nothing here, but an undeclared entity in one is an error. After a DOCTYPE with an external
+  // part Expat does not report it, so the tag itself is searched.
   tag_.clear();
   XML_SetDefaultHandler(parser_.get(), [](void* self, const char* start, int size) {
     guarded(self, [&](XmlReader& reader) { reader.tag_.append(start, static_cast<size_t>(size)); });
@@ -304,7 +305,7 @@ Ref<Value> XmlReader::make_leaf(Element element) {
   }
 }
 
-// Dictionaries of one kind have the same keys: they share them.
+// Many dictionaries have the same keys, and share them.
 Ref<String> XmlReader::make_key() {
   Ref<String>& recent = recent_keys_[BytesHash()(text_) % recent_keys_.size()];
   if (!recent || recent->view() != text_) recent = String::create(text_);

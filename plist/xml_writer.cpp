@@ -164,7 +164,7 @@ std::optional<std::string> exact_date_text(const Date& date) {
   if (text.empty() || reads_back(text, date.seconds())) return text;
   text.pop_back();
   const double fraction = date.seconds() - std::floor(date.seconds());
-  // A date near the epoch resolves fractions that only their full length tells apart.
+  // Near the epoch fractions are so fine that only all their digits tell them apart.
   for (int precision = 1; precision <= 18; ++precision) {
     char digits[512];
     const auto end =
