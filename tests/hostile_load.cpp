@@ -1,24 +1,22 @@
-// The real daemon, with 256 descriptors, between honest clients that ask without a pause and whatever others can
-// do to it: crowds that connect and vanish, half requests, readers that stop reading, random and mutated frames,
-// descriptors passed along, and being stopped. It passes where every honest request is answered and the daemon is
-// afterwards as it was before.
+// The real daemon, with 256 descriptors, under everything that strangers can do to it at once, while honest
+// clients ask without a pause. Passes if every honest request is answered and the daemon is afterwards as it was.
 //
 // Usage: hostile_load [--medium|--long]
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <deque>
 #include <fcntl.h>
-#include <functional>
 #include <memory>
-#include <optional>
 #include <poll.h>
 #include <random>
 #include <string>
@@ -27,6 +25,7 @@
 #include <vector>
 
 #include "client/client.h"
+#include "fuzz/random_frames.h"
 #include "tests/support/daemon_process.h"
 #include "wire/frame_reader.h"
 #include "wire/limits.h"
@@ -38,29 +37,26 @@ namespace {
 
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
-using Random = std::mt19937_64;
+using testing::eventually;
 
 constexpr rlim_t daemon_descriptors = 256;
 constexpr size_t honest_clients = 8;
-constexpr size_t mebibyte = size_t{1} << 20;
 
-// What the allocator may keep of the worst moment.
-constexpr size_t memory_bound = 8 * mebibyte;
-constexpr double processor_bound = 0.05;
-constexpr size_t log_bound = 2 * 65536;
+constexpr double processor_share_limit = 0.05;
+constexpr size_t log_limit = 2 * 65536;
 
 #ifdef CORVANE_SANITIZE
-constexpr bool measures_memory = false;
+constexpr size_t memory_growth_limit = SIZE_MAX / 2;  // sanitizers keep what is freed
 #else
-constexpr bool measures_memory = true;
+constexpr size_t memory_growth_limit = size_t{8} << 20;  // what the allocator may keep of the worst moment
 #endif
 
 struct Form {
-  const char* name;
-  size_t connects;
+  const char* option;
+  size_t connections;
   size_t frames;
-  size_t passed;
-  int stops;
+  size_t descriptors;
+  size_t stops;
   std::chrono::milliseconds between_stops;
   std::chrono::seconds at_most;
 };
@@ -69,24 +65,21 @@ constexpr Form forms[] = {{"--short", 1000, 20'000, 500, 2, 300ms, 20s},
                           {"--medium", 5000, 150'000, 5000, 4, 3s, 240s},
                           {"--long", 20'000, 1'000'000, 20'000, 8, 8s, 450s}};
 
-size_t pick(Random& random, size_t count) { return std::uniform_int_distribution<size_t>(0, count - 1)(random); }
-
-// ---- sockets ------------------------------------------------------------------------------------------
-
-/// A client that never waits for long.
-class Peer {
+/// A connection on which nothing waits for the daemon for long.
+class HostileClient {
  public:
-  explicit Peer(const std::string& socket)
+  explicit HostileClient(const std::string& socket)
       : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)), reader_(wire::response_limit) {
     const wire::SocketAddress address(socket);
     // The backlog may be full.
     for (int i = 0; i < 500 && connect(socket_, address.get(), address.size()) != 0; ++i) usleep(2000);
   }
-  ~Peer() { close(socket_); }
-  Peer(const Peer&) = delete;
-  Peer& operator=(const Peer&) = delete;
+  ~HostileClient() { close(socket_); }
+  HostileClient(const HostileClient&) = delete;
+  HostileClient& operator=(const HostileClient&) = delete;
 
-  /// Sends while it reads what comes. False where the daemon has closed the connection or takes nothing.
+  /// Sends everything, and reads what comes meanwhile. False where the daemon closes the connection or takes
+  /// nothing.
   bool send(std::string_view bytes) {
     while (!bytes.empty()) {
       pollfd state{socket_, POLLIN | POLLOUT, 0};
@@ -100,13 +93,12 @@ class Peer {
     return true;
   }
 
-  /// Sends without reading anything, as far as that goes.
+  /// Sends without reading. False where the daemon does not take everything at once.
   bool send_only(std::string_view bytes) {
     return ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
   }
 
-  /// The bytes in one message with descriptors.
-  bool pass(std::string_view bytes, const std::array<int, 8>& descriptors) {
+  bool send_with_descriptors(std::string_view bytes, const std::array<int, 8>& descriptors) {
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptors)] = {};
     iovec content{const_cast<char*>(bytes.data()), bytes.size()};
     msghdr message{};
@@ -122,7 +114,7 @@ class Peer {
     return sendmsg(socket_, &message, MSG_NOSIGNAL) >= 0 || errno == EAGAIN;
   }
 
-  /// Takes what has come; false at the end of the connection.
+  /// Reads what has come. False at the end of the connection.
   bool read() {
     for (;;) {
       const auto buffer = reader_.prepare();
@@ -134,10 +126,6 @@ class Peer {
     }
   }
 
-  bool is_closed() const {
-    pollfd state{socket_, 0, 0};
-    return poll(&state, 1, 0) > 0;
-  }
   size_t answers() const { return answers_; }
 
  private:
@@ -146,122 +134,239 @@ class Peer {
   size_t answers_ = 0;
 };
 
-// ---- frames -------------------------------------------------------------------------------------------
-
-std::string binary_body(const plist::Value& value) {
-  const std::string framed = testing::frame(value);
-  return framed.substr(wire::header_size);
-}
-
-/// Bodies of requests, good ones and others, and what can be made of them.
-class Bodies {
+/// What strangers do, each on a thread of its own: some a given number of times, some until those are done.
+class Attack {
  public:
-  explicit Bodies(uint64_t seed) : random_(seed) {
-    for (const std::string_view selector :
-         {std::string_view("something"), wire::store_regulatory_images, wire::copy_entitlements}) {
-      auto request = wire::make_request(selector);
-      add(*request);
-      request->set(wire::pid_key, plist::Number::create_int32(1));
-      request->set("real", plist::Number::create_real(0.5));
-      request->set("date", plist::Date::create(1e9));
-      request->set("data", plist::Data::create(std::string(300, 'd')));
-      request->set("text", plist::String::create("\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80\x01"));
-      auto nest = plist::MutableArray::create();
-      for (int i = 0; i < 20; ++i) {
-        auto outer = plist::MutableArray::create();
-        outer->append(nest);
-        outer->append(plist::String::create(std::to_string(i)));
-        nest = outer;
-      }
-      request->set("nest", nest);
-      auto set = plist::MutableSet::create();
-      for (int i = 0; i < 20; ++i) set->add(plist::Number::create_int32(i));
-      request->set("set", set);
-      add(*request);
-    }
-    images_ = binary_body(*wire::make_request(wire::copy_regulatory_images));
+  Attack(const Form& form, const testing::DeviceRoot& root, pid_t daemon)
+      : form_(form),
+        public_(root.socket(wire::public_service)),
+        admin_(root.socket(wire::admin_service)),
+        notifications_(root.socket(wire::notification_service)),
+        daemon_(daemon),
+        deadline_(start_ + form.at_most) {}
+
+  void run() {
+    const size_t part = form_.frames / 10;
+    std::vector<std::thread> counted, endless;
+    counted.emplace_back([this] { connect_and_vanish(); });
+    counted.emplace_back([this] { send_descriptors(); });
+    counted.emplace_back([&, this] { send_random_frames(public_, 4, 5 * part); });
+    counted.emplace_back([&, this] { send_random_frames(public_, 5, 4 * part); });
+    counted.emplace_back([&, this] { send_random_frames(admin_, 6, part); });
+    endless.emplace_back([this] { stop_and_continue_the_daemon(); });
+    endless.emplace_back([this] { leave_requests_half_sent(); });
+    endless.emplace_back([this] { ask_for_images_without_reading(); });
+    endless.emplace_back([this] { write_to_the_notification_socket(); });
+    for (std::thread& each : counted) each.join();
+    over_ = true;
+    for (std::thread& each : endless) each.join();
   }
 
-  std::string next() {
-    if (pick(random_, 5000) == 0) return images_;
-    std::string body = seeds_[pick(random_, seeds_.size())];
-    switch (pick(random_, 8)) {
-      case 0:
-        return body;
-      case 1:
-        body.assign(pick(random_, 400), '\0');
-        for (char& c : body) c = byte();
-        if (pick(random_, 2) == 0) body.insert(0, "bplist00");
-        return body;
-      case 2:
-        return body.substr(0, pick(random_, body.size() + 1));
-      case 3: {
-        const std::string& other = seeds_[pick(random_, seeds_.size())];
-        return body.substr(0, pick(random_, body.size())) + other.substr(pick(random_, other.size()));
-      }
-      default:
-        for (size_t changes = 1 + pick(random_, 6); changes > 0 && !body.empty(); --changes) change(body);
-        return body;
-    }
+  bool took_place() const {
+    return connections_ > 0 && descriptors_ > 0 && answers_ > 0 && half_requests_ > 0 && unread_ > 0 &&
+           notes_ > 0 && stops_ > 0;
   }
 
-  /// A header that lies, and some bytes. Nothing that follows on the connection is a frame.
-  std::string broken_frame() {
-    std::string frame = testing::frame(next(), byte_as_kind());
-    const size_t at = pick(random_, wire::header_size);
-    frame[at] = byte();
-    return frame;
+  void print() const {
+    std::printf(
+        "attack: %.1f s, %zu connections that vanished, %zu random frames (%zu answers), %zu descriptors, "
+        "%zu half requests, %zu requests for images without reading, %zu frames to the notification socket, "
+        "%zu stops\n",
+        std::chrono::duration<double>(steady_clock::now() - start_).count(), connections_.load(), frames_.load(),
+        answers_.load(), descriptors_.load(), half_requests_.load(), unread_.load(), notes_.load(), stops_.load());
   }
-  Random& random() { return random_; }
 
  private:
-  void add(const plist::Value& value) {
-    seeds_.push_back(binary_body(value));
-    std::string xml;
-    if (!plist::encode_xml(value, xml)) seeds_.push_back(xml);
-  }
-  char byte() { return static_cast<char>(random_()); }
-  uint8_t byte_as_kind() { return static_cast<uint8_t>(pick(random_, 3)); }
-  void change(std::string& body) {
-    const size_t at = pick(random_, body.size());
-    switch (pick(random_, 4)) {
-      case 0:
-        body[at] = static_cast<char>(body[at] ^ (1 << pick(random_, 8)));
-        return;
-      case 1:
-        body[at] = "\x00\xff\x7f\x80\x01<>&"[pick(random_, 8)];
-        return;
-      case 2:
-        body.insert(at, body.substr(pick(random_, body.size()), pick(random_, 64)));
-        return;
-      default:
-        body.erase(at, pick(random_, 16));
+  bool before_deadline() const { return steady_clock::now() < deadline_; }
+  void sleep_unless_over(std::chrono::milliseconds time) const {
+    for (const auto end = steady_clock::now() + time; !over_ && steady_clock::now() < end;) {
+      std::this_thread::sleep_for(10ms);
     }
   }
 
-  Random random_;
-  std::vector<std::string> seeds_;
-  std::string images_;
+  // Fills the table of connections, and closes connections again at random.
+  void connect_and_vanish() {
+    std::mt19937_64 random(1);
+    std::vector<std::unique_ptr<HostileClient>> open;
+    const size_t most = wire::connection_limits(daemon_descriptors).public_connections;
+    for (; connections_ < form_.connections && before_deadline(); ++connections_) {
+      open.push_back(std::make_unique<HostileClient>(public_));
+      while (open.size() >= most || (!open.empty() && random() % 100 < 45)) {
+        std::swap(open[random() % open.size()], open.back());
+        open.pop_back();
+      }
+      if (random() % 4 == 0) std::this_thread::sleep_for(1ms);
+    }
+  }
+
+  // Sends the first part of a request on 24 connections, and holds them for longer than the daemon waits.
+  void leave_requests_half_sent() {
+    std::mt19937_64 random(2);
+    const std::string request = testing::request(std::string(5000, 's'));
+    while (!over_) {
+      std::deque<HostileClient> open;
+      for (int i = 0; i < 24; ++i) {
+        half_requests_ += open.emplace_back(public_).send_only(request.substr(0, 1 + random() % 5000));
+      }
+      sleep_unless_over(6s);
+    }
+  }
+
+  // Asks for 50 times 4 MiB on each of 8 connections, and reads nothing.
+  void ask_for_images_without_reading() {
+    const std::string request = testing::request(wire::copy_regulatory_images);
+    while (!over_) {
+      std::deque<HostileClient> open;
+      for (int i = 0; i < 8; ++i) {
+        HostileClient& client = open.emplace_back(public_);
+        for (int k = 0; k < 50; ++k) unread_ += client.send_only(request);
+      }
+      sleep_unless_over(2s);
+    }
+  }
+
+  // Sends good and bad frames in batches, on each connection until one with a bad header.
+  void send_random_frames(const std::string& socket, uint64_t seed, size_t count) {
+    constexpr size_t batch_size = 64;
+    fuzz::RandomFrames frames(seed);
+    for (size_t sent = 0; sent < count && before_deadline();) {
+      HostileClient client(socket);
+      for (bool is_last = false; !is_last && sent < count; sent += batch_size, frames_ += batch_size) {
+        std::string batch;
+        for (size_t i = 0; i < batch_size; ++i) batch += frames.next();
+        is_last = frames.below(8) == 0;
+        if (is_last) batch += frames.next_with_bad_header();
+        if (!client.send(batch)) break;
+      }
+      client.read();
+      answers_ += client.answers();
+    }
+  }
+
+  void write_to_the_notification_socket() {
+    fuzz::RandomFrames frames(9);
+    while (!over_) {
+      HostileClient client(notifications_);
+      if (frames.below(4) != 0) notes_ += client.send_only(frames.next());
+      std::this_thread::sleep_for(2ms);
+    }
+  }
+
+  // Sends requests and parts of them, each with descriptors that the daemon has to get rid of.
+  void send_descriptors() {
+    std::array<int, 8> descriptors;
+    for (int& each : descriptors) each = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const std::string request = testing::request("descriptors");
+    std::mt19937_64 random(3);
+    while (descriptors_ < form_.descriptors && before_deadline()) {
+      HostileClient client(random() % 8 == 0 ? notifications_ : public_);
+      for (int i = 0; i < 50 && descriptors_ < form_.descriptors; ++i) {
+        const std::string part = request.substr(0, 1 + random() % request.size());
+        if (!client.send_with_descriptors(part, descriptors) || !client.read()) break;
+        descriptors_ += descriptors.size();
+      }
+    }
+    for (const int each : descriptors) close(each);
+  }
+
+  // Every fourth time for longer than the daemon waits for any client.
+  void stop_and_continue_the_daemon() {
+    for (; !over_ && stops_ < form_.stops; ++stops_) {
+      sleep_unless_over(form_.between_stops);
+      kill(daemon_, SIGSTOP);
+      std::this_thread::sleep_for(stops_ % 4 == 3 ? 7s : 400ms);
+      kill(daemon_, SIGCONT);
+    }
+  }
+
+  const Form& form_;
+  const std::string public_, admin_, notifications_;
+  const pid_t daemon_;
+  const steady_clock::time_point start_ = steady_clock::now();
+  const steady_clock::time_point deadline_;
+  std::atomic<bool> over_ = false;
+  std::atomic<size_t> connections_ = 0, frames_ = 0, answers_ = 0, descriptors_ = 0, half_requests_ = 0,
+                      unread_ = 0, notes_ = 0, stops_ = 0;
 };
 
-// ---- the load -----------------------------------------------------------------------------------------
+/// Clients that ask without a pause, each on a thread of its own, until `stop`. Half of them ask as the client
+/// library does; the others never let go of one connection, which the daemon must not close.
+class HonestClients {
+ public:
+  explicit HonestClients(const testing::DeviceRoot& root) : root_(root) {
+    for (size_t i = 0; i < honest_clients; ++i) {
+      threads_.emplace_back(
+          [this, i] { i % 2 == 0 ? ask_by_library(clients_[i]) : ask_on_one_connection(clients_[i]); });
+    }
+  }
 
-struct Honest {
-  std::vector<double> waits;             ///< microseconds
-  std::vector<double> waits_over_stops;  ///< of requests during which the daemon was stopped
-  size_t unanswered = 0;
-  std::string first_failure;
+  void stop() {
+    over_ = true;
+    for (std::thread& each : threads_) each.join();
+  }
+
+  bool all_answered() const {
+    return std::all_of(clients_.begin(), clients_.end(), [](const Client& each) { return each.failure.empty(); });
+  }
+
+  void print(const char* when) const {
+    std::vector<double> waits;
+    for (const Client& each : clients_) {
+      waits.insert(waits.end(), each.waits.begin(), each.waits.end());
+      if (!each.failure.empty()) std::printf("unanswered: %s\n", each.failure.c_str());
+    }
+    std::sort(waits.begin(), waits.end());
+    const auto at = [&](double share) { return waits[size_t(share * double(waits.size() - 1))]; };
+    std::printf("honest waits %s: %zu, p50 %.0f us, p99 %.0f us, worst %.0f us\n", when, waits.size(), at(0.5),
+                at(0.99), at(1));
+  }
+
+ private:
+  struct Client {
+    std::vector<double> waits;  ///< microseconds
+    std::string failure;
+  };
+
+  // Until something goes wrong, which `ask` answers.
+  template <class Ask>
+  void ask_until_over(Client& client, Ask ask) {
+    for (size_t i = 0; !over_ && client.failure.empty(); ++i) {
+      const std::string selector =
+          i % 16 == 0 ? std::string(wire::copy_regulatory_images) : "r" + std::to_string(i);
+      const auto start = steady_clock::now();
+      client.failure = ask(selector);
+      client.waits.push_back(std::chrono::duration<double, std::micro>(steady_clock::now() - start).count());
+    }
+  }
+
+  void ask_by_library(Client& client) {
+    client::Connection connection(wire::public_service, root_.at(""), 30s);
+    ask_until_over(client, [&](const std::string& selector) {
+      const client::Answer answer = connection.ask(*wire::make_request(selector));
+      const bool images = selector == wire::copy_regulatory_images;
+      const bool right = answer.outcome == client::Outcome::answered && answer.response.failed != images &&
+                         static_cast<bool>(answer.response.reply) == images;
+      return right ? std::string() : "the library: " + answer.detail;
+    });
+  }
+
+  void ask_on_one_connection(Client& client) {
+    testing::RawClient raw(root_.socket(wire::public_service));
+    ask_until_over(client, [&](const std::string& selector) {
+      const auto response = raw.send(testing::request(selector)) ? raw.response() : nullptr;
+      const auto* echo = response ? plist::cast<plist::String>(response->get(wire::request_key)) : nullptr;
+      const bool right = echo != nullptr && echo->view() == selector;
+      return right ? std::string() : "a connection was closed, or its answer was another one's";
+    });
+  }
+
+  const testing::DeviceRoot& root_;
+  std::atomic<bool> over_ = false;
+  std::array<Client, honest_clients> clients_;
+  std::vector<std::thread> threads_;
 };
 
-struct Tally {
-  std::atomic<size_t> connects = 0, frames = 0, answers = 0, passed = 0, halves = 0, unread = 0, notes = 0;
-  std::atomic<int> stops = 0;
-};
-
-double at(const std::vector<double>& sorted, double share) {
-  if (sorted.empty()) return 0;
-  return sorted[static_cast<size_t>(share * static_cast<double>(sorted.size() - 1))];
-}
+// ---- the daemon, looked at from outside ---------------------------------------------------------------
 
 double processor_time(pid_t pid) {
   clockid_t clock;
@@ -270,413 +375,90 @@ double processor_time(pid_t pid) {
   return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
 }
 
-/// Requests of one client.
-struct Asked {
-  size_t count;
-  double median_wait;  ///< microseconds
-};
-
-class Load {
- public:
-  explicit Load(const Form& form)
-      : form_(form), daemon_(environment(), daemon_descriptors), public_(root_.socket(wire::public_service)) {}
-
-  int run();
-
- private:
-  testing::Environment environment() const {
-    auto all = root_.environment();
-    all.erase("CORVANE_LOG_STDERR");  // which nothing bounds
-    return all;
-  }
-  bool store(size_t image_size) {
-    auto images = plist::MutableArray::create();
-    for (int i = 0; i < 4; ++i) images->append(plist::Data::create(std::string(image_size, 'i')));
-    client::Connection admin(wire::admin_service, root_.at(""), 30s);
-    return client::store_regulatory_images(admin, images).outcome == client::Outcome::answered;
-  }
-
-  void ask(size_t number, const std::atomic<bool>& over, Honest& honest);
-  std::vector<double> measure_honest(size_t clients, steady_clock::duration time);
-  Asked ask_admin(const std::string& request, const std::atomic<bool>& over) const;
-  void measure_logging() const;
-
-  void crowd();
-  void stall();
-  void stop_reading();
-  void send_frames(const std::string& socket, uint64_t seed, size_t share);
-  void disturb_notifications();
-  void pass_descriptors();
-  void stop_the_daemon();
-  void attack();
-
-  size_t private_bytes() const;
-  double processor_share_at_the_limit();
-  bool log_is_in_bounds() const;
-  bool check(bool holds, const char* what) {
-    std::printf("%s: %s\n", what, holds ? "yes" : "NO");
-    passed_ &= holds;
-    return holds;
-  }
-
-  const Form& form_;
-  const testing::DeviceRoot root_;
-  testing::DaemonProcess daemon_;
-  const std::string public_;
-  Tally tally_;
-  std::atomic<bool> attack_over_ = false;
-  std::atomic<bool> counted_over_ = false;  ///< those who do a certain number of things have done it
-  std::atomic<unsigned> stop_epoch_ = 0;    ///< odd while the daemon is stopped
-  steady_clock::time_point deadline_;
-  bool passed_ = true;
-};
-
-// Half of them as the client library asks, half on a connection of which nothing may be lost.
-void Load::ask(size_t number, const std::atomic<bool>& over, Honest& honest) {
-  client::Connection library(wire::public_service, root_.at(""), 30s);
-  std::optional<testing::RawClient> raw;
-  for (size_t i = 0; !over; ++i) {
-    const bool images = i % 16 == 0;
-    const std::string selector(images ? std::string(wire::copy_regulatory_images) : "r" + std::to_string(i));
-    const unsigned epoch = stop_epoch_;
-    const auto start = steady_clock::now();
-    std::string failure;
-    if (number % 2 == 0) {
-      const client::Answer answer = library.ask(*wire::make_request(selector));
-      const bool right = answer.outcome == client::Outcome::answered && answer.response.failed != images &&
-                         (answer.response.reply.get() != nullptr) == images;
-      if (!right) failure = "the library: " + answer.detail;
-    } else {
-      if (!raw) raw.emplace(public_);
-      const auto response = raw->send(testing::request(selector)) ? raw->response() : nullptr;
-      const auto* echo = response ? plist::cast<plist::String>(response->get(wire::request_key)) : nullptr;
-      if (echo == nullptr || echo->view() != selector) failure = "a connection of its own was closed";
-      if (echo == nullptr) raw.reset();
-    }
-    const double wait = std::chrono::duration<double, std::micro>(steady_clock::now() - start).count();
-    const bool stopped = epoch % 2 == 1 || epoch != stop_epoch_;
-    (stopped ? honest.waits_over_stops : honest.waits).push_back(wait);
-    if (failure.empty()) continue;
-    if (honest.unanswered++ == 0) {
-      honest.first_failure =
-          failure + ", request " + std::to_string(i) + ", after " + std::to_string(wait) + " us";
-    }
-  }
+size_t private_bytes(pid_t pid) {
+  const std::string rollup = testing::read_file("/proc/" + std::to_string(pid) + "/smaps_rollup");
+  const size_t found = rollup.find("Private_Dirty:");
+  return found == std::string::npos ? 0 : std::stoul(rollup.substr(found + 14)) * 1024;
 }
 
-std::vector<double> Load::measure_honest(size_t clients, steady_clock::duration time) {
-  std::atomic<bool> over = false;
-  std::vector<Honest> all(clients);
-  std::vector<std::thread> threads;
-  for (size_t i = 0; i < clients; ++i) threads.emplace_back([&, i] { ask(i, over, all[i]); });
-  std::this_thread::sleep_for(time);
-  over = true;
-  for (std::thread& each : threads) each.join();
-  std::vector<double> waits;
-  for (const Honest& each : all) waits.insert(waits.end(), each.waits.begin(), each.waits.end());
-  std::sort(waits.begin(), waits.end());
-  return waits;
-}
-
-Asked Load::ask_admin(const std::string& request, const std::atomic<bool>& over) const {
-  testing::RawClient client(root_.socket(wire::admin_service));
-  std::vector<double> waits;
-  for (auto start = steady_clock::now(); !over && client.send(request) && client.response();
-       start = steady_clock::now()) {
-    waits.push_back(std::chrono::duration<double, std::micro>(steady_clock::now() - start).count());
-  }
-  std::sort(waits.begin(), waits.end());
-  return {waits.size(), at(waits, 0.5)};
-}
-
-// Two requests that differ in that one is refused, for which a line is logged. What a line costs is taken from the
-// daemon's processor time: waits are those of the scheduler as well.
-void Load::measure_logging() const {
-  auto request = wire::make_request(wire::copy_entitlements);
-  const std::string logging = testing::frame(*request);
-  request->set(wire::pid_key, plist::Number::create_int32(1));
-  const std::string quiet = testing::frame(*request);
-
-  const auto for_a_while = [](const auto& ask) {
-    std::atomic<bool> over = false;
-    std::thread asking([&] { ask(over); });
-    std::this_thread::sleep_for(500ms);
-    over = true;
-    asking.join();
-  };
-  const auto cost = [&](const std::string& asked) {
-    Asked all{};
-    const double before = processor_time(daemon_.pid());
-    for_a_while([&](const std::atomic<bool>& over) { all = ask_admin(asked, over); });
-    return 1e6 * (processor_time(daemon_.pid()) - before) / static_cast<double>(all.count);
-  };
-  const auto quiet_wait_beside = [&](const std::string& other) {
-    Asked all{};
-    for_a_while([&](const std::atomic<bool>& over) {
-      std::thread beside([&] { ask_admin(other, over); });
-      all = ask_admin(quiet, over);
-      beside.join();
-    });
-    return all.median_wait;
-  };
-  const double quiet_cost = cost(quiet), logging_cost = cost(logging);
-  std::printf("daemon's processor for a request: %.1f us without a log line, %.1f us with one: %.2f times\n",
-              quiet_cost, logging_cost, logging_cost / quiet_cost);
-  const double beside_quiet = quiet_wait_beside(quiet), beside_logging = quiet_wait_beside(logging);
-  std::printf("median wait of the former: %.1f us beside its like, %.1f us beside the latter: %.2f times\n",
-              beside_quiet, beside_logging, beside_logging / beside_quiet);
-}
-
-// ---- those who attack ---------------------------------------------------------------------------------
-
-void Load::crowd() {
-  Random random(1);
-  std::vector<std::unique_ptr<Peer>> open;
+// With as many connections as it takes, a full backlog, and no descriptor to accept another with.
+double processor_share_at_the_limit(const testing::DaemonProcess& daemon, const std::string& socket) {
+  std::deque<HostileClient> open;
   const size_t most = wire::connection_limits(daemon_descriptors).public_connections;
-  while (tally_.connects < form_.connects && steady_clock::now() < deadline_) {
-    open.push_back(std::make_unique<Peer>(public_));
-    ++tally_.connects;
-    while (open.size() >= most || (!open.empty() && pick(random, 100) < 45)) {
-      std::swap(open[pick(random, open.size())], open.back());
-      open.pop_back();
-    }
-    if (pick(random, 4) == 0) std::this_thread::sleep_for(1ms);
-  }
-}
-
-void Load::stall() {
-  Random random(2);
-  const std::string request = testing::request(std::string(5000, 's'));
-  while (!attack_over_) {
-    std::deque<Peer> open;
-    for (int i = 0; i < 24; ++i) {
-      tally_.halves +=
-          open.emplace_back(public_).send_only(request.substr(0, 1 + pick(random, request.size() - 1)));
-    }
-    const auto over = [&] { return std::all_of(open.begin(), open.end(), [](Peer& p) { return p.is_closed(); }); };
-    for (int i = 0; i < 60 && !attack_over_ && !over(); ++i) std::this_thread::sleep_for(100ms);
-  }
-}
-
-void Load::stop_reading() {
-  const std::string request = testing::request(wire::copy_regulatory_images);
-  while (!attack_over_) {
-    std::deque<Peer> open;
-    for (int i = 0; i < 8; ++i) {
-      Peer& peer = open.emplace_back(public_);
-      for (int k = 0; k < 50; ++k) tally_.unread += peer.send_only(request);
-    }
-    for (int i = 0; i < 20 && !attack_over_; ++i) std::this_thread::sleep_for(100ms);
-  }
-}
-
-void Load::send_frames(const std::string& socket, uint64_t seed, size_t share) {
-  Bodies bodies(seed);
-  std::unique_ptr<Peer> peer;
-  const auto drop = [&] {
-    if (!peer) return;
-    peer->read();
-    tally_.answers += peer->answers();
-    peer.reset();
-  };
-  for (size_t sent = 0; sent < share && steady_clock::now() < deadline_;) {
-    if (!peer) peer = std::make_unique<Peer>(socket);
-    std::string batch;
-    size_t count = 0;
-    for (; count < 64; ++count) batch += testing::frame(bodies.next(), pick(bodies.random(), 50) == 0 ? 7 : 1);
-    const bool last = pick(bodies.random(), 8) == 0;
-    if (last) batch += bodies.broken_frame();
-    const bool taken = peer->send(batch);
-    if (taken) {
-      sent += count + last;
-      tally_.frames += count + last;
-    }
-    if (!taken || last) drop();
-  }
-  drop();
-}
-
-void Load::disturb_notifications() {
-  Bodies bodies(9);
-  const std::string socket = root_.socket(wire::notification_service);
-  while (!attack_over_) {
-    Peer peer(socket);
-    if (pick(bodies.random(), 4) != 0) tally_.notes += peer.send_only(testing::frame(bodies.next()));
-    std::this_thread::sleep_for(2ms);
-  }
-}
-
-void Load::pass_descriptors() {
-  std::array<int, 8> descriptors;
-  for (int& each : descriptors) each = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  const std::string request = testing::request("descriptors");
-  Random random(3);
-  while (tally_.passed < form_.passed && steady_clock::now() < deadline_) {
-    Peer peer(pick(random, 8) == 0 ? root_.socket(wire::notification_service) : public_);
-    for (int i = 0; i < 50 && tally_.passed < form_.passed; ++i) {
-      if (!peer.pass(request.substr(0, 1 + pick(random, request.size())), descriptors) || !peer.read()) break;
-      tally_.passed += descriptors.size();
-    }
-  }
-  for (const int each : descriptors) close(each);
-}
-
-void Load::stop_the_daemon() {
-  while (!counted_over_ && tally_.stops < form_.stops) {
-    const auto next = steady_clock::now() + form_.between_stops;
-    while (!counted_over_ && steady_clock::now() < next) std::this_thread::sleep_for(50ms);
-    ++stop_epoch_;
-    kill(daemon_.pid(), SIGSTOP);
-    std::this_thread::sleep_for(tally_.stops % 4 == 3 ? 7s : 400ms);
-    kill(daemon_.pid(), SIGCONT);
-    ++stop_epoch_;
-    ++tally_.stops;
-  }
-}
-
-void Load::attack() {
-  const std::string admin = root_.socket(wire::admin_service);
-  std::vector<std::thread> counted, endless;
-  counted.emplace_back([this] { crowd(); });
-  counted.emplace_back([this] { pass_descriptors(); });
-  const size_t part = form_.frames / 10;
-  counted.emplace_back([&, this] { send_frames(public_, 4, form_.frames - 5 * part); });
-  counted.emplace_back([&, this] { send_frames(public_, 5, 4 * part); });
-  counted.emplace_back([&, this] { send_frames(admin, 6, part); });
-  endless.emplace_back([this] { stall(); });
-  endless.emplace_back([this] { stop_reading(); });
-  endless.emplace_back([this] { disturb_notifications(); });
-  std::thread stops([this] { stop_the_daemon(); });
-  for (std::thread& each : counted) each.join();
-  counted_over_ = true;
-  stops.join();
-  attack_over_ = true;
-  for (std::thread& each : endless) each.join();
-}
-
-// ---- what is left -------------------------------------------------------------------------------------
-
-size_t Load::private_bytes() const {
-  const std::string rollup = testing::read_file("/proc/" + std::to_string(daemon_.pid()) + "/smaps_rollup");
-  size_t total = 0;
-  for (const std::string_view name : {"Private_Clean:", "Private_Dirty:"}) {
-    const size_t found = rollup.find(name);
-    if (found != std::string::npos) total += std::stoul(rollup.substr(found + name.size())) * 1024;
-  }
-  return total;
-}
-
-// A full house, a crowd before the door, and no descriptor to let anyone in with.
-double Load::processor_share_at_the_limit() {
-  std::deque<Peer> open;
-  const size_t most = wire::connection_limits(daemon_descriptors).public_connections;
-  while (open.size() < most) open.emplace_back(public_);
-  testing::eventually([&] { return daemon_.descriptors() >= most; });
+  while (open.size() < most) open.emplace_back(socket);
+  eventually([&] { return daemon.descriptors() >= most; });
   rlimit before;
-  prlimit(daemon_.pid(), RLIMIT_NOFILE, nullptr, &before);
+  prlimit(daemon.pid(), RLIMIT_NOFILE, nullptr, &before);
   const rlimit none{1, before.rlim_max};
-  prlimit(daemon_.pid(), RLIMIT_NOFILE, &none, nullptr);
-  while (open.size() < most + 200) open.emplace_back(public_);
+  prlimit(daemon.pid(), RLIMIT_NOFILE, &none, nullptr);
+  while (open.size() < most + 200) open.emplace_back(socket);
   std::this_thread::sleep_for(100ms);
-  const double used = processor_time(daemon_.pid());
-  const auto start = steady_clock::now();
+  const double used = processor_time(daemon.pid());
   std::this_thread::sleep_for(2s);
-  const double share =
-      (processor_time(daemon_.pid()) - used) / std::chrono::duration<double>(steady_clock::now() - start).count();
-  prlimit(daemon_.pid(), RLIMIT_NOFILE, &before, nullptr);
+  const double share = (processor_time(daemon.pid()) - used) / 2;
+  prlimit(daemon.pid(), RLIMIT_NOFILE, &before, nullptr);
   return share;
 }
 
-bool Load::log_is_in_bounds() const {
-  size_t bytes = 0;
-  bool clean = true;
-  for (const char* name : {"corvaned.log", "corvaned.1.log"}) {
-    const std::string log = testing::read_file(root_.at("/var/mobile/Library/Logs/corvaned/") + name);
-    bytes += log.size();
-    clean &= std::none_of(log.begin(), log.end(),
-                          [](char c) { return (c >= 0 && c < 0x20 && c != '\n') || c == 0x7f; });
-  }
-  std::printf("log: %zu bytes on the disk\n", bytes);
-  return clean && bytes > 0 && bytes <= log_bound;
+bool store_images(const testing::DeviceRoot& root) {
+  auto images = plist::MutableArray::create();
+  for (int i = 0; i < 4; ++i) images->append(plist::Data::create(std::string(size_t{1} << 20, 'i')));
+  client::Connection admin(wire::admin_service, root.at(""), 30s);
+  return client::store_regulatory_images(admin, images).outcome == client::Outcome::answered;
 }
 
-int Load::run() {
-  rlimit own;
-  getrlimit(RLIMIT_NOFILE, &own);
-  own.rlim_cur = own.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &own);
-  if (!check(testing::eventually([&] { return store(mebibyte); }), "the daemon serves")) return 1;
-  measure_logging();
-  const std::vector<double> alone = measure_honest(honest_clients, 1s);
-  std::this_thread::sleep_for(300ms);
-  const size_t held_before = daemon_.descriptors();
-  const size_t resident_before = daemon_.resident_bytes();
-  const size_t private_before = private_bytes();
+// ---- the story ----------------------------------------------------------------------------------------
 
-  std::atomic<bool> over = false;
-  std::vector<Honest> honest(honest_clients);
-  std::vector<std::thread> asking;
-  for (size_t i = 0; i < honest_clients; ++i) asking.emplace_back([&, i] { ask(i, over, honest[i]); });
-  size_t resident_peak = 0, private_peak = 0;
-  std::thread watching([&] {
-    while (!over) {
-      resident_peak = std::max(resident_peak, daemon_.resident_bytes());
-      private_peak = std::max(private_peak, private_bytes());
-      std::this_thread::sleep_for(50ms);
-    }
-  });
-  const auto start = steady_clock::now();
-  deadline_ = start + form_.at_most;
-  attack();
-  const double seconds = std::chrono::duration<double>(steady_clock::now() - start).count();
-  over = true;
-  for (std::thread& each : asking) each.join();
-  watching.join();
+bool check(bool holds, const char* what) {
+  std::printf("%s: %s\n", what, holds ? "yes" : "NO");
+  return holds;
+}
 
-  std::printf(
-      "%.1f s: %zu connects, %zu frames (%zu answers), %zu descriptors passed, %zu half requests, "
-      "%zu requests whose answers nobody read, %zu notes to the notification socket, %d stops\n",
-      seconds, tally_.connects.load(), tally_.frames.load(), tally_.answers.load(), tally_.passed.load(),
-      tally_.halves.load(), tally_.unread.load(), tally_.notes.load(), tally_.stops.load());
-  Honest all;
-  for (const Honest& each : honest) {
-    all.waits.insert(all.waits.end(), each.waits.begin(), each.waits.end());
-    all.waits_over_stops.insert(all.waits_over_stops.end(), each.waits_over_stops.begin(),
-                                each.waits_over_stops.end());
-    all.unanswered += each.unanswered;
-    if (all.first_failure.empty()) all.first_failure = each.first_failure;
-  }
-  std::sort(all.waits.begin(), all.waits.end());
-  std::sort(all.waits_over_stops.begin(), all.waits_over_stops.end());
-  const auto print = [](const char* what, const std::vector<double>& sorted) {
-    std::printf("honest waits %s: %zu, p50 %.0f us, p99 %.0f us, worst %.0f us\n", what, sorted.size(),
-                at(sorted, 0.5), at(sorted, 0.99), at(sorted, 1));
-  };
-  print("alone", alone);
-  print("under attack", all.waits);
-  print("over a stop", all.waits_over_stops);
-  if (all.unanswered != 0) std::printf("%zu unanswered; first %s\n", all.unanswered, all.first_failure.c_str());
-  check(all.unanswered == 0, "every honest request was answered");
+int run(const Form& form) {
+  const testing::DeviceRoot root;
+  testing::Environment environment = root.environment();
+  environment.erase("CORVANE_LOG_STDERR");  // which nothing bounds
+  testing::DaemonProcess daemon(environment, daemon_descriptors);
+  if (!check(eventually([&] { return store_images(root); }), "the daemon serves")) return 1;
 
-  check(testing::eventually([&] { return daemon_.descriptors() <= held_before; }), "the descriptors came back");
+  HonestClients alone(root);
   std::this_thread::sleep_for(1s);
-  const size_t private_after = private_bytes();
-  const auto mib = [](size_t bytes) { return static_cast<double>(bytes) / static_cast<double>(mebibyte); };
-  std::printf("descriptors: %zu before, %zu after\n", held_before, daemon_.descriptors());
-  std::printf(
-      "memory, MiB: resident %.1f before, %.1f peak, %.1f after; private %.1f before, %.1f peak, %.1f after\n",
-      mib(resident_before), mib(resident_peak), mib(daemon_.resident_bytes()), mib(private_before),
-      mib(private_peak), mib(private_after));
-  if (measures_memory) check(private_after <= private_before + memory_bound, "the memory came back");
-  const double share = processor_share_at_the_limit();
-  std::printf("processor while nobody can be let in: %.1f %%\n", 100 * share);
-  check(share < processor_bound, "the processor rested");
-  check(testing::eventually([&] { return daemon_.descriptors() <= held_before; }),
-        "the descriptors came back again");
-  check(log_is_in_bounds(), "the log stayed in its bounds and has no control characters");
-  check(daemon_.end(SIGTERM) == 0, "the daemon ended well");
-  if (!passed_) std::fputs(daemon_.standard_error().c_str(), stderr);
-  return passed_ ? 0 : 1;
+  alone.stop();
+  std::this_thread::sleep_for(300ms);
+  const size_t descriptors_before = daemon.descriptors();
+  const size_t memory_before = private_bytes(daemon.pid());
+
+  HonestClients honest(root);
+  Attack attack(form, root, daemon.pid());
+  attack.run();
+  attack.print();
+  honest.stop();
+  bool passed = check(attack.took_place(), "every kind of attack took place");
+  passed &= check(honest.all_answered(), "every honest request was answered");
+
+  const auto descriptors_are_back = [&] { return daemon.descriptors() <= descriptors_before; };
+  passed &= check(eventually(descriptors_are_back), "the descriptors came back");
+  std::this_thread::sleep_for(1s);
+  const size_t memory_after = private_bytes(daemon.pid());
+  passed &= check(memory_after <= memory_before + memory_growth_limit, "the memory came back");
+  const double share = processor_share_at_the_limit(daemon, root.socket(wire::public_service));
+  passed &= check(share < processor_share_limit, "the processor rests while nobody can be accepted");
+  passed &= check(eventually(descriptors_are_back), "the descriptors came back again");
+
+  const std::string log = testing::read_file(root.at("/var/mobile/Library/Logs/corvaned/corvaned.log")) +
+                          testing::read_file(root.at("/var/mobile/Library/Logs/corvaned/corvaned.1.log"));
+  const bool has_controls =
+      std::any_of(log.begin(), log.end(), [](char c) { return std::iscntrl(c) && c != '\n'; });
+  passed &= check(!log.empty() && log.size() <= log_limit, "the log stays within its bounds");
+  passed &= check(!has_controls, "the log has no control characters");
+  passed &= check(daemon.end(SIGTERM) == 0, "the daemon ends well");
+  if (!passed) std::fputs(daemon.standard_error().c_str(), stderr);
+
+  alone.print("alone");
+  honest.print("under attack");
+  std::printf("memory: %zu KiB before, %zu KiB after; processor at the limit: %.1f %%; log: %zu bytes\n",
+              memory_before / 1024, memory_after / 1024, 100 * share, log.size());
+  return passed ? 0 : 1;
 }
 
 }  // namespace
@@ -686,7 +468,7 @@ int Load::run() {
 int main(int argc, char** argv) {
   const std::string_view wanted = argc > 1 ? argv[1] : "--short";
   for (const corvane::Form& form : corvane::forms) {
-    if (form.name == wanted) return corvane::Load(form).run();
+    if (form.option == wanted) return corvane::run(form);
   }
   std::fprintf(stderr, "usage: hostile_load [--medium|--long]\n");
   return 2;
