@@ -80,24 +80,23 @@ TEST(Codec, EveryTestFileHoldsItsJson) {
 TEST(Codec, WhatIsWrittenComesBackEqual) {
   std::vector<Ref<Value>> values;
   for (int bit = 0; bit < 64; ++bit) {
-    const uint64_t power = uint64_t{1} << bit;
-    for (const uint64_t bits : {power - 1, power, 0 - power, ~power}) {
+    for (const uint64_t bits : {(uint64_t{1} << bit) - 1, uint64_t{1} << bit, ~(uint64_t{1} << bit)}) {
       const auto integer = static_cast<int64_t>(bits);
       values.insert(values.end(), {Number::create_uint64(bits), Number::create_int64(integer),
                                    Number::create_real(std::bit_cast<double>(bits)),
                                    Date::create(static_cast<double>(integer) / (1 << 28))});
     }
   }
-  for (const unsigned size : {0u, 1u, 14u, 15u, 255u, 256u, 4096u, 65535u, 65536u}) {
-    const std::string bytes(size, 'x');
+  for (const unsigned size : {0u, 14u, 15u, 255u, 256u, 65535u, 65536u}) {
     const auto array = MutableArray::create();
     const auto dictionary = MutableDictionary::create();
     for (unsigned i = 0; i < size; ++i) {
       array->append(Number::create_uint64(i));
       dictionary->set(std::to_string(i), array->items().back());
     }
-    values.insert(values.end(), {Data::create(bytes), String::create(bytes), array, dictionary,
-                                 String::create(bytes + "\xF0\x9F\x98\x80\r\n\t&<]]>")});
+    const std::string text(size, 'x');
+    values.insert(values.end(), {Data::create(text), String::create(text), array, dictionary,
+                                 String::create(text + "\xF0\x9F\x98\x80\r\n\t&<]]>")});
   }
   for (const Ref<Value>& value : values) {
     for (const Encoding encoding : {Encoding::binary, Encoding::xml}) expect_kept(*value, encoding);
@@ -116,12 +115,6 @@ TEST(Codec, NestingEndsAtTheLimitInEveryCodec) {
     EXPECT_EQ(outcome(read(write(*deepest, encoding), Containers::immutable, 127)), "nesting deeper than 127");
     EXPECT_EQ(write(*too_deep, encoding), "error: nesting deeper than 128");
   }
-  // Object 2 is met first where there is room for what it holds, and then where there is none.
-  const std::string shared = binary({"\xA2\x02\x01", "\xA1\x02", "\xA1\x03", "\xA0"});
-  for (const Containers containers : {Containers::immutable, Containers::made_mutable}) {
-    EXPECT_EQ(outcome(read(shared, containers, 4)), "[[[]], [[[]]]]");
-    EXPECT_EQ(outcome(read(shared, containers, 3)), "nesting deeper than 3");
-  }
 }
 
 TEST(Codec, MutableResultsShareNoContainers) {
@@ -138,96 +131,50 @@ TEST(Codec, MutableResultsShareNoContainers) {
 }
 
 TEST(BinaryReader, ReadsOrRefuses) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"-9223372036854775808", binary({"\x14" + std::string(8, '\xFF') + "\x80" + std::string(7, '\0')})},
+      {"{\"k\": true}", binary({"\xD2\x01\x01\x02\x03", "\x51k", "\x08", "\x09"})},
+      {"an integer out of range", binary({"\x14" + std::string(7, '\0') + "\1" + std::string(8, '\0')})},
+      {"a date that is not finite", binary({"\x33\x7F\xF0\0\0\0\0\0\0"s})},
+      {"the object table ends inside a string", binary({"\x5F\x13" + std::string(8, '\xFF')})},
+      {"a dictionary key is not a string", binary({"\xD1\x01\x01", "\x10\x01"})},
+      {"a reference to an object that is not there", binary({"\xA1\x01"})},
+      {"nesting deeper than 128", binary({"\xD1\x01\x00"s, "\x51k" + std::string(300, '\x08')})},
+  };
+  for (const auto& [expected, bytes] : cases) EXPECT_EQ(outcome(read(bytes)), expected);
+}
+
+// Small files that stood for gigabytes of memory or hours of work.
+TEST(BinaryReader, RefusesWhatCostsMoreThanItsBytes) {
   std::vector<std::string> doubling;
   for (char level = 1; level < 60; ++level) doubling.push_back({'\xA2', level, level});
   doubling.push_back("\xA0");
+  EXPECT_EQ(outcome(read(binary(doubling))), "more references than bytes");
   const std::string text = "\x5F\x11\x20\x01" + std::string(0x2001, 'x');
-  const std::pair<std::string, std::string> cases[] = {
-      {"bplist01" + std::string(40, '\0'), "this version of the binary encoding is not known"},
-      {binary({"\x0F"}), "an unknown object marker"},
-      {binary({"\xB0"}), "an unknown object marker"},
-      {binary({"\x13\x01"}), "the object table ends inside an integer"},
-      {binary({"\x14" + std::string(8, '\xFF') + "\x80" + std::string(7, '\0')}), "-9223372036854775808"},
-      {binary({"\x14" + std::string(8, '\xFF') + "\x7F" + std::string(7, '\xFF')}), "an integer out of range"},
-      {binary({"\x14" + std::string(7, '\0') + "\1" + std::string(8, '\0')}), "an integer out of range"},
-      {binary({"\x22\xC0\x20\0\0"s}), "-2.5"},
-      {binary({"\x33\x7F\xF0\0\0\0\0\0\0"s}), "a date that is not finite"},
-      {binary({"\x52\xC3\xA9"}), "an ASCII string that is not ASCII"},
-      {binary({"\x52\x61"}), "the object table ends inside a string"},
-      {binary({"\x5F\x13\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"}), "the object table ends inside a string"},
-      {binary({"\xD2\x01\x01\x02\x03", "\x51k", "\x08", "\x09"}), "{\"k\": true}"},
-      {binary({"\xD1\x01\x01", "\x10\x01"}), "a dictionary key is not a string"},
-      {binary({"\xA1\x01"}), "a reference to an object that is not there"},
-      {binary({"\xD1\x01\x00"s, "\x51k" + std::string(300, '\x08')}), "nesting deeper than 128"},
-      // Small files that stood for gigabytes of memory or hours of work.
-      {binary(doubling), "more references than bytes"},
-      {binary({"\xA2\x01\x02", text.substr(0, 4), text}), "strings and data lie across each other"},
-      {binary({"\xAF\x11\x30\x00"s + std::string(0x3000, '\1'), "\xA1\x02", text}), "more references than bytes"},
-      {binary({"\xCF\x11\x30\x00"s + std::string(0x3000, '\1'), text}), repeated},
-      {binary({"\xAF\x11\x18\x00"s + std::string(0x1800, '\1'), "\xC1\x02", text}), repeated},
-  };
-  for (const auto& [bytes, expected] : cases) {
-    EXPECT_EQ(outcome(read(bytes)), expected);
-    EXPECT_EQ(outcome(read(bytes, Containers::made_mutable)), expected);
-  }
+  EXPECT_EQ(outcome(read(binary({"\xA2\x01\x02", text.substr(0, 4), text}))),
+            "strings and data lie across each other");
+  EXPECT_EQ(outcome(read(binary({"\xCF\x11\x30\x00"s + std::string(0x3000, '\1'), text}))), repeated);
 }
 
 TEST(XmlReader, ReadsOrRefuses) {
   const std::pair<std::string, std::vector<std::string>> cases[] = {
       {"127", {"<integer> +0x7f\n</integer>"}},
-      {"-inf", {"<real> -INFinity\n</real>"}},
       {"[2024-02-29T23:59:59Z]", {"<array><date> 2024-02-29T23:59:59.75Z </date></array>"}},
       {"{\"k\": false}", {"<dict a='&lt;&#65;'><key>k</key><true> </true><key>k</key><false/></dict>"}},
-      {"set(1)", {"<set><integer>1</integer><integer>0x1</integer></set>"}},
-      {"<plist> without a value", {""}},
-      {"a second value in <plist>", {"<true/><true/>"}},
-      {"text outside of a value", {"<true/>x", "<array>x</array>"}},
-      {"<plist> inside <plist>", {"<plist><true/></plist>"}},
-      {"an unknown element", {"<null/>"}},
-      {"<key> in place of a value", {"<key>k</key>", "<dict><key>k</key><key>l</key></dict>"}},
-      {"a dictionary value without its key", {"<dict><true/></dict>"}},
-      {"a key without its value", {"<dict><key>k</key></dict>"}},
       {"an element inside a value that has none", {"<string>a<string/></string>", "<true><array/></true>"}},
-      {"text in a Boolean", {"<true>x</true>"}},
       {"an undeclared entity", {"<string>&foo;</string>"}},
       {"an undeclared entity in an attribute", {"<string a='&amp;&foo;'/>"}},
-      {"<integer> holds no integer, or one out of range",
-       {"<integer></integer>", "<integer>- 1</integer>", "<integer>18446744073709551616</integer>",
-        "<integer>-9223372036854775809</integer>", "<integer>0x-1</integer>", "<integer>1.0</integer>"}},
-      {"<real> holds no real, or one out of range",
-       {"<real></real>", "<real>1,5</real>", "<real>0x1p3</real>", "<real>+-1</real>", "<real>nan(1)</real>"}},
-      {"<date> holds no date",
-       {"<date>2023-02-29T00:00:00Z</date>", "<date>2024-12-31T23:59:60Z</date>",
-        "<date>0000-01-01T00:00:00Z</date>", "<date>2024-12-31T23:59:59.Z</date>",
-        "<date>2024-12-31T23:59:59.75</date>"}},
-      {"<data> holds no Base64",
-       {"<data>QUI</data>", "<data>QUI==</data>", "<data>Q=UI</data>", "<data>QUJD====</data>",
-        "<data>QU-D</data>"}},
+      {"<integer> holds no integer, or one out of range", {"<integer>- 1</integer>", "<integer>1.0</integer>"}},
+      {"<real> holds no real, or one out of range", {"<real>1,5</real>", "<real>0x1p3</real>"}},
+      {"<date> holds no date", {"<date>2023-02-29T00:00:00Z</date>", "<date>2024-12-31T23:59:59.Z</date>"}},
+      {"<data> holds no Base64", {"<data>QUI</data>", "<data>Q=UI</data>", "<data>QUJD====</data>"}},
   };
   for (const auto& [expected, values] : cases) {
     for (const std::string& value : values) EXPECT_EQ(outcome(read(xml(value))), expected) << value;
   }
   EXPECT_EQ(describe(read("").error.get()), "no element found at byte 0");
-  EXPECT_EQ(outcome(read("<true/>")), "the outermost element is not <plist>");
   EXPECT_EQ(outcome(read("<!DOCTYPE plist [<!ENTITY a 'b'>]><plist/>")),
             "declarations in the document are not supported");
-}
-
-TEST(BinaryWriter, WritesEachEqualLeafOnceInTheSmallestForm) {
-  const Ref<Value> leaves[] = {Number::create_int32(255),  Number::create_int64(255), String::create("\xC3\xA9"),
-                               String::create("\xC3\xA9"), Data::create("one"),       Data::create("one"),
-                               Data::create("two")};
-  Ref<MutableArray> array = MutableArray::create();
-  for (size_t i = 0; i < 2 * std::size(leaves); ++i) array->append(leaves[i % std::size(leaves)]);
-  EXPECT_EQ(write(*array, Encoding::binary),
-            "bplist00\xAE\1\1\2\2\3\3\4\1\1\2\2\3\3\4\x10\xFF\x61\0\xE9\x43one\x43two\x08\x17\x19\x1C\x20"
-            "\0\0\0\0\0\0\1\1\0\0\0\0\0\0\0\5\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x24"s);
-
-  for (const int count : {15, 16, 17, 100}) {
-    array = MutableArray::create();
-    for (int i = 0; i < 3 * count; ++i) array->append(String::create(std::to_string(i % count)));
-    EXPECT_EQ(write(*array, Encoding::binary).end()[-17], count + 1) << "objects";
-  }
 }
 
 // A store would have written a file that no start can read.
@@ -248,10 +195,6 @@ TEST(XmlWriter, SortsKeysAndKeepsItsLayout) {
   for (const std::string name : {"data", "dates", "integers", "strings"}) {
     EXPECT_EQ(write(*read(test_file(name + ".bin.plist")).value, Encoding::xml), test_file(name + ".xml.plist"));
   }
-  const Decoded unsorted = read(xml("<dict><key>b&#13;</key><dict/><key>a</key><real>-inf</real></dict>"));
-  EXPECT_TRUE(write(*unsorted.value, Encoding::xml)
-                  .ends_with("<dict>\n\t<key>a</key>\n\t<real>-infinity</real>\n\t<key>b&#13;</key>\n"
-                             "\t<dict/>\n</dict>\n</plist>\n"));
 }
 
 }  // namespace

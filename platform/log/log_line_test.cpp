@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
-#include <unistd.h>
-
 #include "plist/unicode.h"
 
 namespace corvane {
@@ -16,18 +13,9 @@ std::string message_of(std::string_view message) {
   return std::string(line.without_head().substr(4));
 }
 
-TEST(LogLine, BeginsWithTimeProcessAndLevel) {
-  const LogLine line(5, "CV", "100% of %s %n", 1000);
-  const std::regex expected(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z corvaned\[)" + std::to_string(getpid()) +
-                            R"(\] <5> CV: 100% of %s %n\n)");
-  EXPECT_TRUE(std::regex_match(std::string(line.whole()), expected)) << line.whole();
-  EXPECT_EQ(line.without_head(), "CV: 100% of %s %n");
-}
-
 // Whatever a terminal acts on, or another reader takes for the end of a line.
 TEST(LogLine, EscapesWhatWouldForgeAnotherLine) {
-  EXPECT_EQ(message_of("line feed at the end\n"), "line feed at the end");
-  EXPECT_EQ(message_of("two\n\n"), "two\\n");
+  EXPECT_EQ(message_of("two line feeds\n\n"), "two line feeds\\n");
   EXPECT_EQ(message_of("a\tb\r\nc"), "a\\tb\\r\\nc");
   EXPECT_EQ(message_of("\x1b[2J \x1f \x7f ~"), "\\x1b[2J \\x1f \\x7f ~");
   EXPECT_EQ(message_of(std::string_view("\0", 1)), "\\x00");
@@ -37,18 +25,15 @@ TEST(LogLine, EscapesWhatWouldForgeAnotherLine) {
 }
 
 TEST(LogLine, CutsALongMessageBehindAWholeCharacter) {
-  constexpr size_t limit = 500;
   std::string euros;
   for (int i = 0; i < 300; ++i) euros += "\xe2\x82\xac";
-  // The cut falls on each of the three bytes of a character.
   for (const std::string& message : {euros, "x" + euros, "xx" + euros}) {
-    const LogLine line(7, "CV", message, limit);
-    EXPECT_LE(line.whole().size(), limit);
-    EXPECT_GT(line.whole().size(), limit - 50);
+    const LogLine line(7, "CV", message, 500);
+    EXPECT_LE(line.whole().size(), 500U);
+    EXPECT_GT(line.whole().size(), 450U);
     const std::string kept(line.without_head().substr(4, line.without_head().rfind(" [") - 4));
     EXPECT_TRUE(message.starts_with(kept) && plist::unicode::is_utf8(kept));
-    const size_t cut_off = message.size() - kept.size();
-    EXPECT_TRUE(line.whole().ends_with(" [" + std::to_string(cut_off) + " more bytes]\n")) << line.whole();
+    EXPECT_TRUE(line.whole().ends_with(" [" + std::to_string(message.size() - kept.size()) + " more bytes]\n"));
   }
 }
 
