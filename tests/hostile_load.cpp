@@ -63,7 +63,7 @@ struct Form {
 
 constexpr Form forms[] = {{"--short", 1000, 20'000, 500, 2, 300ms, 20s},
                           {"--medium", 5000, 150'000, 5000, 4, 3s, 240s},
-                          {"--long", 20'000, 1'000'000, 20'000, 8, 8s, 450s}};
+                          {"--long", 20'000, 1'000'000, 20'000, 8, 4s, 450s}};
 
 /// A connection on which nothing waits for the daemon for long.
 class HostileClient {
