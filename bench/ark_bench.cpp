@@ -1,5 +1,5 @@
-// The data ark beside what a program would use instead, and beside the limits. Everyone is asked for a domain and
-// a key, and composes what it looks up. Usage: ark_bench ROUNDS ENTRIES...
+// The data ark beside what a program would use instead, and beside the limits. Each is asked for a domain and a
+// key, and composes the key that it looks up. Usage: ark_bench ROUNDS ENTRIES...
 
 #include <filesystem>
 #include <fstream>
@@ -141,7 +141,7 @@ class Lmdb {
     MDB_val k = val(key), v = val(value);
     must(mdb_put(transaction_, db_, &k, &v, 0) == 0, "mdb_put");
   }
-  // Each in a transaction of its own, as a program that asks now and then does it.
+  // Each in a transaction of its own, as in a program that asks now and then.
   size_t get(const std::string& key) {
     begin(MDB_RDONLY);
     MDB_val k = val(key), v{};

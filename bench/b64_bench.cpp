@@ -1,5 +1,5 @@
-// Base64 beside OpenSSL's, a plain loop and memcpy, each with the same octets. Printed are octets a nanosecond, of
-// the decoded side. Usage: b64_bench [ROUNDS [MILLISECONDS]]
+// Base64 beside OpenSSL's, a plain loop and memcpy, each with the same octets. The figures are decoded octets a
+// nanosecond. Usage: b64_bench [ROUNDS [MILLISECONDS]]
 
 #include <openssl/evp.h>
 
@@ -20,7 +20,7 @@ using Octets = std::vector<unsigned char>;
 
 constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-/// What one would write without thinking of speed.
+/// Base64 as one writes it without thinking of speed.
 size_t plain_encode(const unsigned char* src, size_t size, char* dest) {
   const char* const start = dest;
   for (; size >= 3; size -= 3, src += 3) {
@@ -147,7 +147,7 @@ class Bench {
     });
     figure(std::string(row) + ", " + name_, what, "octets/ns", static_cast<double>(plain_.size()) / nanoseconds);
   }
-  /// Whoever was measured did the work; what it did is wiped for the next one.
+  /// Checks that the work was done, and wipes the result for the next one.
   void check_text() {
     must(wrote_ == text_.size() && text_out_.compare(0, wrote_, text_) == 0, "the encoded text");
     std::fill(text_out_.begin(), text_out_.end(), '\0');

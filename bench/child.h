@@ -15,10 +15,10 @@
 
 namespace corvane::bench {
 
-/// A program that runs until the object goes, or this process does.
+/// A program that is ended with this object, and with this process.
 class Child {
  public:
-  /// What it says on standard error can be left unsaid.
+  /// Its standard error can be silenced.
   explicit Child(std::vector<std::string> arguments, const std::map<std::string, std::string>& environment = {},
                  bool quiet = false) {
     auto* shared = static_cast<Clock::time_point*>(
@@ -48,7 +48,7 @@ class Child {
   Child& operator=(const Child&) = delete;
 
   pid_t pid() const { return pid_; }
-  /// When exec was called; written by then.
+  /// When exec was called.
   Clock::time_point started() const { return *started_; }
 
  private:

@@ -41,8 +41,8 @@ inline int connected_socket(const std::string& path) {
   return connected;
 }
 
-/// A client that spends as little as it can: requests are the same bytes again and again, and of the answers it
-/// wants the number of bytes. Blocking; one thread.
+/// A client that costs as little as possible: it sends the same bytes again and again, and only counts the bytes
+/// of the answers. Blocking; one thread.
 class Client {
  public:
   virtual ~Client() = default;

@@ -60,7 +60,7 @@ size_t nodes(const plist::Value& value) {
   return count;
 }
 
-/// Tells a writer of RapidJSON's the document.
+/// Gives the document to a RapidJSON writer.
 template <class Writer>
 void tell(const plist::Value& value, Writer& writer) {
   const auto string = [&](std::string_view text) {
@@ -197,7 +197,7 @@ class Bench {
             xmlFreeDoc};
   }
 
-  /// That everyone has read the whole document.
+  /// Checks that each library has read the whole document.
   void check() {
     must(plist::equal(decode(binary_).get(), document_.get()), "the binary document");
     must(plist::equal(decode(xml_data_).get(), document_.get()), "the XML document");
@@ -211,7 +211,7 @@ class Bench {
     figure(row, what, "us", time_of_each(slice_, operation) / 1e3);
   }
 
-  /// Until the tree stands, and until it is gone again.
+  /// The time to build the tree and to free it again.
   template <class Make>
   void decoding(const std::string& row, const char* what, Make make) {
     double made = 0;

@@ -1,4 +1,4 @@
-// The least that a C++ program can be: it says that it is there, and waits.
+// The smallest C++ program: it says that it runs, and waits.
 
 #include <iostream>
 #include <unistd.h>

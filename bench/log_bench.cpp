@@ -89,7 +89,7 @@ int run(size_t rounds, size_t lines) {
     each("spdlog, flushed", [&] { logger.debug("{}: dirtied by changing {}", "data_ark_set", key->c_string()); });
     each("syslog(3)'s work", [&] { system_log.write(key->c_string()); });
   }
-  // Whoever did not write has nothing to show.
+  // A log that does not have the lines was not measured.
   const std::string log = testing::read_file(root + "/var/mobile/Library/Logs/corvaned/corvaned.log");
   must(log.find("dirtied by changing com.norvane.mobile.backup-Version\n") != std::string::npos,
        "the log's last lines");

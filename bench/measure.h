@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-/// What the benchmarks share. They print figures, one line of JSON each. A figure comes once in every round, so
-/// bench/report knows the figures of one round by counting, and takes ratios inside it only: machines are noisy,
-/// but less so within a second.
+/// What the benchmarks share. They print figures, one line of JSON each, and each figure once in every round.
+/// bench/report tells the rounds apart by that, and takes ratios within a round only: machines are noisy, but less
+/// so within a second.
 namespace corvane::bench {
 
 using Clock = std::chrono::steady_clock;
@@ -48,7 +48,7 @@ template <class Operation>
 double time_of_each(milliseconds slice, Operation operation) {
   const auto start = Clock::now();
   size_t done = 0;
-  // Looking at the clock would be a part of short operations, so it is done ever more rarely.
+  // Reading the clock would count as a part of short operations, so it is read ever more rarely.
   for (size_t batch = 1; Clock::now() - start < slice; batch += batch / 4 + 1) {
     for (size_t i = 0; i < batch; ++i) operation();
     done += batch;

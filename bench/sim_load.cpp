@@ -1,6 +1,6 @@
 // The real daemon while a simulated phone's SIM is changed thousands of times and eight clients ask for images
-// without a pause: how long a client waited. Every client must get images and the ark end with the last SIM, or
-// nothing counts. Usage: sim_load [ROUNDS [CHANGES]]
+// without a pause: how long a client waited. It fails unless every client gets images and the ark has the last SIM
+// at the end. Usage: sim_load [ROUNDS [CHANGES]]
 
 #include <algorithm>
 #include <atomic>

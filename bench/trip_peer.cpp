@@ -1,4 +1,4 @@
-// What the daemon's round trips are held against, each on a socket of its own:
+// The servers that the daemon's round trips are compared with, each on a socket of its own:
 //
 //   trip_peer echo SOCKET SIZE FILE   answers every SIZE bytes with the contents of FILE, which it holds
 //   trip_peer file SOCKET SIZE FILE   opens and reads FILE for every SIZE bytes, and sends that
@@ -161,7 +161,7 @@ int accept_peer(sd_event_source*, int listener, uint32_t, void* service) {
   sd_bus_new(&bus);
   sd_bus_set_fd(bus, socket, socket);
   sd_bus_set_server(bus, 1, id);
-  // Who has gone already was only looking whether somebody listens.
+  // A client that is gone already only looked whether somebody listens.
   if (sd_bus_start(bus) >= 0) static_cast<BusService*>(service)->add(bus);
   return 0;
 }

@@ -1,5 +1,5 @@
-// Round trips to the real daemon on the simulated device, and to what they are held against (trip_peer.cpp), all
-// with the same clients. Usage: trips trips|growth [ROUNDS [MILLISECONDS]]
+// Round trips to the real daemon on the simulated device, and to the servers of trip_peer.cpp, all with the same
+// clients. Usage: trips trips|growth [ROUNDS [MILLISECONDS]]
 
 #include <atomic>
 #include <deque>
@@ -94,7 +94,7 @@ class Contest {
 
   const std::string& name() const { return name_; }
   const std::vector<Subject>& subjects() const { return subjects_; }
-  /// That the daemon still answers what it did.
+  /// Checks that the daemon still gives the same answers.
   void check() const { must(images_frame(daemon_.socket()) == answer_, "the daemon's last answer"); }
 
  private:
@@ -139,7 +139,7 @@ class Contest {
 
 // ---- measuring ----------------------------------------------------------------------------------------
 
-/// What the clients of one slice saw.
+/// The figures of one slice's clients.
 struct Trips {
   std::vector<double> microseconds;
   double seconds = 0;

@@ -49,7 +49,7 @@ void free(void* memory) {
   if (memory != nullptr) live -= malloc_usable_size(memory);
   __libc_free(memory);
 }
-// Old and new exist at once while the bytes are moved.
+// Both blocks exist at once while the bytes are moved.
 void* realloc(void* old, size_t size) {
   const size_t old_size = old == nullptr ? 0 : malloc_usable_size(old);
   void* const memory = __libc_realloc(old, size);
@@ -534,14 +534,14 @@ struct Cost {
   double mebibytes = 0;
 };
 
-// Of the processor, so that whoever else is on the machine does not count.
+// Processor time, so that other programs on the machine do not count.
 double milliseconds_used() {
   timespec time{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
   return 1e3 * static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_nsec);
 }
 
-// The time in the middle of some runs, what they hold being given back within it.
+// The median of some runs, each of which also frees what it has made.
 Cost cost_of(const std::function<void()>& work) {
   constexpr int runs = 9;
   std::vector<double> times;

@@ -61,7 +61,7 @@ void encode_and_decode(const std::string& octets, size_t line, size_t spare) {
   ENSURE(decode(text, B64_STOP_ON_UNKNOWN | B64_STOP_ON_SPACE) == PlainDecoded{octets});
 }
 
-// The kernels by themselves, where there is nothing to pass over.
+// The kernels alone, with no character to skip.
 void try_kernels(const std::string& octets, const std::string& text) {
   const size_t groups = octets.size() / 3;
   const Buffer input(octets.substr(0, 3 * groups));
@@ -84,8 +84,8 @@ void try_kernels(const std::string& octets, const std::string& text) {
 }  // namespace
 }  // namespace corvane::fuzz
 
-// The first byte: how long lines are, and how much more room there is than needed. The rest is encoded, and
-// also taken for something to decode.
+// The first byte chooses the length of lines and how much larger than needed the buffer is. The rest is encoded,
+// and also decoded as if it were Base64.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   using namespace corvane;
   if (size == 0) return 0;

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-/// What a target holds the product to, in every build: a finding where it is not so.
+/// Ends the target, in every build, if the condition does not hold: the fuzzer then keeps the input.
 #define ENSURE(condition) ((condition) ? void(0) : ::corvane::fuzz::found(#condition, __FILE__, __LINE__))
 
 namespace corvane::fuzz {

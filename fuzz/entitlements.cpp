@@ -1,4 +1,4 @@
-// A process's blob, which anyone may have forged, against what its two parts say.
+// The entitlements of a blob, which anyone may have forged, against those that its header and property list give.
 
 #include "support/entitlements.h"
 
@@ -40,7 +40,7 @@ void ask(const std::string& blob) {
 }  // namespace
 }  // namespace corvane::fuzz
 
-// As it is, and with each part of the header put right, which would be guessed too seldom.
+// As it is, and with each part of the header corrected, which random changes seldom do.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   using namespace corvane;
   const std::string_view input(reinterpret_cast<const char*>(bytes), size);

@@ -1,5 +1,5 @@
-// PEM text, keys and certificates that anyone may have sent: the text as it is, and the same bytes under each
-// label, because a fuzzer hardly guesses Base64. What is taken must come back as it was, and be of use without
+// PEM text, keys and certificates that anyone may have sent: the input as text, and its bytes under each label,
+// because a fuzzer hardly guesses Base64. What is accepted must be written as it was read, and using it must do no
 // harm.
 
 #include <openssl/err.h>
@@ -25,7 +25,7 @@ constexpr char public_label[] = "RSA PUBLIC KEY";
 constexpr char private_label[] = "RSA PRIVATE KEY";
 constexpr char certificate_label[] = "CERTIFICATE";
 
-// A signature by the largest keys that are taken would take most of the time.
+// Signing with the largest keys that are accepted would take most of the time.
 constexpr size_t largest_block = 512;
 
 // A request's digest is longer than that of other signatures.
@@ -57,7 +57,7 @@ void expect_usable(const VaultKey& key, bool is_private) {
   lockcrypto_verify(key, *signature, *data);
 }
 
-// A key that was taken is written as it was read.
+// A key that was accepted is written as it was read.
 void try_key(const Data& pem, const char* label) {
   const bool is_private = label == private_label;
   const auto key =
@@ -78,7 +78,7 @@ void try_certificate(const Data& pem) {
   if (const auto key = lockcrypto_public_key_from_certificates(alone)) expect_usable(*key, false);
 }
 
-// Only the public half of a private key says that it is the certificate's, so it need not be able to sign.
+// A private key belongs to a certificate if the public halves are equal, so it may still be unable to sign.
 void try_identity(const Data& pem) {
   const auto identity = lockcrypto_identity_from_pem_data(&pem, &pem);
   if (!identity) return;

@@ -8,7 +8,7 @@
 #include "support/b64.h"
 #include "support/b64_kernels.h"
 
-/// Base64 a character at a time, with nothing clever: what the real one is held against.
+/// Base64 a character at a time, as plain as can be: the real one must agree with it.
 namespace corvane::testing {
 
 struct PlainDecoded {

@@ -1,5 +1,5 @@
-// Hardly a change of an object's size leaves the offset table right. So every other mutation changes the objects
-// alone, and then makes a new table and trailer for what can be found of them from the first to the last.
+// A random change of an object's size leaves the offset table wrong. So some mutations change the objects alone,
+// and then make a new table and trailer for the objects that can be found from the first to the last.
 
 #include <algorithm>
 #include <cstdint>
@@ -26,7 +26,7 @@ uint64_t load(std::string_view bytes) {
   return value;
 }
 
-// How long the object at the beginning of `rest` is.
+// The length of the object at the beginning of `rest`.
 size_t object_size(std::string_view rest, size_t reference_size) {
   const auto marker = static_cast<uint8_t>(rest[0]);
   size_t count = marker & 0xF;

@@ -14,8 +14,8 @@ using namespace plist;
 
 namespace {
 
-// What a value may cost for each byte of its file, and any file at all. The dearest byte is a reference to an
-// empty dictionary in a mutable result, which makes an object of each.
+// How much memory a value may take for each byte of its file, and any file at all. The most expensive byte is a
+// reference to an empty dictionary in a mutable result, where each becomes an object of its own.
 constexpr size_t heap_per_byte = 512;
 constexpr size_t heap_anyway = 64 * 1024;
 

@@ -4,7 +4,7 @@
 
 namespace corvane::fuzz {
 
-/// Holds the readers, writers and `describe` to what they say, with the bytes of one file.
+/// Checks the promises of the readers, the writers and `describe` on one file.
 void try_property_list(std::string_view bytes);
 
 }  // namespace corvane::fuzz

@@ -1,6 +1,5 @@
-// Stands in for the fuzzer where there is none: gives the target each file of a folder, and then as many inputs as
-// asked for that are files with random changes, or random bytes; the same ones each time.
-// Usage: fuzz_<target> COUNT FOLDER
+// Takes the fuzzer's place in builds without one: gives the target each file of a folder, and then COUNT inputs
+// that are changed files or random bytes, the same ones each time. Usage: fuzz_<target> COUNT FOLDER
 
 #include <algorithm>
 #include <cstdint>
@@ -18,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
 namespace {
 
 void try_input(const std::string& input) {
-  // A copy of its very size, so that a sanitizer sees a step beyond.
+  // A copy of exactly its size, so that a sanitizer sees a read beyond its end.
   const std::vector<uint8_t> bytes(input.begin(), input.end());
   LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
 }
@@ -69,7 +68,7 @@ int main(int count, char** arguments) {
   for (const auto& entry : std::filesystem::directory_iterator(arguments[2])) {
     std::ifstream file(entry.path(), std::ios::binary);
     files.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    // The last one named is the one that a crash is about.
+    // The last name printed before a crash is that of the input that caused it.
     std::printf("%s\n", entry.path().c_str());
     std::fflush(stdout);
     try_input(files.back());

@@ -1,5 +1,5 @@
-// Hardly a change of a body's size leaves its header right. So every other mutation changes one frame's body and
-// then writes its length anew.
+// A random change of a body's size leaves the length in its header wrong. So most mutations change the body of one
+// frame and then correct its length.
 
 #include <algorithm>
 #include <cstdint>
@@ -17,7 +17,7 @@ namespace {
 
 using corvane::plist::load_big_endian;
 
-// Where the frames of a stream begin, as far as they are whole.
+// Where the frames of a stream begin, up to the first that is not whole.
 std::vector<size_t> frames_of(std::string_view stream) {
   std::vector<size_t> frames;
   size_t at = 1;
