@@ -25,7 +25,7 @@ void log_line(const char* function, int copy_to_syslog, const char* format,
     log_format::append_message(line, format, arguments);
     CVLog::getSharedInstance().logMessage_CopyToSyslog(*plist::String::create(line), copy_to_syslog);
   } catch (const std::bad_alloc&) {
-    // The caller is told of no failure of the log, and there is no memory to tell anyone else.
+    // The line is lost: a log does not fail towards its caller, and there is no memory to tell anyone else.
   }
   errno = saved_errno;
 }

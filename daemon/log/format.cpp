@@ -19,8 +19,7 @@ void append_with(std::string& line, const std::string& specification, T value) {
   line.pop_back();
 }
 
-// `specification` is the conversion as the format has it, with 'll' put before the letter for integers: the
-// arguments were widened on their way here.
+// The conversion as the format has it, but for integers with 'll', because `Argument` has widened them to 64 bits.
 std::string widened(const char* start, const Conversion& conversion, Kind kind) {
   std::string specification;
   for (const char* c = start; c != conversion.end - 1; ++c) {

@@ -10,7 +10,7 @@
 
 #include "plist/value.h"
 
-/// The formats of log lines: printf's conversions and "%@", held against the types of their arguments when they
+/// The formats of log lines: printf's conversions and "%@", checked against the types of their arguments when they
 /// are compiled.
 namespace corvane::log_format {
 
@@ -122,7 +122,7 @@ consteval void check_argument(const Conversion& conversion, Type type) {
   }
 }
 
-/// A format that was held against the types of its arguments when it was compiled.
+/// A format that was checked against the types of its arguments when it was compiled.
 template <class... Arguments>
 struct Checked {
   consteval Checked(const char* format) : text(format) {
@@ -145,7 +145,8 @@ struct Checked {
   const char* text;
 };
 
-/// Appends the formatted message. The arguments are those that `Checked` has seen. Throws std::bad_alloc.
+/// Appends the formatted message. Precondition: `Checked` has checked the format with these arguments. Throws
+/// std::bad_alloc.
 void append_message(std::string& line, const char* format, std::span<const Argument> arguments);
 
 }  // namespace corvane::log_format
