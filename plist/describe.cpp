@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "plist/printable.h"
 #include "plist/reader.h"
 
 namespace corvane::plist {
@@ -26,25 +27,6 @@ void append_hex(std::string& out, uint8_t byte) {
   constexpr char digits[] = "0123456789abcdef";
   out += digits[byte >> 4];
   out += digits[byte & 0xF];
-}
-
-void append_quoted(std::string& out, std::string_view text) {
-  out += '"';
-  for (const char c : text) {
-    const auto byte = static_cast<uint8_t>(c);
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (c == '\n') {
-      out += "\\n";
-    } else if (byte < 0x20 || byte == 0x7F) {
-      out += "\\u00";
-      append_hex(out, byte);
-    } else {
-      out += c;
-    }
-  }
-  out += '"';
 }
 
 void append_data(std::string& out, std::string_view bytes) {

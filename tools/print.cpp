@@ -3,7 +3,7 @@
 #include <map>
 
 #include "plist/describe.h"
-#include "tools/json.h"
+#include "plist/printable.h"
 
 namespace corvane::tools {
 
@@ -31,7 +31,9 @@ void print_entries(const plist::Dictionary& dictionary, const std::string& inden
   }
   out += '{';
   for (const auto& [key, value] : sorted) {
-    out += "\n" + indent + "  " + json_quoted(key) + ": ";
+    out += "\n" + indent + "  ";
+    plist::append_quoted(out, key);
+    out += ": ";
     print(*value, indent + "  ", out);
   }
   if (!sorted.empty()) out += "\n" + indent;
@@ -42,8 +44,8 @@ void print(const plist::Value& value, const std::string& indent, std::string& ou
   if (const auto* dictionary = cast<plist::Dictionary>(&value)) return print_entries(*dictionary, indent, out);
   if (const auto* array = cast<plist::Array>(&value)) return print_items(array->items(), indent, "[]", out);
   if (const auto* set = cast<plist::Set>(&value)) return print_items(set->items(), indent, "()", out);
-  const auto* string = cast<plist::String>(&value);
-  out += string != nullptr ? json_quoted(string->view()) : plist::describe(&value);
+  if (const auto* string = cast<plist::String>(&value)) return plist::append_quoted(out, string->view());
+  out += plist::describe(&value);
 }
 
 }  // namespace

@@ -6,7 +6,8 @@
 
 namespace corvane::tools {
 
-/// A value for a person to read: containers over several lines, indented, keys sorted; data cut short.
+/// A value for a person to read: containers over several lines, indented, keys sorted; data cut short; strings
+/// quoted, with nothing in them that a terminal acts on.
 std::string to_text(const plist::Value& value);
 
 }  // namespace corvane::tools
