@@ -7,6 +7,7 @@
 
 #include "plist/base64_text.h"
 #include "plist/describe.h"
+#include "plist/reader.h"
 #include "plist/xml_leaf.h"
 
 namespace corvane::tools {
@@ -25,11 +26,15 @@ json items(std::span<const plist::Ref<plist::Value>> values) {
   return array;
 }
 
+// Whether an object reads as something that JSON lacks.
+bool is_tagged(const json& object) { return object.size() == 1 && object.begin().key().starts_with('$'); }
+
 json object(const plist::Dictionary& dictionary) {
   json entries = json::object();
   for (const plist::Dictionary::Entry& entry : dictionary.entries()) {
     entries[std::string(entry.key->view())] = tree(*entry.value);
   }
+  if (is_tagged(entries)) return {{"$dict", std::move(entries)}};
   return entries;
 }
 
@@ -41,7 +46,8 @@ json data(const plist::Data& value) {
 
 json date(const plist::Date& value) {
   const std::string text = plist::date_text(value);
-  return {{"$date", text.empty() ? json(value.seconds()) : json(text)}};
+  const bool is_exact = !text.empty() && std::floor(value.seconds()) == value.seconds();
+  return {{"$date", is_exact ? json(text) : json(value.seconds())}};
 }
 
 json number(const plist::Number& value) {
@@ -105,30 +111,26 @@ Ref<plist::Value> real_of(const json& content) {
   return number;
 }
 
-// What JSON lacks is written as an object with one key; null for every other object.
-Ref<plist::Value> tagged_value(const json& object) {
-  if (object.size() != 1) return nullptr;
-  const auto entry = object.begin();
-  const bool is_text = entry->is_string();
-  if (entry.key() == "$data" && is_text) return data_of(*entry);
-  if (entry.key() == "$date" && is_text) return date_of(*entry);
-  if (entry.key() == "$date" && entry->is_number()) return plist::Date::create(entry->get<double>());
-  if (entry.key() == "$set" && entry->is_array()) return set_of(*entry);
-  if (entry.key() == "$real" && is_text) return real_of(*entry);
-  return nullptr;
-}
-
 Ref<plist::Value> dictionary_of(const json& object) {
-  if (Ref<plist::Value> value = tagged_value(object)) return value;
   Ref<plist::MutableDictionary> dictionary = plist::MutableDictionary::create();
   for (const auto& [key, content] : object.items()) dictionary->set(key, value_of(content));
   return dictionary;
 }
 
+Ref<plist::Value> tagged_value(const std::string& tag, const json& content) {
+  if (tag == "$data" && content.is_string()) return data_of(content);
+  if (tag == "$date" && content.is_string()) return date_of(content);
+  if (tag == "$date" && content.is_number()) return plist::Date::create(content.get<double>());
+  if (tag == "$set" && content.is_array()) return set_of(content);
+  if (tag == "$real" && content.is_string()) return real_of(content);
+  if (tag == "$dict" && content.is_object()) return dictionary_of(content);
+  refuse("no value is written {\"" + tag + "\": ...} like this; if a dictionary is meant, {\"$dict\": {...}}");
+}
+
 Ref<plist::Value> value_of(const json& tree) {
   switch (tree.type()) {
     case json::value_t::object:
-      return dictionary_of(tree);
+      return is_tagged(tree) ? tagged_value(tree.begin().key(), tree.front()) : dictionary_of(tree);
     case json::value_t::array: {
       Ref<plist::MutableArray> array = plist::MutableArray::create();
       for (const json& item : tree) array->append(value_of(item));
@@ -152,13 +154,21 @@ Ref<plist::Value> value_of(const json& tree) {
 }  // namespace
 
 plist::Ref<plist::Value> from_json(const std::string& text) {
-  const json tree = json::parse(text, nullptr, false);
-  if (tree.is_discarded()) refuse("not JSON: " + text);
-  return value_of(tree);
+  // The deepest value that a property list can hold, with a tag around each container and each leaf.
+  constexpr int depth_limit = 2 * plist::max_depth + 1;
+  const auto check_depth = [](int depth, json::parse_event_t, const json&) {
+    if (depth > depth_limit) refuse("the JSON nests too deeply");
+    return true;
+  };
+  try {
+    return value_of(json::parse(text, check_depth));
+  } catch (const json::parse_error& error) {
+    refuse("not JSON: fault at byte " + std::to_string(error.byte));
+  } catch (const json::out_of_range&) {
+    refuse("the JSON has a number that is too large");
+  }
 }
 
 std::string to_json(const plist::Value& value) { return tree(value).dump(1); }
-
-std::string json_quoted(std::string_view text) { return json(std::string(text)).dump(); }
 
 }  // namespace corvane::tools
