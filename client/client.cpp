@@ -38,16 +38,17 @@ std::chrono::milliseconds time_left(steady_clock::time_point deadline) {
   return std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now());
 }
 
-/// One call on a connected socket, up to its deadline.
+/// One request and its answer on a connected socket, until the deadline.
 class Call {
  public:
   Call(int socket, steady_clock::time_point deadline) : socket_(socket), deadline_(deadline) {}
 
-  /// Nothing when the request was sent.
+  /// The failure, or nothing when the request was sent.
   std::optional<Answer> send(const plist::ByteChain& body);
+  /// The answer to a request for `selector`; null takes an answer to any.
   Answer receive(const plist::String* selector);
-  /// Whether any byte of an answer came.
-  bool heard() const { return heard_; }
+  /// Whether any byte of an answer has come.
+  bool received_any() const { return received_any_; }
 
  private:
   std::optional<Answer> wait_for(short events);
@@ -55,7 +56,7 @@ class Call {
 
   const int socket_;
   const steady_clock::time_point deadline_;
-  bool heard_ = false;
+  bool received_any_ = false;
 };
 
 std::optional<Answer> Call::wait_for(short events) {
@@ -77,8 +78,8 @@ std::vector<iovec> vectors_of(std::array<char, wire::header_size>& header, const
   return vectors;
 }
 
-// Takes `count` bytes that were sent from the front.
-void drop_sent(std::span<iovec>& vectors, size_t count) {
+// Removes the first `count` bytes.
+void drop_front(std::span<iovec>& vectors, size_t count) {
   while (!vectors.empty()) {
     iovec& front = vectors.front();
     const size_t taken = std::min(count, front.iov_len);
@@ -99,7 +100,7 @@ std::optional<Answer> Call::send(const plist::ByteChain& body) {
     message.msg_iovlen = std::min<size_t>(unsent.size(), IOV_MAX);
     const ssize_t sent = sendmsg(socket_, &message, MSG_NOSIGNAL);
     if (sent >= 0) {
-      drop_sent(unsent, static_cast<size_t>(sent));
+      drop_front(unsent, static_cast<size_t>(sent));
     } else if (errno != EAGAIN && errno != EINTR) {
       return failure(Outcome::closed, std::strerror(errno));
     } else if (auto failed = wait_for(POLLOUT)) {
@@ -122,16 +123,21 @@ std::optional<Answer> Call::read_frame(wire::Frame& frame) {
       case wire::FrameReader::Status::incomplete:
         break;
     }
-    // Each time, also while there is more: an answer that comes byte by byte must not outlast the deadline.
+    // Before each read, so that the deadline also ends an answer that comes byte by byte.
     if (auto failed = wait_for(POLLIN)) return failed;
     const std::span<char> buffer = reader.prepare();
     const ssize_t count = recv(socket_, buffer.data(), buffer.size(), 0);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) continue;
     if (count < 0) return failure(Outcome::closed, std::strerror(errno));
     if (count == 0) return failure(Outcome::closed, "the daemon closed the connection");
-    heard_ = true;
+    received_any_ = true;
     reader.commit(static_cast<size_t>(count));
   }
+}
+
+// The daemon had no selector to repeat where it could not read the request.
+bool is_answer_to(const plist::String* asked, const plist::String* answered, bool failed) {
+  return asked == nullptr || plist::equal(asked, answered) || (failed && answered->view().empty());
 }
 
 Answer Call::receive(const plist::String* selector) {
@@ -145,7 +151,7 @@ Answer Call::receive(const plist::String* selector) {
       !wire::read_response(*dictionary, answer.response)) {
     return failure(Outcome::bad_answer, "the answer is no response");
   }
-  if (selector != nullptr && !plist::equal(wire::request_selector(*dictionary), selector)) {
+  if (!is_answer_to(selector, wire::request_selector(*dictionary), answer.response.failed)) {
     return failure(Outcome::bad_answer, "the answer is to another request");
   }
   return answer;
@@ -179,7 +185,8 @@ Answer Connection::ask(const plist::Dictionary& request) {
   for (;;) {
     const bool fresh = socket_ < 0;
     if (fresh) socket_ = connect_to(path_, time_left(deadline));
-    if (socket_ < 0 && errno == EAGAIN) return failure(Outcome::timed_out, "the queue of new connections is full");
+    if (socket_ < 0 && errno == EAGAIN)
+      return failure(Outcome::timed_out, "the daemon accepts no connection in time");
     if (socket_ < 0) return failure(Outcome::refused, path_ + ": " + std::strerror(errno));
 
     Call call(socket_, deadline);
@@ -187,7 +194,7 @@ Answer Connection::ask(const plist::Dictionary& request) {
     const Answer answer = failed ? *failed : call.receive(wire::request_selector(request));
     if (answer.outcome == Outcome::answered) return answer;
     disconnect();
-    const bool was_stale = !fresh && answer.outcome == Outcome::closed && !call.heard();
+    const bool was_stale = !fresh && answer.outcome == Outcome::closed && !call.received_any();
     if (!was_stale) return answer;
   }
 }

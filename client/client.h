@@ -8,7 +8,7 @@
 #include "plist/value.h"
 #include "wire/messages.h"
 
-/// The client library: connect, ask, get a dictionary or an error back.
+/// The client library: connect, send a request, get a dictionary, nothing or an error back.
 namespace corvane::client {
 
 inline constexpr std::chrono::milliseconds default_timeout{5000};
@@ -16,37 +16,43 @@ inline constexpr std::chrono::milliseconds default_timeout{5000};
 /// How a call ended.
 enum class Outcome {
   answered,     ///< the daemon answered: a dictionary, nothing, or an error of its own
-  refused,      ///< nobody serves the socket, or it is not for this user
-  closed,       ///< the daemon closed the connection before it answered
-  timed_out,    ///< no whole answer came in time
+  refused,      ///< no connection: nobody serves the socket, or this user may not use it
+  closed,       ///< the connection ended before the whole answer had come
+  timed_out,    ///< the whole answer had not come when the timeout was over
   bad_answer,   ///< what came is no answer to the request
-  bad_request,  ///< the request cannot be encoded, or is longer than the service takes
+  bad_request,  ///< not sent: the request cannot be encoded, or is longer than the service takes
 };
 
 struct Answer {
   Outcome outcome = Outcome::answered;
-  std::string detail;       ///< one line, unless answered
+  std::string detail;       ///< what went wrong; empty when answered
   wire::Response response;  ///< when answered
 };
 
-/// A connection to one service of the daemon, made when it is first needed. Between requests it may be
-/// silent for as long as it likes; where the daemon has closed it meanwhile to make room for others, the next
-/// call makes a new one. Blocking; one thread at a time.
+/// A connection to one service of the daemon, made at the first request. Between requests it may be idle for as
+/// long as the caller likes. The daemon may close it meanwhile; the next request then makes a new one. Blocking;
+/// for one thread at a time.
 class Connection {
  public:
-  /// The socket of a service is `root` + "/run/corvaned/" + its name.
+  /// The service's socket is `root` + "/run/corvaned/" + `service_name`. The timeout is that of each request, from
+  /// connecting to the last byte of the answer.
   explicit Connection(std::string_view service_name, const std::string& root = root_from_environment(),
                       std::chrono::milliseconds timeout = default_timeout);
   ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  /// Sends one request (see `wire::make_request`) and waits for its answer. The timeout covers the whole
-  /// call. After any outcome but `answered` the connection is closed; whether the daemon acted on the
-  /// request is then not known. The values of the answer are immutable. Throws std::bad_alloc.
+  /// Sends a request (see `wire::make_request`) and waits for the answer, whose values are immutable.
+  ///
+  /// The answer names the selector of the request. Only an error may come without one: so the daemon answers a
+  /// request that it could not read.
+  ///
+  /// After `closed`, `timed_out` and `bad_answer` the connection is closed, and whether the daemon has acted on
+  /// the request is not known. A request is sent a second time, over a new connection, when one from an earlier
+  /// request turns out to be closed and no byte of an answer has come. Throws std::bad_alloc.
   Answer ask(const plist::Dictionary& request);
 
-  /// CORVANE_ROOT, or nothing.
+  /// The variable CORVANE_ROOT, empty where it is not set.
   static std::string root_from_environment();
 
  private:
@@ -58,7 +64,7 @@ class Connection {
   int socket_ = -1;
 };
 
-/// What the daemon's service and its admin service offer, by name.
+/// The methods of the daemon's public service and of its admin service. Each is one `Connection::ask`.
 Answer copy_regulatory_images(Connection& connection);
 Answer store_regulatory_images(Connection& admin_connection, plist::Ref<plist::Value> images);
 Answer copy_entitlements(Connection& admin_connection, int32_t pid);

@@ -8,7 +8,7 @@
 
 namespace corvane::client {
 
-/// A subscription to the system-wide notifications. Blocking; one thread at a time.
+/// A subscription to the system-wide notifications. Blocking; for one thread at a time.
 class Subscription {
  public:
   explicit Subscription(const std::string& root = Connection::root_from_environment());
@@ -16,11 +16,13 @@ class Subscription {
   Subscription(const Subscription&) = delete;
   Subscription& operator=(const Subscription&) = delete;
 
-  /// Connects. From then on every notification that is posted is waited for, up to what the daemon keeps for
-  /// a subscriber that does not read. `answered`, or why not with one line in `detail`.
+  /// Connects; to be called once. `next` then reads every notification that is posted after the daemon has
+  /// accepted the connection. Of those that were dropped because too many were unread it reads the count. Returns
+  /// `answered`, or `refused` with the reason in `detail`.
   Outcome open(std::string& detail);
 
-  /// Waits for the next notification. `answered`, or why there is no more with one line in `detail`.
+  /// Waits for the next notification, without a timeout. Returns `answered`, or `closed` or `bad_answer` with the
+  /// reason in `detail`: then no more will come.
   Outcome next(wire::Notification& notification, std::string& detail);
 
  private:
