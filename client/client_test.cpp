@@ -21,6 +21,8 @@ class Server {
  public:
   Server(const std::string& path, std::vector<std::string> answers, Then then)
       : listening_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    const timeval accept_timeout{20, 0};
+    setsockopt(listening_, SOL_SOCKET, SO_RCVTIMEO, &accept_timeout, sizeof accept_timeout);
     unlink(path.c_str());
     const wire::SocketAddress address(path);
     EXPECT_TRUE(bind(listening_, address.get(), address.size()) == 0 && listen(listening_, 1) == 0);
