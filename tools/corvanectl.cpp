@@ -6,12 +6,15 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <new>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
 
 #include "client/client.h"
 #include "client/subscription.h"
+#include "plist/printable.h"
 #include "plist/reader.h"
 #include "plist/writer.h"
 #include "tools/entitlements.h"
@@ -63,8 +66,8 @@ void print(const std::string& text) {
   }
 }
 
-// What the daemon answered, which may be nothing.
-Ref<plist::Dictionary> answered(const client::Answer& answer) {
+// The dictionary that the daemon answered, null where it answered none.
+Ref<plist::Dictionary> reply_of(const client::Answer& answer) {
   if (answer.outcome == client::Outcome::refused) throw Failure{no_daemon, "no daemon: " + answer.detail};
   if (answer.outcome != client::Outcome::answered) throw Failure{not_answered, answer.detail};
   const wire::Response& response = answer.response;
@@ -75,22 +78,25 @@ Ref<plist::Dictionary> answered(const client::Answer& answer) {
   return response.reply;
 }
 
-void show_images(const Format& format, const std::string& save_folder) {
+Ref<plist::Dictionary> ask_for_images() {
   client::Connection connection(wire::public_service);
-  const Ref<plist::Dictionary> images = answered(client::copy_regulatory_images(connection));
+  Ref<plist::Dictionary> images = reply_of(client::copy_regulatory_images(connection));
   if (!images) throw Failure{not_answered, "no regulatory images are stored"};
-  if (save_folder.empty()) return print(formatted(*images, format));
+  return images;
+}
+
+void save_images(const std::string& folder) {
   std::string paths;
-  for (const std::string& path : save_data_values(*images, save_folder)) paths += path + "\n";
+  for (const std::string& path : save_data_values(*ask_for_images(), folder)) paths += path + "\n";
   print(paths);
 }
 
 void store_images(const std::string& path) {
   client::Connection connection(wire::admin_service);
-  answered(client::store_regulatory_images(connection, read_plist(path)));
+  reply_of(client::store_regulatory_images(connection, read_plist(path)));
 }
 
-// As a person reads a clock: local time, to the millisecond.
+// Local time, to the millisecond.
 std::string time_of_day() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
@@ -102,15 +108,15 @@ std::string time_of_day() {
   return text;
 }
 
-// Until the daemon ends, or whoever watches.
+// Returns only by throwing: when the daemon ends, or standard output takes no more.
 void show_notifications() {
   client::Subscription subscription;
   std::string detail;
   if (subscription.open(detail) != client::Outcome::answered) throw Failure{no_daemon, "no daemon: " + detail};
   wire::Notification notification;
   while (subscription.next(notification, detail) == client::Outcome::answered) {
-    const std::string text =
-        notification.missed > 0 ? "missed " + std::to_string(notification.missed) : notification.name;
+    const std::string text = notification.missed > 0 ? "missed " + std::to_string(notification.missed)
+                                                     : plist::printable(notification.name);
     print(time_of_day() + " " + text + "\n");
   }
   throw Failure{not_answered, detail};
@@ -127,7 +133,7 @@ int32_t process_id(const std::string& text) {
 
 void show_entitlements(int32_t pid, const Format& format) {
   client::Connection connection(wire::admin_service);
-  const Ref<plist::Dictionary> entitlements = answered(client::copy_entitlements(connection, pid));
+  const Ref<plist::Dictionary> entitlements = reply_of(client::copy_entitlements(connection, pid));
   if (!entitlements) throw Failure{not_answered, "process " + std::to_string(pid) + " has no entitlements"};
   print(formatted(*entitlements, format));
 }
@@ -137,25 +143,35 @@ void add_format(CLI::App& command, Format& format) {
   command.add_flag("--xml", format.xml, "Print an XML property list")->excludes(json);
 }
 
+// An argument that must not be empty.
+CLI::Option* add_text(CLI::App& command, const char* name, std::string& text, const char* help) {
+  const CLI::Validator not_empty([](const std::string& given) { return given.empty() ? "must not be empty" : ""; },
+                                 "");
+  return command.add_option(name, text, help)->check(not_empty);
+}
+
 void add_images(CLI::App& app) {
   struct Options {
     Format format;
-    std::string save_folder;
-    std::string store;
+    std::string folder;
+    std::string property_list;
   };
   auto options = std::make_shared<Options>();
   CLI::App* command = app.add_subcommand("images", "Ask the daemon for the regulatory images, or store them");
   add_format(*command, options->format);
-  command->add_option("--save", options->save_folder, "Write each data value found in them as a file")
-      ->type_name("DIR")
-      ->check(CLI::ExistingDirectory)
-      ->excludes("--json", "--xml");
-  command->add_option("--store", options->store, "Store the value of this property-list file as the images")
-      ->type_name("PLIST")
-      ->excludes("--json", "--xml", "--save");
-  command->callback([options] {
-    if (options->store.empty()) return show_images(options->format, options->save_folder);
-    store_images(options->store);
+  const CLI::Option* save =
+      add_text(*command, "--save", options->folder, "Write each data value in them as a file")
+          ->type_name("DIR")
+          ->check(CLI::ExistingDirectory)
+          ->excludes("--json", "--xml");
+  const CLI::Option* store = add_text(*command, "--store", options->property_list,
+                                      "Store the value of this property-list file as the images")
+                                 ->type_name("PLIST")
+                                 ->excludes("--json", "--xml", "--save");
+  command->callback([=] {
+    if (store->count() > 0) return store_images(options->property_list);
+    if (save->count() > 0) return save_images(options->folder);
+    print(formatted(*ask_for_images(), options->format));
   });
 }
 
@@ -167,7 +183,7 @@ void add_show(CLI::App& app) {
   auto options = std::make_shared<Options>();
   CLI::App* command = app.add_subcommand("show", "Print any property-list file, binary or XML");
   add_format(*command, options->format);
-  command->add_option("FILE", options->path, "The file")->required();
+  add_text(*command, "FILE", options->path, "The file")->required();
   command->callback([options] { print(formatted(*read_plist(options->path), options->format)); });
 }
 
@@ -181,7 +197,7 @@ void add_profile(CLI::App& app) {
   auto options = std::make_shared<Options>();
   CLI::App* command = app.add_subcommand("profile", "Edit the profile of a simulated device");
   command->require_subcommand(1);
-  command->add_option("--profile", options->profile, "The profile's file")
+  add_text(*command, "--profile", options->profile, "The profile's file")
       ->type_name("FILE")
       ->envname("CORVANE_PROFILE")
       ->required();
@@ -206,20 +222,21 @@ void add_entitlements(CLI::App& app) {
   struct Options {
     Format format;
     std::string executable;
-    std::string what;
+    std::string pid_or_plist;
   };
   auto options = std::make_shared<Options>();
   CLI::App* command = app.add_subcommand("entitlements", "Print the entitlements of a process, or sign a file");
   add_format(*command, options->format);
   command->footer("corvanectl entitlements [--json | --xml] PID\ncorvanectl entitlements --sign FILE PLIST");
-  command->add_option("--sign", options->executable, "Write entitlements onto this executable")
-      ->type_name("FILE")
-      ->excludes("--json", "--xml");
-  command->add_option("PID", options->what, "The process; after --sign FILE the property list that it gets")
+  const CLI::Option* sign =
+      add_text(*command, "--sign", options->executable, "Write entitlements onto this executable")
+          ->type_name("FILE")
+          ->excludes("--json", "--xml");
+  add_text(*command, "PID", options->pid_or_plist, "The process; with --sign FILE the property list that it gets")
       ->required();
-  command->callback([options] {
-    if (options->executable.empty()) return show_entitlements(process_id(options->what), options->format);
-    sign_executable(options->executable, options->what);
+  command->callback([=] {
+    if (sign->count() > 0) return sign_executable(options->executable, options->pid_or_plist);
+    show_entitlements(process_id(options->pid_or_plist), options->format);
   });
 }
 
@@ -228,9 +245,32 @@ void add_notifications(CLI::App& app) {
       ->callback(show_notifications);
 }
 
-int complain(const std::string& text, Status status) {
-  std::fprintf(stderr, "corvanectl: %s\n", text.c_str());
+// One line, whatever paths, arguments and the daemon's answer hold.
+int fail(const std::string& text, Status status) {
+  std::fprintf(stderr, "corvanectl: %s\n", plist::printable(text).c_str());
   return status;
+}
+
+int show_help(const CLI::App& app, const CLI::ParseError& help) {
+  std::ostringstream text;
+  app.exit(help, text, text);
+  print(text.str());
+  return done;
+}
+
+// The parser reports a missing subcommand before it reports the unknown argument that stands in its place.
+std::string fault_of(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<std::string> unknown = app.remaining(true);
+  return unknown.empty() ? error.what() : "unknown argument: " + unknown.front();
+}
+
+int parse_and_run(CLI::App& app, int argc, char** argv) {
+  try {
+    app.parse(argc, argv);
+    return done;
+  } catch (const CLI::ParseError& error) {
+    return error.get_exit_code() == 0 ? show_help(app, error) : fail(fault_of(app, error), wrong_usage);
+  }
 }
 
 int run(int argc, char** argv) {
@@ -238,6 +278,7 @@ int run(int argc, char** argv) {
       "Ask corvaned, and look at its files.\nThe daemon is the one below the folder CORVANE_ROOT, where "
       "that is set.",
       "corvanectl"};
+  app.set_version_flag("--version", "corvanectl " CORVANE_VERSION, "Print the version and exit");
   app.require_subcommand(1);
   add_images(app);
   add_show(app);
@@ -245,22 +286,18 @@ int run(int argc, char** argv) {
   add_profile(app);
   add_entitlements(app);
   try {
-    // The parser would only complain that a command is missing.
-    if (argc > 1 && argv[1][0] != '-') app.get_subcommand(argv[1]);
-    app.parse(argc, argv);
-    return done;
+    if (!open_standard_descriptors()) throw FileFault("/dev/null", std::strerror(errno));
+    return parse_and_run(app, argc, argv);
   } catch (const Failure& failure) {
-    return complain(failure.text, failure.status);
-  } catch (const CLI::OptionNotFound&) {
-    return complain(std::string(argv[1]) + ": no such command", wrong_usage);
-  } catch (const CLI::ParseError& error) {
-    return error.get_exit_code() == 0 ? app.exit(error) : complain(error.what(), wrong_usage);
+    return fail(failure.text, failure.status);
   } catch (const FileFault& fault) {
-    return complain(fault.what(), wrong_usage);
+    return fail(fault.what(), wrong_usage);
   } catch (const std::invalid_argument& error) {
-    return complain(error.what(), wrong_usage);
+    return fail(error.what(), wrong_usage);
+  } catch (const std::bad_alloc&) {
+    return fail("out of memory", not_answered);
   } catch (const std::exception& error) {
-    return complain(error.what(), not_answered);
+    return fail(error.what(), not_answered);
   }
 }
 

@@ -6,15 +6,19 @@
 
 namespace corvane::tools {
 
-/// A file that cannot be read, edited or replaced: one line that begins with its path.
+/// A file that cannot be read, edited or replaced. The text begins with its path.
 struct FileFault : std::runtime_error {
   FileFault(const std::string& path, const std::string& why) : std::runtime_error(path + ": " + why) {}
 };
 
-/// The whole of a file. Throws FileFault.
+/// Opens those of the descriptors 0 to 2 that are closed, so that no socket or file gets their number. Writing to
+/// them still fails. Returns false where that was not possible.
+bool open_standard_descriptors();
+
+/// The whole of a file: a regular one of up to 4 GiB, or up to 128 MiB from a pipe or a device. Throws FileFault.
 std::string read_file(const std::string& path);
 
-/// Answers whether all of it was written; errno says why not.
+/// Returns whether all bytes were written; errno has the reason if not.
 bool write_all(int descriptor, std::string_view bytes);
 
 }  // namespace corvane::tools

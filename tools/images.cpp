@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <string_view>
@@ -33,14 +34,20 @@ const char* ending_for(std::string_view bytes) {
   return ".bin";
 }
 
-// Keys come from whoever stored the images. A file name gets only characters that are safe in one.
-std::string safe_file_name(std::string_view name) {
-  std::string result(name.substr(0, name_limit));
+// The name is made of keys, which hold whatever somebody stored; only characters that are safe in a file name stay.
+std::string safe_file_name(const std::string& name) {
+  std::string result = name;
   for (char& c : result) {
     const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
     if (!plain && c != '-' && c != '_') c = '_';
   }
   return result.empty() ? "_" : result;
+}
+
+// Cuts the name at once, so that a long key above many values is not copied for each of them.
+std::string joined(const std::string& name, std::string_view part) {
+  const std::string start = name.empty() ? name : name + "-";
+  return (start + std::string(part.substr(0, name_limit))).substr(0, name_limit);
 }
 
 class Saver {
@@ -63,18 +70,18 @@ class Saver {
   std::vector<std::string> paths;
 
  private:
-  static std::string joined(const std::string& name, std::string_view part) {
-    return name.empty() ? std::string(part) : name + "-" + std::string(part);
-  }
-
   void visit_items(std::span<const plist::Ref<plist::Value>> items, const std::string& name) {
     for (size_t i = 0; i < items.size(); ++i) visit(*items[i], joined(name, std::to_string(i)));
   }
 
+  // The second value of a name gets the number 2.
   std::string unused_name(const std::string& name, const char* ending) {
     const std::string stem = safe_file_name(name);
-    std::string candidate = stem + ending;
-    for (int i = 2; !names_.insert(candidate).second; ++i) candidate = stem + "-" + std::to_string(i) + ending;
+    int& number = last_numbers_[stem + ending];
+    std::string candidate;
+    do {
+      candidate = stem + (++number == 1 ? "" : "-" + std::to_string(number)) + ending;
+    } while (!names_.insert(candidate).second);
     return candidate;
   }
 
@@ -88,6 +95,7 @@ class Saver {
 
   const std::string folder_;
   std::set<std::string> names_;
+  std::map<std::string, int> last_numbers_;
 };
 
 }  // namespace

@@ -124,7 +124,7 @@ Ref<plist::Value> tagged_value(const std::string& tag, const json& content) {
   if (tag == "$set" && content.is_array()) return set_of(content);
   if (tag == "$real" && content.is_string()) return real_of(content);
   if (tag == "$dict" && content.is_object()) return dictionary_of(content);
-  refuse("no value is written {\"" + tag + "\": ...} like this; if a dictionary is meant, {\"$dict\": {...}}");
+  refuse("not a value: {\"" + tag + "\": ...}; a dictionary like that is written {\"$dict\": {...}}");
 }
 
 Ref<plist::Value> value_of(const json& tree) {
