@@ -21,7 +21,22 @@ done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
 as_root=()
-if [ "$(id -u)" -ne 0 ]; then as_root=(sudo); fi
+if [ "$(id -u)" -ne 0 ]; then
+  if ! command -v sudo >/dev/null; then
+    echo "these packages are missing, and only root or sudo can install them: ${missing[*]}" >&2
+    exit 1
+  fi
+  as_root=(sudo)
+fi
+
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+apt_get() {
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -q "$@" >"$log" 2>&1 && return
+  cat "$log" >&2
+  echo "could not install ${missing[*]}" >&2
+  exit 1
+}
 echo "installing ${missing[*]}"
-"${as_root[@]}" apt-get update -qq
-DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+apt_get update
+apt_get install -y --no-install-recommends "${missing[@]}"
