@@ -24,8 +24,7 @@
 #include "tools/plist_edit.h"
 #include "tools/print.h"
 
-// The operator's command. Exit status: 0 done, 1 the daemon answered an error or nothing, 2 wrong usage,
-// 3 no daemon to talk to.
+// The operator's command.
 
 namespace corvane::tools {
 
@@ -33,9 +32,14 @@ namespace {
 
 using plist::Ref;
 
-enum Status { done = 0, not_answered = 1, wrong_usage = 2, no_daemon = 3 };
+enum Status {
+  done = 0,
+  not_answered = 1,  // the daemon answered an error or nothing, or the output could not be written
+  wrong_usage = 2,   // wrong arguments, or a file that cannot be used
+  no_daemon = 3,
+};
 
-/// Ends a command with one line on standard error.
+// Thrown to end a command with one line on standard error.
 struct Failure {
   Status status;
   std::string text;

@@ -26,8 +26,8 @@ std::string read_entitlements(const std::string& path) {
   return text;
 }
 
-// In words, or null.
-const char* fault_of(int executable, const std::string& blob) {
+// Returns null, or what went wrong.
+const char* write_attribute(int executable, const std::string& blob) {
   struct stat status {};
   if (fstat(executable, &status) != 0) return std::strerror(errno);
   if (!S_ISREG(status.st_mode)) return "not a regular file";
@@ -55,7 +55,7 @@ void sign_executable(const std::string& executable, const std::string& property_
   const std::string blob = plist::make_entitlements_blob(read_entitlements(property_list));
   const int descriptor = open(executable.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (descriptor < 0) throw FileFault(executable, std::strerror(errno));
-  const char* const fault = fault_of(descriptor, blob);
+  const char* const fault = write_attribute(descriptor, blob);
   close(descriptor);
   if (fault != nullptr) throw FileFault(executable, fault);
 }

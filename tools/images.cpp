@@ -34,7 +34,8 @@ const char* ending_for(std::string_view bytes) {
   return ".bin";
 }
 
-// The name is made of keys, which hold whatever somebody stored; only characters that are safe in a file name stay.
+// The name is made of keys, which hold whatever somebody stored; only characters that are safe in a file name
+// stay.
 std::string safe_file_name(const std::string& name) {
   std::string result = name;
   for (char& c : result) {

@@ -33,21 +33,21 @@ std::string encode(const std::string& path, const plist::Value& value, plist::En
   return bytes;
 }
 
-// Through a neighbour that is renamed over it, so that whoever reads the file finds the old one or the new.
+// Renames a temporary file over it, so that a reader finds the old content or the new, and nothing else.
 void replace(const std::string& path, std::string_view bytes) {
   std::error_code error;
   const std::string target = std::filesystem::canonical(path, error);
   struct stat status {};
   if (error || stat(target.c_str(), &status) != 0) fail(path, std::strerror(errno));
-  std::string neighbour = target + ".XXXXXX";
-  const int descriptor = mkstemp(neighbour.data());
+  std::string temporary = target + ".XXXXXX";
+  const int descriptor = mkstemp(temporary.data());
   if (descriptor < 0) fail(path, std::strerror(errno));
   const bool written = write_all(descriptor, bytes) && fchmod(descriptor, status.st_mode & 07777) == 0;
   const int write_error = errno;
   close(descriptor);
-  if (written && rename(neighbour.c_str(), target.c_str()) == 0) return;
+  if (written && rename(temporary.c_str(), target.c_str()) == 0) return;
   const int reason = written ? errno : write_error;
-  unlink(neighbour.c_str());
+  unlink(temporary.c_str());
   fail(path, std::strerror(reason));
 }
 
@@ -60,15 +60,13 @@ std::vector<std::string_view> keys_of(std::string_view key_path) {
   return keys;
 }
 
-/// The file's top-level dictionary, and the last key on the way.
 struct Edit {
   plist::Decoded file;
-  plist::MutableDictionary* dictionary;
+  plist::MutableDictionary* dictionary;  // the one above the entry; null where it is missing
   std::string_view last_key;
 };
 
-// Null in `dictionary` where the way ends before the last key.
-Edit begin_edit(const std::string& path, std::string_view key_path, bool make_way) {
+Edit begin_edit(const std::string& path, std::string_view key_path, bool create_missing) {
   Edit edit{read_plist_file(path, plist::Containers::made_mutable), nullptr, {}};
   edit.dictionary = cast<plist::MutableDictionary>(edit.file.value.get());
   if (edit.dictionary == nullptr) fail(path, "not a dictionary");
@@ -77,7 +75,7 @@ Edit begin_edit(const std::string& path, std::string_view key_path, bool make_wa
   keys.pop_back();
   for (const std::string_view key : keys) {
     plist::Value* next = edit.dictionary->get(key);
-    if (next == nullptr && !make_way) return {std::move(edit.file), nullptr, edit.last_key};
+    if (next == nullptr && !create_missing) return {std::move(edit.file), nullptr, edit.last_key};
     if (next == nullptr) edit.dictionary->set(key, plist::MutableDictionary::create());
     edit.dictionary = cast<plist::MutableDictionary>(edit.dictionary->get(key));
     if (edit.dictionary == nullptr) fail(path, "\"" + std::string(key) + "\" is not a dictionary");

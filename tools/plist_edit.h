@@ -12,10 +12,12 @@ namespace corvane::tools {
 /// Reads a property-list file. Throws FileFault.
 plist::Decoded read_plist_file(const std::string& path, plist::Containers containers);
 
-/// Edits the dictionary in a property-list file: `key_path` is the keys that lead to an entry, joined by dots.
-/// The file is replaced as a whole, by a rename, in the encoding that it had and with its mode; a link stays
-/// one. `set_entry` makes the dictionaries that are missing on the way. Throw FileFault, and leave the file as
-/// it was; for `unset_entry` an entry that is not there is none.
+/// Edit the dictionary in a property-list file. `key_path` is the keys that lead to the entry, joined by dots.
+/// `set_entry` creates the dictionaries that are missing above the entry. `unset_entry` leaves the file alone
+/// where there is no such entry.
+///
+/// The file is replaced as a whole, by a rename, and keeps its encoding and its mode; a symbolic link stays a link
+/// to it. Throw FileFault, and then the file is as it was.
 void set_entry(const std::string& path, std::string_view key_path, plist::Ref<plist::Value> value);
 void unset_entry(const std::string& path, std::string_view key_path);
 
