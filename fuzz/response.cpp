@@ -26,7 +26,7 @@ namespace {
 
 using client::Outcome;
 
-/// Serves one service's socket: sends everyone the same bytes in chunks, and hangs up.
+/// Serves one service's socket: sends each client the same bytes in chunks, and closes the connection.
 class Server {
  public:
   Server(const std::string& path, bool is_asked) : is_asked_(is_asked) {
@@ -108,7 +108,7 @@ void receive(std::string_view bytes, size_t chunk) {
 }  // namespace
 }  // namespace corvane::fuzz
 
-// The first byte says in what chunks the rest comes.
+// The first byte chooses the size of the chunks in which the rest is sent.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   if (size == 0) return 0;
   constexpr size_t chunks[] = {SIZE_MAX, 7, 100, 4096};
