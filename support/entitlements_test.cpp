@@ -8,13 +8,11 @@
 #include <unistd.h>
 
 #include "platform/linux/linux_code_signing.h"
-#include "platform/simulated/simulated_device.h"
 #include "plist/describe.h"
 #include "plist/entitlements_blob.h"
 #include "support/clock.h"
 #include "support/random_challenge.h"
 #include "tests/support/test_platform.h"
-#include "tests/support/watched_memory.h"
 #include "tools/entitlements.h"
 #include "tools/files.h"
 
@@ -28,7 +26,7 @@ using testing::write_file;
 using Lines = std::vector<std::string>;
 
 std::string plist_of(const std::string& value) { return "<plist version=\"1.0\">" + value + "</plist>"; }
-const std::string radio_dictionary = "<dict><key>radio</key><true/></dict>", radio = plist_of(radio_dictionary);
+const std::string radio = plist_of("<dict><key>radio</key><true/></dict>");
 
 std::string entitlements_of(int32_t pid) { return plist::describe(copy_entitlements_for_pid(pid).get()); }
 
@@ -45,32 +43,6 @@ TEST(Entitlements, AreTheBlobsDictionaryOrNothingAndAReason) {
   expect(make_entitlements_blob(plist_of("<array/>")), "(null)", {});
   expect("\1\2\3\4" + whole.substr(4), "(null)", {name + "bad magic 0x04030201\n"});
   expect(whole.substr(0, whole.size() - 1), "(null)", {name + "sigq1(7): Invalid argument\n"});
-}
-
-TEST(Entitlements, AreNullWhereverMemoryRunsOut) {
-  TestPlatform::fresh().entitlements_blob = make_entitlements_blob(radio);
-  plist::Ref<plist::Dictionary> entitlements;
-  int failures = 0;
-  for (; !entitlements && failures < 100; ++failures) {
-    testing::allocations_left = failures;
-    entitlements = copy_entitlements_for_pid(7);
-    testing::allocations_left = -1;
-  }
-  EXPECT_EQ(plist::describe(entitlements.get()), "{\"radio\": true}");
-  EXPECT_GT(failures, 5);
-}
-
-TEST(Entitlements, OnASimulatedDeviceAreTheProfiles) {
-  TestPlatform& platform = TestPlatform::fresh();
-  const std::string path = platform.root() + "/profile.plist";
-  write_file(path,
-             plist_of("<dict><key>Entitlements</key><dict><key>12</key>" + radio_dictionary + "</dict></dict>"));
-  std::string fault, none;
-  const auto device = SimulatedDevice::open(path, fault);
-  EXPECT_EQ(device->code_signing().copy_entitlements_blob(12, platform.entitlements_blob), 0);
-  EXPECT_EQ(entitlements_of(12), "{\"radio\": true}");
-  EXPECT_EQ(device->code_signing().copy_entitlements_blob(1, none), 0);
-  EXPECT_EQ(none, "");
 }
 
 /// Processes and executables of this machine.

@@ -1,6 +1,7 @@
 #include "tests/support/failing_allocation.h"
 
 #include <cstdlib>
+#include <malloc.h>
 #include <new>
 
 namespace {
@@ -15,6 +16,8 @@ struct Reset {
 
 }  // namespace
 
+void (*corvane::testing::before_release)(char* memory, size_t size) = nullptr;
+
 void* operator new(size_t size) {
   const bool fails = calls_before_failure != none && calls_before_failure-- == 0;
   void* memory = fails ? nullptr : std::malloc(size);
@@ -22,8 +25,13 @@ void* operator new(size_t size) {
   return memory;
 }
 // When g++ inlines them without operator new it warns of a mismatch.
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+  if (memory != nullptr && corvane::testing::before_release != nullptr) {
+    corvane::testing::before_release(static_cast<char*>(memory), malloc_usable_size(memory));
+  }
+  std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { operator delete(memory); }
 
 bool corvane::testing::run_with_failing_allocation(int number, const std::function<void()>& action) {
   const Reset reset;
