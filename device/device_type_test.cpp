@@ -27,29 +27,23 @@ TestPlatform& fresh_device(const Value& product_type, const Value& baseband_clas
   return platform;
 }
 
-// The lines before the two that every such device logs.
-Lines lines_of_test_product() {
-  const DeviceType type = get_device_type_internal();
-  EXPECT_EQ(plist::describe(type.product_type.get()), "Pocket7,2");
-  EXPECT_EQ(plist::describe(type.device_class.get()), "Pocket");
-  EXPECT_TRUE(type.overridden && !type.has_telephony && type.baseband_class == -1);
-  Lines lines = TestPlatform::installed().take_texts();
-  EXPECT_EQ(lines.back(), log_line("product_type: Pocket7,2\n"));
-  lines.pop_back();
-  EXPECT_EQ(lines.back(), log_line("Overriding machine type with q52 (Pocket7,2)"));
-  lines.pop_back();
-  return lines;
-}
-
 TEST(DeviceType, IsTheTestProductsOnAnFpgaBoardAndUnderAnyPreference) {
   TestPlatform& platform = fresh_device(text("Pocket-zfpga9,1"), data({3, 0, 0, 0}));
-  EXPECT_EQ(lines_of_test_product(), Lines{log_line("This is an FPGA, faking out product type as q52")});
   Value& preference = platform.preference_values["com.norvane.corvaned/MachineHack"];
+  const auto expect_test_product = [&platform](Lines lines) {
+    const DeviceType type = get_device_type_internal();
+    EXPECT_EQ(plist::describe(type.product_type.get()), "Pocket7,2");
+    EXPECT_EQ(plist::describe(type.device_class.get()), "Pocket");
+    EXPECT_TRUE(type.overridden && !type.has_telephony && type.baseband_class == -1);
+    lines.push_back(log_line("Overriding machine type with q52 (Pocket7,2)"));
+    lines.push_back(log_line("product_type: Pocket7,2\n"));
+    EXPECT_EQ(platform.take_texts(), lines);
+  };
+  expect_test_product({log_line("This is an FPGA, faking out product type as q52")});
   preference = text("POCKET7,2");
-  EXPECT_EQ(lines_of_test_product(), Lines());
+  expect_test_product({});
   preference = data("");
-  EXPECT_EQ(lines_of_test_product(),
-            Lines{log_line("MachineHack value of '<0 bytes>' is not supported; assuming q52")});
+  expect_test_product({log_line("MachineHack value of '<0 bytes>' is not supported; assuming q52")});
 }
 
 TEST(DeviceType, TakesOnlyAnswersOfTheRightKind) {

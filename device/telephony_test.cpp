@@ -2,11 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "device/device_type.h"
 #include "plist/describe.h"
 #include "state/values.h"
 #include "tests/support/test_platform.h"
-#include "tests/support/test_radio.h"
 
 namespace corvane {
 namespace {
@@ -19,6 +20,32 @@ const std::string changed_post = "com.norvane.mobile.keelhold.phone_number_chang
 
 plist::Ref<plist::String> text(std::string_view utf8) { return plist::String::create(utf8); }
 Value number(int32_t value) { return plist::Number::create_int32(value); }
+
+/// A telephony service that answers what a test tells it to, without a notification centre.
+struct TestRadio final : Telephony {
+  struct Connection final : TelvoServerConnection {
+    explicit Connection(TestRadio& owner) : radio(owner) {}
+    // A query that fails fills its slot all the same, which nobody may use.
+    TelvoStatus copy(Query query, Value& slot) override {
+      slot = radio.answers[query];
+      return {1, radio.queries_fail ? static_cast<int32_t>(query) + 1 : 0};
+    }
+    TestRadio& radio;
+  };
+
+  TelephonyCentre* default_centre() override { return nullptr; }
+  std::unique_ptr<TelvoServerConnection> connect(void (*)()) override {
+    return std::make_unique<Connection>(*this);
+  }
+  TelvoRadioStatus copy_radio_status() override { return record; }
+  Value sim_status() override { return status; }
+  Value copy_my_phone_number() override { return phone_number; }
+
+  std::map<Query, Value> answers;
+  bool queries_fail = false;
+  TelvoRadioStatus record;
+  Value status, phone_number;
+};
 
 /// A device with a radio and an ark. A process keeps the baseband class that it saw first.
 struct Phone {
@@ -49,7 +76,7 @@ struct Phone {
   }
 
   testing::TestPlatform& platform = testing::TestPlatform::fresh();
-  testing::TestRadio radio;
+  TestRadio radio;
   const DataArk ark = data_ark_load();
 };
 
@@ -110,17 +137,6 @@ TEST(OldLookup, AsksInOrderAndGoesOnAfterEachFailure) {
   }
   EXPECT_EQ(phone.look_up_log(), errors);
   EXPECT_EQ(plist::describe(copyBasebandStatus().get()), "{}");
-}
-
-TEST(SimNotification, PostsOnceMoreForANewSimAndTakesAnyOtherName) {
-  Phone phone;
-  const auto posts_after = [&phone](const plist::String* name) {
-    phone.platform.posted.clear();
-    sim_notification_callback(nullptr, phone.ark.get(), name, nullptr, nullptr);
-    return phone.platform.posted.size();
-  };
-  EXPECT_EQ(posts_after(text(telvo_sim_inserted).get()), 2u);
-  EXPECT_EQ(posts_after(nullptr), 1u);
 }
 
 TEST(BasebandStatus, IsTheFirmwareSecurityInformation) {
