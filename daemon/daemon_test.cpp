@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
 #include "daemon/corvane_daemon.h"
-#include "daemon/corvane_error.h"
 #include "daemon/method_table.h"
 #include "daemon/request.h"
 #include "daemon/response.h"
 #include "plist/describe.h"
 #include "plist/reader.h"
+#include "state/values.h"
 #include "tests/support/test_platform.h"
 #include "wire/limits.h"
 
@@ -17,12 +17,6 @@ using testing::TestPlatform;
 using Lines = std::vector<std::string>;
 
 plist::Ref<plist::String> text(std::string_view utf8) { return plist::String::create(utf8); }
-
-TEST(CorvaneError, DescribesCodesThatNoClientSees) {
-  const auto text_of = [](int32_t code) { return plist::describe(CorvaneError::getErrorDescription(code).get()); };
-  EXPECT_EQ(text_of(0), R"({"ErrorDescription": "Success"})");
-  EXPECT_EQ(text_of(-1), R"({"ErrorDescription": "No error description, use the force"})");
-}
 
 TEST(Request, ReadsADictionaryAndLogsWhyItDoesNot) {
   TestPlatform& platform = TestPlatform::fresh();
@@ -61,47 +55,46 @@ TEST(Response, HoldsTheLastError) {
   EXPECT_EQ(plist::describe(response.get()), R"({"Error": 7, "Request": "someRequest:"})");
 }
 
-TEST(Response, AnswersARequestThatRunsOutOfMemory) {
-  TestPlatform::fresh();
-  const MethodTable table{
-      {"r", [](ExportedObject&, const plist::Dictionary&, const CompletionBlock&) { throw std::bad_alloc(); }}};
+// The response to a request whose method does this.
+std::string response_of(decltype(MethodTable::Method::call) method) {
+  const MethodTable table{{"r", method}};
   CorvaneDaemon object;
   plist::ByteChain response;
-  const std::string_view body = "<plist><dict><key>Request</key><string>r</string></dict></plist>";
-  ASSERT_TRUE(table.deliver(object, {Message::raw_data, plist::Data::create(body)}, response));
-  EXPECT_NE(response.pieces().front().find("No error description, use the force"), std::string::npos);
+  const std::string_view request = "<plist><dict><key>Request</key><string>r</string></dict></plist>";
+  EXPECT_TRUE(table.deliver(object, {Message::raw_data, plist::Data::create(request)}, response));
+  const auto body = plist::Data::create(response.pieces().front());
+  return plist::describe(plist::decode(body, plist::Containers::immutable).value.get());
+}
+
+TEST(Response, AnswersARequestThatRunsOutOfMemory) {
+  TestPlatform::fresh();
+  const std::string response = response_of(
+      [](ExportedObject&, const plist::Dictionary&, const CompletionBlock&) { throw std::bad_alloc(); });
+  EXPECT_NE(response.find("No error description, use the force"), std::string::npos);
 }
 
 TEST(Response, LeavesOutAReplyThatNoResponseCanCarry) {
   TestPlatform& platform = TestPlatform::fresh();
   // As deep as a file may be, which makes the response one level deeper than that.
-  static const MethodTable table{
-      {"deep",
-       [](ExportedObject&, const plist::Dictionary&, const CompletionBlock& completion) {
-         plist::Ref<plist::Value> nest = plist::MutableDictionary::create();
-         for (unsigned depth = 1; depth < plist::max_depth; ++depth) {
-           auto outer = plist::MutableDictionary::create();
-           outer->set("inner", nest);
-           nest = outer;
-         }
-         completion(plist::cast<plist::Dictionary>(nest.get()), nullptr);
-       }},
-      {"long", [](ExportedObject&, const plist::Dictionary&, const CompletionBlock& completion) {
-         const auto reply = plist::MutableDictionary::create();
-         reply->set("image", plist::MutableData::create(wire::response_limit));
-         completion(reply.get(), nullptr);
-       }}};
-  for (const std::string selector : {"deep", "long"}) {
-    SCOPED_TRACE(selector);
-    CorvaneDaemon object;
-    plist::ByteChain response;
-    const std::string request = "<plist><dict><key>Request</key><string>" + selector + "</string></dict></plist>";
-    ASSERT_TRUE(table.deliver(object, {Message::raw_data, plist::Data::create(request)}, response));
-    const auto body = plist::Data::create(response.pieces().front());
-    EXPECT_EQ(plist::describe(plist::decode(body, plist::Containers::immutable).value.get()),
-              "{\"Request\": \"" + selector + "\"}");
-    EXPECT_TRUE(platform.take_texts().at(0).starts_with("encode: could not send a reply: "));
+  const auto reply_deep = [](ExportedObject&, const plist::Dictionary&, const CompletionBlock& completion) {
+    plist::Ref<plist::MutableDictionary> nest = create_dict();
+    for (unsigned depth = 1; depth < plist::max_depth; ++depth) {
+      const auto outer = create_dict();
+      outer->set("inner", std::exchange(nest, outer));
+    }
+    completion(nest.get(), nullptr);
+  };
+  const auto reply_long = [](ExportedObject&, const plist::Dictionary&, const CompletionBlock& completion) {
+    const auto reply = create_dict();
+    reply->set("image", plist::MutableData::create(wire::response_limit));
+    completion(reply.get(), nullptr);
+  };
+  for (const std::string& response : {response_of(reply_deep), response_of(reply_long)}) {
+    EXPECT_EQ(response, R"({"Request": "r"})");
   }
+  const Lines log = platform.take_texts();
+  EXPECT_EQ(log.size(), 2U);
+  for (const std::string& line : log) EXPECT_TRUE(line.starts_with("encode: could not send a reply: ")) << line;
 }
 
 TEST(CorvaneDaemon, KnowsTrueByItsIdentityAndBearsALackingCallback) {
