@@ -104,13 +104,6 @@ TEST_F(StateFiles, WhatTheSystemCannotLocateIsRefused) {
                           "safe_bundle: FDLOCATE(/folder/file) failed: Input/output error"}));
 }
 
-TEST_F(StateFiles, AReaderOfAFifoWaitsUnlessThatIsNotWanted) {
-  const Descriptor waiting(safe_open(fifo_.c_str(), O_RDONLY, S_IFIFO));
-  EXPECT_EQ(fcntl(waiting.number(), F_GETFL) & O_NONBLOCK, 0);
-  const Descriptor not_waiting(safe_open(fifo_.c_str(), O_RDONLY | O_NONBLOCK, S_IFIFO));
-  EXPECT_EQ(fcntl(not_waiting.number(), F_GETFL) & O_NONBLOCK, O_NONBLOCK);
-}
-
 TEST_F(StateFiles, ABundlePathIsWrittenOnlyBelowAnAllowedDirectory) {
   const std::string allowed = at("/private/var/mobile/Library/Carrier Bundle.bundle/file");
   fs::create_directories(allowed);

@@ -6,23 +6,6 @@
 namespace corvane {
 namespace {
 
-constexpr int none = -1;
-
-TEST(ValuesDeathTest, WhatCannotBeMadeEndsTheProcessWithOneLine) {
-  const auto dictionary = create_dict();
-  expect_end("create_dict: Could not create mutable dictionary! We are dead!", 0, [] { create_dict(); });
-  expect_end("create_array: Could not create mutable dictionary! We are dead!", 0, [] { create_array(); });
-  for (const int number_key_or_entry : {0, 1, 2}) {
-    expect_end("DictionaryAddInt: Out of Memory!", number_key_or_entry,
-               [&] { DictionaryAddInt(*dictionary, "new", 1); });
-  }
-  DictionaryAddInt(*dictionary, "key", 1);
-  expect_end("copy_keys: Could not allocate key list. We are dead.", 1, [&] { copy_keys(dictionary.get()); });
-  const std::string no_copy = "make_mutable: Could not create mutable copy! We are dead!";
-  expect_end(no_copy, 0, [&] { make_mutable(dictionary); });
-  expect_end(no_copy, none, [] { make_mutable(create_array()); });
-}
-
 TEST(MakeMutable, CopiesDataAndOneLevelOfADictionary) {
   const auto data = make_mutable(plist::Data::create("bytes"));
   EXPECT_TRUE(plist::cast<plist::MutableData>(data.get()));

@@ -33,14 +33,4 @@ class StateTest : public ::testing::Test {
   testing::TestPlatform& platform_ = testing::TestPlatform::fresh();
 };
 
-/// Expects the action, of which one allocation fails, to log that line and to end the process.
-inline void expect_end(const std::string& line, int failing_allocation, const std::function<void()>& action) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto die = [&] {
-    testing::TestPlatform::installed().prepare_to_die();
-    testing::run_with_failing_allocation(failing_allocation, action);
-  };
-  EXPECT_EXIT(die(), ::testing::ExitedWithCode(255), "^7 " + line + "\n$") << "allocation " << failing_allocation;
-}
-
 }  // namespace corvane
