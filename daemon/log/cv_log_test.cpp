@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <latch>
 #include <thread>
 
@@ -57,17 +56,6 @@ TEST(Log, FormatsEveryConversionOnceAndLeavesErrnoAlone) {
   const Lines expected = {"f: /tmp/100%/%s%n is at 100%", "f: -1     2|3   |010 ff -4 1 1.50",
                           "f: 50% \"as it is\", true", "f: [(null)] [(null)]"};
   EXPECT_EQ(platform.take_texts(), expected);
-}
-
-TEST(LogDeathTest, ARefusedHandleDropsEveryLine) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto log_without_handle = [] {
-    TestPlatform& platform = TestPlatform::fresh();
-    platform.refuse_log_handle = true;
-    for (int i = 0; i < 2; ++i) cv_log("f", 1, "dropped");
-    std::exit(platform.handles_opened != 1 || !platform.take_lines().empty() || !platform.disk_copies.empty());
-  };
-  EXPECT_EXIT(log_without_handle(), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

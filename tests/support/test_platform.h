@@ -33,7 +33,6 @@ struct TestPlatformState {
   };
 
   Values properties;
-  size_t properties_asked = 0;
   Values preference_values;  ///< by "domain/key"
   Values registry;           ///< by "path/key"; "path" alone is a node without any properties
   int level = Logger::no_level;
@@ -80,7 +79,6 @@ class TestPlatform final : public Platform,
   /// Does the main queue's work, which waits until here.
   void run_main_queue();
 
-  bool refuse_log_handle = false;
   size_t handles_opened = 0;
   std::vector<std::string> disk_copies;
 
@@ -114,7 +112,7 @@ class TestPlatform final : public Platform,
 
   Handle* open(const char*, int) override {
     ++handles_opened;
-    return refuse_log_handle ? nullptr : reinterpret_cast<Handle*>(this);  // opaque: any address will do
+    return reinterpret_cast<Handle*>(this);  // opaque: any address will do
   }
   void enable_disk_copy(Handle*, const char* path, int files, size_t bytes) override {
     disk_copies.push_back(std::string(path) + " " + std::to_string(files) + " " + std::to_string(bytes));
@@ -127,10 +125,7 @@ class TestPlatform final : public Platform,
   }
   int locate(int descriptor, char (&path)[path_limit + 1]) override;
 
-  plist::Ref<plist::Value> copy_answer(const plist::String& name) override {
-    ++properties_asked;
-    return properties.get(name.view());
-  }
+  plist::Ref<plist::Value> copy_answer(const plist::String& name) override { return properties.get(name.view()); }
   plist::Ref<plist::Value> copy_value(std::string_view domain, std::string_view key) override {
     return preference_values.get(std::string(domain) + "/" + std::string(key));
   }
