@@ -3,7 +3,6 @@
 #include "platform/linux/linux_device.h"
 #include "platform/report.h"
 #include "platform/simulated/profile.h"
-#include "platform/simulated/simulated_device.h"
 #include "plist/describe.h"
 #include "tests/support/test_platform.h"
 
@@ -46,51 +45,24 @@ TEST(LinuxDeviceProperties, AreFirstThoseOfTheTable) {
   EXPECT_EQ(ask(properties, "ProductVersion"), "system");
 }
 
-/// A profile's file, and what is reported meanwhile.
-class SimulatedProfile : public ::testing::Test {
- protected:
-  SimulatedProfile() {
-    reports.clear();
-    set_report_sink([](const char* line) noexcept { reports.emplace_back(line); });
-  }
-  ~SimulatedProfile() override { set_report_sink(nullptr); }
-  void write(const std::string& value) { write_file(path_, plist_of(value)); }
+std::vector<std::string> reports;
 
-  const std::string path_ = TestPlatform::fresh().root() + "/profile.plist";
-  std::string fault_;
-  static inline std::vector<std::string> reports;
-};
-
-TEST_F(SimulatedProfile, KeepsTheLastGoodVersionAndReportsABadOneOnce) {
-  write("<dict><key>good</key><true/></dict>");
-  const auto profile = Profile::open(path_, fault_);
+TEST(SimulatedProfile, KeepsTheLastGoodVersionAndReportsABadOneOnce) {
+  set_report_sink([](const char* line) noexcept { reports.emplace_back(line); });
+  const std::string path = TestPlatform::fresh().root() + "/profile.plist";
+  write_file(path, plist_of("<dict><key>good</key><true/></dict>"));
+  std::string fault;
+  const auto profile = Profile::open(path, fault);
   for (const std::string& bad : {plist_of("<true/>"), plist_of("<false/>"), std::string("<plist>\n<dict>\n")}) {
     reports.clear();
-    write_file(path_, bad);
+    write_file(path, bad);
     for (int i = 0; i < 3; ++i) EXPECT_TRUE(profile->current()->get("good"));
     ASSERT_EQ(reports.size(), 1U) << bad;
-    EXPECT_TRUE(reports[0].starts_with("profile " + path_ + ": ") && reports[0].find('\n') == std::string::npos);
+    EXPECT_TRUE(reports[0].starts_with("profile " + path + ": ") && reports[0].find('\n') == std::string::npos);
   }
-  write("<dict><key>better</key><true/></dict>");
+  write_file(path, plist_of("<dict><key>better</key><true/></dict>"));
   EXPECT_TRUE(profile->current()->get("better"));
-}
-
-TEST_F(SimulatedProfile, HasOnlyErrorsOfThirtyTwoBits) {
-  const auto error_of = [this](const char* value) {
-    write("<dict><key>Telephony</key><dict><key>Errors</key><dict><key>SIMIdentity</key><dict><key>Error</key>" +
-          std::string(value) + "</dict></dict></dict></dict>");
-    const auto device = SimulatedDevice::open(path_, fault_);
-    device->telephony().connect(nullptr);  // this one reports a bad number, the next one no more
-    plist::Ref<plist::Value> slot;
-    return device->telephony().connect(nullptr)->copy(TelvoServerConnection::Query::sim_identity, slot).error;
-  };
-  EXPECT_EQ(error_of("<integer>-2147483648</integer>"), std::numeric_limits<int32_t>::min());
-  EXPECT_TRUE(reports.empty());
-  for (const char* bad : {"<integer>4294967296</integer>", "<integer>18446744073709551615</integer>", "<true/>"}) {
-    EXPECT_EQ(error_of(bad), -1) << bad;
-  }
-  EXPECT_EQ(reports, std::vector(3, "profile " + path_ + ": Telephony.Errors.SIMIdentity.Error " +
-                                        "is not a 32-bit integer and counts as -1"));
+  set_report_sink(nullptr);
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "plist/describe.h"
-#include "plist/printable.h"
 #include "plist/reader.h"
 
 namespace corvane::plist {
@@ -74,20 +73,6 @@ TEST(Value, DictionaryAndSetAgreeWithAMapWhileTheyGrowAndShrink) {
       if (step % 500 == 0) dictionary = MutableDictionary::copy(*dictionary);
     }
   }
-}
-
-TEST(Printable, EscapesWhateverATerminalActsOn) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"plain \"text\" \\ \xC3\xA9 \xE2\x82\xAC", "plain \"text\" \\ \xC3\xA9 \xE2\x82\xAC"},
-      {"line\n tab\t return\r", "line\\n tab\\t return\\r"},
-      {std::string("\0\x1B[2J\x7F", 6), "\\u0000\\u001b[2J\\u007f"},
-      {"\xC2\x80 \xC2\x9B \xC2\x9F \xC2\xA0", "\\u0080 \\u009b \\u009f \xC2\xA0"},  // C1 controls, and the next
-      {"\xD8\x9C \xE2\x80\x8E \xE2\x80\x8F", "\\u061c \\u200e \\u200f"},
-      {"\xE2\x80\xA8 \xE2\x80\xAA \xE2\x80\xAE \xE2\x80\xAF", "\\u2028 \\u202a \\u202e \xE2\x80\xAF"},
-      {"\xE2\x81\xA5 \xE2\x81\xA6 \xE2\x81\xA9", "\xE2\x81\xA5 \\u2066 \\u2069"},
-      {"\x9B \xE2\x80", "\\x9b \\xe2\\x80"},  // not UTF-8
-  };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(printable(text), expected);
 }
 
 TEST(Unicode, IllFormedPartsAreReplacedOneByOne) {
