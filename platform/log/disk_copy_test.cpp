@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <sys/resource.h>
 #include <thread>
 
 #include "tests/support/test_platform.h"
@@ -63,6 +65,22 @@ TEST_F(DiskCopyTest, AFolderThatWentIsMadeAnew) {
   fs::remove_all(folder_);
   EXPECT_TRUE(append("removed with its folder"));
   EXPECT_EQ(read_file(log_), "removed with its folder\n");
+}
+
+// A full disk takes the first half of a line and refuses the rest; a limit on the file's size does the same.
+TEST_F(DiskCopyTest, AFullDiskLeavesNoHalfLine) {
+  std::signal(SIGXFSZ, SIG_IGN);
+  EXPECT_TRUE(append("first"));
+  rlimit before;
+  getrlimit(RLIMIT_FSIZE, &before);
+  const rlimit full{fs::file_size(log_) + 3, before.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &full);
+  EXPECT_FALSE(append("refused"));
+  setrlimit(RLIMIT_FSIZE, &before);
+  EXPECT_FALSE(append("not tried for a second"));
+  wait_for_retry();
+  EXPECT_TRUE(append("again"));
+  EXPECT_EQ(read_file(log_), "first\nagain\n");
 }
 
 // The daemon appended to whatever file a link in the log's place named.
