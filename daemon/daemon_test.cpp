@@ -97,13 +97,5 @@ TEST(Response, LeavesOutAReplyThatNoResponseCanCarry) {
   for (const std::string& line : log) EXPECT_TRUE(line.starts_with("encode: could not send a reply: ")) << line;
 }
 
-TEST(CorvaneDaemon, KnowsTrueByItsIdentityAndBearsALackingCallback) {
-  EXPECT_EQ(CorvaneDaemon::booleanToNumber(plist::Boolean::yes())->int64(), 1);
-  EXPECT_EQ(CorvaneDaemon::booleanToNumber(plist::Boolean::no())->int64(), 0);
-  EXPECT_EQ(CorvaneDaemon::booleanToNumber(plist::Number::create_int32(1).get())->int64(), 0);
-  EXPECT_EQ(CorvaneDaemon::booleanToNumber(nullptr)->int64(), 0);
-  CorvaneDaemon().copyRegulatoryImagesWithCompletionBlock(nullptr);
-}
-
 }  // namespace
 }  // namespace corvane

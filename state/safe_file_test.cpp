@@ -1,7 +1,6 @@
 #include "state/safe_file.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fts.h>
@@ -95,15 +94,6 @@ TEST_F(StateFiles, OnlySafeCreateCreates) {
   EXPECT_EQ(fs::status(at("/new")).permissions(), fs::perms(0600));
 }
 
-TEST_F(StateFiles, WhatTheSystemCannotLocateIsRefused) {
-  platform_.locate_error = EIO;
-  EXPECT_EQ(safe_open(file_.c_str(), O_RDONLY, S_IFREG), -1);
-  EXPECT_EQ(errno, EIO);
-  EXPECT_EQ(safe_bundle(file_.c_str(), nullptr, 0), -1);
-  EXPECT_EQ(log(), (Lines{"to the system log: _safe_open: FDLOCATE(/folder/file) failed: Input/output error",
-                          "safe_bundle: FDLOCATE(/folder/file) failed: Input/output error"}));
-}
-
 TEST_F(StateFiles, ABundlePathIsWrittenOnlyBelowAnAllowedDirectory) {
   const std::string allowed = at("/private/var/mobile/Library/Carrier Bundle.bundle/file");
   fs::create_directories(allowed);
@@ -114,17 +104,6 @@ TEST_F(StateFiles, ABundlePathIsWrittenOnlyBelowAnAllowedDirectory) {
   EXPECT_EQ(resolved, allowed.substr(0, allowed.size() - 1)) << "cut for the terminator";
   EXPECT_EQ(safe_bundle(file_.c_str(), resolved, 4), 0);
   EXPECT_EQ(resolved, file_.substr(0, 3)) << "a small buffer compares only the root, which both paths begin with";
-}
-
-TEST(PathNames, AreCutInPlace) {
-  const std::tuple<const char*, const char*, const char*> cases[] = {{"/a//b//", "/a", "b"}, {"a/b", "a", "b"},
-                                                                     {"//a", "/", "a"},      {"a/", ".", "a"},
-                                                                     {"///", "/", "/"},      {"", "", ""}};
-  for (const auto& [path, dirname, basename] : cases) {
-    char buffer[16];
-    EXPECT_STREQ(path_dirname(std::strcpy(buffer, path)), dirname) << path;
-    EXPECT_STREQ(path_basename(std::strcpy(buffer, path)), basename) << path;
-  }
 }
 
 TEST_F(StateFiles, AStoredFileKeepsItsModeAndLoadsAsAsked) {
@@ -171,13 +150,6 @@ TEST_F(StateFiles, FailedLoadsSayWhy) {
   EXPECT_FALSE(load_dict(file_.c_str()));
   EXPECT_EQ(log(), Lines{"_load_dict: too big for our purposes"});
   ++descriptors_;
-
-  // The kernel gives less of this file than its size promises.
-  constexpr char short_file[] = "/sys/devices/system/cpu/online";
-  if (!fs::exists(short_file)) GTEST_SKIP() << "there is no " << short_file << " here";
-  errno = 0;
-  EXPECT_FALSE(load_dict(short_file));
-  EXPECT_EQ(log(), Lines{std::string("_load_dict: Could not read ") + short_file + ": Input/output error"});
 }
 
 TEST_F(StateFiles, ATreeIsEmptiedDownToItsRootWithoutFollowingLinks) {

@@ -6,6 +6,24 @@
 namespace corvane {
 namespace {
 
+// Ends the process, after one line.
+void create_dict_without_memory() {
+  testing::TestPlatform::installed().prepare_to_die();
+  testing::run_with_failing_allocation(0, [] { create_dict(); });
+}
+void make_an_array_mutable() {
+  testing::TestPlatform::installed().prepare_to_die();
+  make_mutable(create_array());
+}
+
+TEST(ValuesDeathTest, WhatCannotBeMadeEndsTheProcessWithOneLine) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(create_dict_without_memory(), ::testing::ExitedWithCode(255),
+              "^7 create_dict: Could not create mutable dictionary! We are dead!\n$");
+  EXPECT_EXIT(make_an_array_mutable(), ::testing::ExitedWithCode(255),
+              "^7 make_mutable: Could not create mutable copy! We are dead!\n$");
+}
+
 TEST(MakeMutable, CopiesDataAndOneLevelOfADictionary) {
   const auto data = make_mutable(plist::Data::create("bytes"));
   EXPECT_TRUE(plist::cast<plist::MutableData>(data.get()));
@@ -17,16 +35,6 @@ TEST(MakeMutable, CopiesDataAndOneLevelOfADictionary) {
   EXPECT_EQ(as_dictionary(copy.get())->get("inner"), data.get());
   plist::cast<plist::MutableDictionary>(copy.get())->remove("inner");
   EXPECT_EQ(original->size(), 1u);
-}
-
-TEST(Dictionaries, TakeA32BitNumberOnlyIfItsKeyIsAbsent) {
-  const auto dictionary = create_dict();
-  EXPECT_EQ(_extract_first_item(*dictionary), nullptr);
-  DictionaryAddInt(*dictionary, "key", -7);
-  DictionaryAddInt(*dictionary, "key", 8);
-  EXPECT_EQ(as_number(_extract_first_item(*dictionary))->int64(), -7);
-  EXPECT_EQ(as_number(dictionary->get("key"))->type(), plist::Number::Type::int32);
-  EXPECT_EQ(plist::describe(copy_keys(dictionary.get()).get()), R"(["key"])");
 }
 
 TEST(Iteration, RunsOverASnapshotWhileTheCallbackChangesTheContainer) {
