@@ -83,6 +83,15 @@ TEST_F(Service, TellsTheOperatorAProcessesEntitlements) {
   EXPECT_EQ(operator_.ask(selector), refusal(selector));
 }
 
+TEST_F(Service, AnswersAllThatWasAskedBeforeTheSendingSideClosed) {
+  std::string requests;
+  for (int i = 0; i < 1000; ++i) requests += request(std::to_string(i));
+  ASSERT_TRUE(asker_.send(requests));
+  asker_.finish();
+  for (int i = 0; i < 1000; ++i) ASSERT_EQ(asker_.answer(), refusal(std::to_string(i)));
+  EXPECT_TRUE(asker_.ends());
+}
+
 TEST_F(Service, LimitsRequestsByTheSocketThatTheyComeFrom) {
   const std::string longest(wire::public_request_limit, ' ');
   ASSERT_TRUE(asker_.send(frame(longest, 2) + frame(longest) + frame("", 0)));
