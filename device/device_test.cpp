@@ -19,15 +19,6 @@ using Lines = std::vector<std::string>;
 
 plist::Ref<plist::String> text(std::string_view utf8) { return plist::String::create(utf8); }
 
-TEST(VexaHlpr, ReadsANumberAsABoolean) {
-  TestPlatform& platform = TestPlatform::fresh();
-  const auto name = text("HasBaseband");
-  platform.properties["HasBaseband"] = plist::Number::create_real(0.5);
-  EXPECT_TRUE(VexaHlpr::getSharedInstance().getBoolAnswer(name.get()));
-  platform.properties["HasBaseband"] = text("1");
-  EXPECT_FALSE(VexaHlpr::getSharedInstance().getBoolAnswer(name.get()));
-}
-
 TEST(VexaHlpr, GathersAnswersAndOneErrorForEachMissingRequiredKey) {
   TestPlatform& platform = TestPlatform::fresh();
   platform.properties["ProductType"] = text("Pocket9,1");

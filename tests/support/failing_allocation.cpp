@@ -18,9 +18,13 @@ struct Reset {
 
 void (*corvane::testing::before_release)(char* memory, size_t size) = nullptr;
 
-void* operator new(size_t size) {
+// Sanitizers would bring their own, whose memory operator delete must not give to free.
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
   const bool fails = calls_before_failure != none && calls_before_failure-- == 0;
-  void* memory = fails ? nullptr : std::malloc(size);
+  return fails ? nullptr : std::malloc(size);
+}
+void* operator new(size_t size) {
+  void* memory = operator new(size, std::nothrow);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
