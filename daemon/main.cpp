@@ -56,6 +56,14 @@ std::unique_ptr<CorvaneDaemon> daemon_object;
 std::unique_ptr<CorvaneAdmin> admin_object;
 DataArk ark;
 
+std::unique_ptr<IpcListener> create_listener(std::string_view service_name, IpcAccess access) {
+  try {
+    return platform().create_listener(service_name, access);
+  } catch (const std::system_error& error) {
+    end_process("main", error.what());
+  }
+}
+
 // Without its thread nothing will ever be served, and what is there by now waits for it to be taken down.
 void create_request_queue() {
   try {
@@ -78,8 +86,8 @@ int run_daemon() {
   ark = lockstart_local();
   daemon_object->setDark(ark.get());
 
-  const auto admin_listener = platform().create_listener(wire::admin_service, IpcAccess::owner);
-  const auto listener = platform().create_listener(wire::public_service, IpcAccess::everyone);
+  const auto admin_listener = create_listener(wire::admin_service, IpcAccess::owner);
+  const auto listener = create_listener(wire::public_service, IpcAccess::everyone);
   create_request_queue();
   admin_listener->set_delegate(*admin_object);
   listener->set_delegate(*daemon_object);

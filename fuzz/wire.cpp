@@ -1,14 +1,13 @@
 // A client's stream on a real connection of the public or the admin service: what comes back must be one
 // well-formed response for each request of the raw-data kind up to the first thing that is no frame, in order.
 
-#include <asio/local/connect_pair.hpp>
-
 #include <algorithm>
 #include <cstdint>
 #include <fcntl.h>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -35,18 +34,21 @@ namespace {
 /// The client's end: sends what it is told, and keeps what comes back.
 class Client {
  public:
-  explicit Client(LocalConnection::Socket socket) : socket_(std::move(socket)) { socket_.non_blocking(true); }
+  explicit Client(int socket) : socket_(socket) {}
+  ~Client() { close(socket_); }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
 
   /// Sends as much as the other end takes now.
   size_t send(std::string_view bytes) {
-    const ssize_t sent = ::send(socket_.native_handle(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    const ssize_t sent = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     return sent < 0 ? 0 : static_cast<size_t>(sent);
   }
-  void end() { ::shutdown(socket_.native_handle(), SHUT_WR); }
+  void end() { ::shutdown(socket_, SHUT_WR); }
 
   bool receive() {
     const std::span<char> buffer = reader_.prepare();
-    const ssize_t count = ::recv(socket_.native_handle(), buffer.data(), buffer.size(), 0);
+    const ssize_t count = ::recv(socket_, buffer.data(), buffer.size(), 0);
     if (count <= 0) return false;
     reader_.commit(static_cast<size_t>(count));
     wire::Frame frame;
@@ -60,7 +62,7 @@ class Client {
   std::vector<wire::Frame> responses;
 
  private:
-  LocalConnection::Socket socket_;
+  const int socket_;
   wire::FrameReader reader_{wire::response_limit};
 };
 
@@ -91,24 +93,22 @@ void expect_response(const wire::Frame& frame, std::string_view request) {
   ENSURE(question != nullptr || response.failed);
 }
 
-void exchange(std::string_view stream, bool admin, size_t chunk) {
+void exchange(std::string_view stream, bool admin, bool peeks, size_t chunk) {
   static CorvaneDaemon daemon;
   static CorvaneAdmin administrator;
-  asio::io_context context;
-  LocalConnection::Socket ours(context);
-  LocalConnection::Socket theirs(context);
-  asio::local::connect_pair(ours, theirs);
-  ours.non_blocking(true);
-  Client client(std::move(theirs));
+  int sockets[2];
+  ENSURE(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, sockets) == 0);
+  Client client(sockets[1]);
   const uint32_t limit = admin ? wire::admin_request_limit : wire::public_request_limit;
-  LocalConnection connection(std::move(ours), limit);
+  SharedAnswers answers;
+  SocketCloser closer;
+  LocalConnection connection(sockets[0], {limit, answers, peeks ? &closer : nullptr});
   set_up_connection(connection, admin ? corvane_admin_protocol() : corvane_protocol(),
                     admin ? static_cast<ExportedObject&>(administrator) : daemon);
   // As the listener does it.
   const auto turn = [&] {
     connection.receive();
-    while (connection.serve_next()) {
-    }
+    while (connection.has_request()) connection.serve();
     connection.send();
     return client.receive();
   };
@@ -119,7 +119,9 @@ void exchange(std::string_view stream, bool admin, size_t chunk) {
   client.end();
   while (turn() || !connection.is_finished()) {
   }
-  ENSURE(connection.pending_output() == 0);
+  ENSURE(connection.fault() == nullptr || !connection.wants_output());
+  connection.close();
+  ENSURE(connection.held_output() == 0 && answers.bytes() == 0);
   const std::vector<std::string_view> due = due_requests(stream, limit);
   ENSURE(client.responses.size() == due.size() && !client.inside_frame());
   for (size_t i = 0; i < due.size(); ++i) expect_response(client.responses[i], due[i]);
@@ -141,12 +143,12 @@ void start_anew() {
 }  // namespace
 }  // namespace corvane::fuzz
 
-// The first byte: whose service, and in what chunks the stream comes.
+// The first byte: whose service, whether descriptors are looked for, and in what chunks the stream comes.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   if (size == 0) return 0;
   constexpr size_t chunks[] = {SIZE_MAX, 1, 7, 8, 9, 100, 4096, 5000};
   corvane::fuzz::start_anew();
   corvane::fuzz::exchange({reinterpret_cast<const char*>(bytes) + 1, size - 1}, (bytes[0] & 8) != 0,
-                          chunks[bytes[0] & 7]);
+                          (bytes[0] & 16) != 0, chunks[bytes[0] & 7]);
   return 0;
 }

@@ -42,7 +42,8 @@ class Platform {
   /// Work for the one serial queue that touches the daemon's state.
   virtual WorkQueue& request_queue() = 0;
 
-  /// A listener for a named local service; it accepts nobody before it is resumed.
+  /// A listener for a named local service; it accepts nobody before it is resumed. Throws std::system_error where the
+  /// system refuses.
   virtual std::unique_ptr<IpcListener> create_listener(std::string_view service_name, IpcAccess access) = 0;
 
   /// The folder below which all of the daemon's paths lie: absolute, fully resolved, no slash at its end;

@@ -1,7 +1,12 @@
-// The real daemon, with 256 descriptors, under everything that strangers can do to it at once, while honest
-// clients ask without a pause. Passes if every honest request is answered and the daemon is afterwards as it was.
+// Nobody can take the service from anybody else. For each attack the real daemon meets attackers in processes of
+// their own, as another user or as other processes of the same user, while two honest clients ask all the time:
+// one keeps its connection, one connects anew for each question. Every question must be answered, soon, and the
+// daemon's memory, descriptors, log and processor time stay bounded.
 //
-// Usage: hostile_load [--medium|--long]
+// Everybody but the daemon is forked from this process, which has one thread, and tells what it did in memory that
+// all share. Run as root: other users attack only then.
+//
+// Usage: hostile_load [--short|--long [ATTACK]]
 
 #include <algorithm>
 #include <array>
@@ -10,361 +15,210 @@
 #include <chrono>
 #include <cmath>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
-#include <deque>
-#include <fcntl.h>
-#include <memory>
-#include <poll.h>
-#include <random>
+#include <functional>
+#include <grp.h>
+#include <optional>
 #include <string>
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <thread>
 #include <vector>
 
 #include "client/client.h"
-#include "fuzz/random_frames.h"
+#include "fuzz/attacks.h"
 #include "tests/support/daemon_process.h"
-#include "wire/frame_reader.h"
+#include "tests/support/memory_group.h"
+#include "tests/support/simulated_root.h"
 #include "wire/limits.h"
-#include "wire/socket_address.h"
 
 namespace corvane {
 
 namespace {
 
 using namespace std::chrono_literals;
+using std::chrono::milliseconds;
 using std::chrono::steady_clock;
-using testing::eventually;
+using testing::Attack;
 
-constexpr rlim_t daemon_descriptors = 256;
-constexpr size_t honest_clients = 8;
+constexpr size_t mebibyte = size_t{1} << 20;
+constexpr uid_t other_user = 65534;
 
 constexpr double processor_share_limit = 0.05;
 constexpr size_t log_limit = 2 * 65536;
+constexpr size_t memory_limit = 128 * mebibyte;        // and two copies of the images
+constexpr size_t memory_group_limit = 256 * mebibyte;  // beyond which the kernel ends the daemon
+constexpr size_t memory_growth_limit = 8 * mebibyte;   // what the allocator may keep of the worst moment
 
-#ifdef CORVANE_SANITIZE
-constexpr size_t memory_growth_limit = SIZE_MAX / 2;  // sanitizers keep what is freed
-#else
-constexpr size_t memory_growth_limit = size_t{8} << 20;  // what the allocator may keep of the worst moment
-#endif
+/// What one run of the daemon has to live with.
+struct Setting {
+  rlim_t descriptors;
+  size_t image_bytes;
+  bool by_other_user;
+
+  milliseconds wait_limit() const { return by_other_user && image_bytes < mebibyte ? 250ms : 1000ms; }
+};
 
 struct Form {
-  const char* option;
-  size_t connections;
-  size_t frames;
-  size_t descriptors;
-  size_t stops;
-  std::chrono::milliseconds between_stops;
-  std::chrono::seconds at_most;
+  milliseconds attack_time;
+  std::vector<Setting> settings;
+  bool stops_the_daemon;
 };
 
-constexpr Form forms[] = {{"--short", 1000, 20'000, 500, 2, 300ms, 20s},
-                          {"--medium", 5000, 150'000, 5000, 4, 3s, 240s},
-                          {"--long", 20'000, 1'000'000, 20'000, 8, 4s, 450s}};
+#ifdef CORVANE_SANITIZE
+constexpr bool sanitized = true;  // times and memory are not the daemon's own then
+const Form short_form{1000ms, {{256, 64, true}}, false};
+#else
+constexpr bool sanitized = false;
+const Form short_form{
+    1500ms, {{256, 64, true}, {1024, 64, true}, {1024, 20 * mebibyte, true}, {1024, 64, false}}, false};
+#endif
+const Form long_form{10s,
+                     {{256, 64, true},
+                      {256, 64, false},
+                      {256, 20 * mebibyte, true},
+                      {256, 20 * mebibyte, false},
+                      {1024, 64, true},
+                      {1024, 64, false},
+                      {1024, 20 * mebibyte, true},
+                      {1024, 20 * mebibyte, false}},
+                     true};
 
-/// A connection on which nothing waits for the daemon for long.
-class HostileClient {
- public:
-  explicit HostileClient(const std::string& socket)
-      : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)), reader_(wire::response_limit) {
-    const wire::SocketAddress address(socket);
-    // The backlog may be full.
-    for (int i = 0; i < 500 && connect(socket_, address.get(), address.size()) != 0; ++i) usleep(2000);
-  }
-  ~HostileClient() { close(socket_); }
-  HostileClient(const HostileClient&) = delete;
-  HostileClient& operator=(const HostileClient&) = delete;
+// ---- processes ----------------------------------------------------------------------------------------
 
-  /// Sends everything, and reads what comes meanwhile. False where the daemon closes the connection or takes
-  /// nothing.
-  bool send(std::string_view bytes) {
-    while (!bytes.empty()) {
-      pollfd state{socket_, POLLIN | POLLOUT, 0};
-      if (poll(&state, 1, 2000) <= 0) return false;
-      if ((state.revents & (POLLIN | POLLHUP)) != 0 && !read()) return false;
-      if ((state.revents & POLLOUT) == 0) continue;
-      const ssize_t sent = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (sent < 0 && errno != EAGAIN) return false;
-      if (sent > 0) bytes.remove_prefix(static_cast<size_t>(sent));
-    }
-    return true;
-  }
-
-  /// Sends without reading. False where the daemon does not take everything at once.
-  bool send_only(std::string_view bytes) {
-    return ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-  }
-
-  bool send_with_descriptors(std::string_view bytes, const std::array<int, 8>& descriptors) {
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptors)] = {};
-    iovec content{const_cast<char*>(bytes.data()), bytes.size()};
-    msghdr message{};
-    message.msg_iov = &content;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    cmsghdr* header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof descriptors);
-    std::memcpy(CMSG_DATA(header), descriptors.data(), sizeof descriptors);
-    return sendmsg(socket_, &message, MSG_NOSIGNAL) >= 0 || errno == EAGAIN;
-  }
-
-  /// Reads what has come. False at the end of the connection.
-  bool read() {
-    for (;;) {
-      const auto buffer = reader_.prepare();
-      const ssize_t count = recv(socket_, buffer.data(), buffer.size(), 0);
-      if (count < 0) return errno == EAGAIN;
-      if (count == 0) return false;
-      reader_.commit(static_cast<size_t>(count));
-      for (wire::Frame frame; reader_.next(frame) == wire::FrameReader::Status::frame;) ++answers_;
-    }
-  }
-
-  size_t answers() const { return answers_; }
-
- private:
-  const int socket_;
-  wire::FrameReader reader_;
-  size_t answers_ = 0;
+/// How long an honest client waited for each answer, in microseconds.
+struct Waits {
+  std::atomic<size_t> count;
+  std::array<uint32_t, 20'000> times;
+  std::array<char, 200> failure;  ///< what became of the last question; empty where it was answered
 };
 
-/// What strangers do, each on a thread of its own: some a given number of times, some until those are done.
-class Attack {
+/// The memory that all processes of one attack share.
+struct Shared {
+  std::atomic<bool> over;                   ///< honest clients end with the question that they are at
+  std::array<std::atomic<size_t>, 4> done;  ///< by each attacker
+  std::array<Waits, 3> waits;
+};
+
+Shared& shared() {
+  static void* const memory =
+      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return *static_cast<Shared*>(memory);
+}
+
+/// Processes that are ended with this object, and with this process.
+class Children {
  public:
-  Attack(const Form& form, const testing::DeviceRoot& root, pid_t daemon)
-      : form_(form),
-        public_(root.socket(wire::public_service)),
-        admin_(root.socket(wire::admin_service)),
-        notifications_(root.socket(wire::notification_service)),
-        daemon_(daemon),
-        deadline_(start_ + form.at_most) {}
+  Children() = default;
+  ~Children() { end(); }
+  Children(const Children&) = delete;
+  Children& operator=(const Children&) = delete;
 
-  void run() {
-    const size_t part = form_.frames / 10;
-    std::vector<std::thread> counted, endless;
-    counted.emplace_back([this] { connect_and_vanish(); });
-    counted.emplace_back([this] { send_descriptors(); });
-    counted.emplace_back([&, this] { send_random_frames(public_, 4, 5 * part); });
-    counted.emplace_back([&, this] { send_random_frames(public_, 5, 4 * part); });
-    counted.emplace_back([&, this] { send_random_frames(admin_, 6, part); });
-    endless.emplace_back([this] { stop_and_continue_the_daemon(); });
-    endless.emplace_back([this] { leave_requests_half_sent(); });
-    endless.emplace_back([this] { ask_for_images_without_reading(); });
-    endless.emplace_back([this] { write_to_the_notification_socket(); });
-    for (std::thread& each : counted) each.join();
-    over_ = true;
-    for (std::thread& each : endless) each.join();
+  void start(bool as_other_user, const std::function<void()>& work) {
+    const pid_t parent = getpid();
+    std::fflush(stdout);
+    const pid_t child = fork();
+    if (child != 0) return processes_.push_back(child);
+    if (as_other_user && (setgroups(0, nullptr) != 0 || setgid(other_user) != 0 || setuid(other_user) != 0))
+      _exit(1);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // which a change of the user would have taken back
+    if (getppid() != parent) _exit(1);
+    try {
+      work();
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "%s\n", error.what());
+      _exit(1);
+    }
+    _exit(0);
   }
 
-  bool took_place() const {
-    return connections_ > 0 && descriptors_ > 0 && answers_ > 0 && half_requests_ > 0 && unread_ > 0 &&
-           notes_ > 0 && stops_ > 0;
+  /// Waits until all have ended by themselves. False where one has not within `time`.
+  bool wait(milliseconds time) {
+    const auto deadline = steady_clock::now() + time;
+    while (!processes_.empty() && steady_clock::now() < deadline) {
+      std::erase_if(processes_, [](pid_t each) { return waitpid(each, nullptr, WNOHANG) == each; });
+      std::this_thread::sleep_for(1ms);
+    }
+    return processes_.empty();
   }
 
-  void print() const {
-    std::printf(
-        "attack: %.1f s, %zu connections that vanished, %zu random frames (%zu answers), %zu descriptors, "
-        "%zu half requests, %zu requests for images without reading, %zu frames to the notification socket, "
-        "%zu stops\n",
-        std::chrono::duration<double>(steady_clock::now() - start_).count(), connections_.load(), frames_.load(),
-        answers_.load(), descriptors_.load(), half_requests_.load(), unread_.load(), notes_.load(), stops_.load());
+  /// False where one had ended before.
+  bool end() {
+    bool all_lived = true;
+    for (const pid_t each : processes_) kill(each, SIGKILL);
+    for (const pid_t each : processes_) {
+      int status = 0;
+      all_lived &= waitpid(each, &status, 0) == each && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+    }
+    processes_.clear();
+    return all_lived;
   }
 
  private:
-  bool before_deadline() const { return steady_clock::now() < deadline_; }
-  void sleep_unless_over(std::chrono::milliseconds time) const {
-    for (const auto end = steady_clock::now() + time; !over_ && steady_clock::now() < end;) {
-      std::this_thread::sleep_for(10ms);
-    }
-  }
-
-  // Fills the table of connections, and closes connections again at random.
-  void connect_and_vanish() {
-    std::mt19937_64 random(1);
-    std::vector<std::unique_ptr<HostileClient>> open;
-    const size_t most = wire::connection_limits(daemon_descriptors).public_connections;
-    for (; connections_ < form_.connections && before_deadline(); ++connections_) {
-      open.push_back(std::make_unique<HostileClient>(public_));
-      while (open.size() >= most || (!open.empty() && random() % 100 < 45)) {
-        std::swap(open[random() % open.size()], open.back());
-        open.pop_back();
-      }
-      if (random() % 4 == 0) std::this_thread::sleep_for(1ms);
-    }
-  }
-
-  // Sends the first part of a request on 24 connections, and holds them for longer than the daemon waits.
-  void leave_requests_half_sent() {
-    std::mt19937_64 random(2);
-    const std::string request = testing::request(std::string(5000, 's'));
-    while (!over_) {
-      std::deque<HostileClient> open;
-      for (int i = 0; i < 24; ++i) {
-        half_requests_ += open.emplace_back(public_).send_only(request.substr(0, 1 + random() % 5000));
-      }
-      sleep_unless_over(6s);
-    }
-  }
-
-  // Asks for 50 times 4 MiB on each of 8 connections, and reads nothing.
-  void ask_for_images_without_reading() {
-    const std::string request = testing::request(wire::copy_regulatory_images);
-    while (!over_) {
-      std::deque<HostileClient> open;
-      for (int i = 0; i < 8; ++i) {
-        HostileClient& client = open.emplace_back(public_);
-        for (int k = 0; k < 50; ++k) unread_ += client.send_only(request);
-      }
-      sleep_unless_over(2s);
-    }
-  }
-
-  // Sends good and bad frames in batches, on each connection until one with a bad header.
-  void send_random_frames(const std::string& socket, uint64_t seed, size_t count) {
-    constexpr size_t batch_size = 64;
-    fuzz::RandomFrames frames(seed);
-    for (size_t sent = 0; sent < count && before_deadline();) {
-      HostileClient client(socket);
-      for (bool is_last = false; !is_last && sent < count; sent += batch_size, frames_ += batch_size) {
-        std::string batch;
-        for (size_t i = 0; i < batch_size; ++i) batch += frames.next();
-        is_last = frames.below(8) == 0;
-        if (is_last) batch += frames.next_with_bad_header();
-        if (!client.send(batch)) break;
-      }
-      client.read();
-      answers_ += client.answers();
-    }
-  }
-
-  void write_to_the_notification_socket() {
-    fuzz::RandomFrames frames(9);
-    while (!over_) {
-      HostileClient client(notifications_);
-      if (frames.below(4) != 0) notes_ += client.send_only(frames.next());
-      std::this_thread::sleep_for(2ms);
-    }
-  }
-
-  // Sends requests and parts of them, each with descriptors that the daemon has to get rid of.
-  void send_descriptors() {
-    std::array<int, 8> descriptors;
-    for (int& each : descriptors) each = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    const std::string request = testing::request("descriptors");
-    std::mt19937_64 random(3);
-    while (descriptors_ < form_.descriptors && before_deadline()) {
-      HostileClient client(random() % 8 == 0 ? notifications_ : public_);
-      for (int i = 0; i < 50 && descriptors_ < form_.descriptors; ++i) {
-        const std::string part = request.substr(0, 1 + random() % request.size());
-        if (!client.send_with_descriptors(part, descriptors) || !client.read()) break;
-        descriptors_ += descriptors.size();
-      }
-    }
-    for (const int each : descriptors) close(each);
-  }
-
-  // Every fourth time for longer than the daemon waits for any client.
-  void stop_and_continue_the_daemon() {
-    for (; !over_ && stops_ < form_.stops; ++stops_) {
-      sleep_unless_over(form_.between_stops);
-      kill(daemon_, SIGSTOP);
-      std::this_thread::sleep_for(stops_ % 4 == 3 ? 7s : 400ms);
-      kill(daemon_, SIGCONT);
-    }
-  }
-
-  const Form& form_;
-  const std::string public_, admin_, notifications_;
-  const pid_t daemon_;
-  const steady_clock::time_point start_ = steady_clock::now();
-  const steady_clock::time_point deadline_;
-  std::atomic<bool> over_ = false;
-  std::atomic<size_t> connections_ = 0, frames_ = 0, answers_ = 0, descriptors_ = 0, half_requests_ = 0,
-                      unread_ = 0, notes_ = 0, stops_ = 0;
+  std::vector<pid_t> processes_;
 };
 
-/// Clients that ask without a pause, each on a thread of its own, until `stop`. Half of them ask as the client
-/// library does; the others never let go of one connection, which the daemon must not close.
-class HonestClients {
- public:
-  explicit HonestClients(const testing::DeviceRoot& root) : root_(root) {
-    for (size_t i = 0; i < honest_clients; ++i) {
-      threads_.emplace_back(
-          [this, i] { i % 2 == 0 ? ask_by_library(clients_[i]) : ask_on_one_connection(clients_[i]); });
+// ---- honest clients -----------------------------------------------------------------------------------
+
+// `ask` answers what went wrong, or nothing.
+void ask_until_over(Waits& waits, const std::function<std::string(size_t)>& ask) {
+  std::string failure;
+  for (size_t i = 0; !shared().over && failure.empty() && i < waits.times.size(); ++i) {
+    const auto start = steady_clock::now();
+    try {
+      failure = ask(i);
+    } catch (const std::exception& error) {
+      failure = error.what();
     }
+    const auto wait = std::chrono::duration_cast<std::chrono::microseconds>(steady_clock::now() - start);
+    waits.times[waits.count] = static_cast<uint32_t>(wait.count());
+    ++waits.count;
+    std::this_thread::sleep_for(1ms);
   }
+  failure.copy(waits.failure.data(), waits.failure.size() - 1);
+}
 
-  void stop() {
-    over_ = true;
-    for (std::thread& each : threads_) each.join();
-  }
+// Every 16th question is for the images.
+std::string ask(testing::RawClient& client, size_t i) {
+  const bool for_images = i % 16 == 15;
+  const std::string selector = for_images ? std::string(wire::copy_regulatory_images) : "r" + std::to_string(i);
+  if (!client.send(testing::request(selector))) return "the connection was closed before question " + selector;
+  const auto response = client.response();
+  if (!response) return "the connection ended without an answer to " + selector;
+  const auto* echo = plist::cast<plist::String>(response->get(wire::request_key));
+  const bool is_right = echo != nullptr && echo->view() == selector;
+  return is_right && (response->get(wire::reply_key) != nullptr) == for_images ? ""
+                                                                               : "a wrong answer to " + selector;
+}
 
-  bool all_answered() const {
-    return std::all_of(clients_.begin(), clients_.end(), [](const Client& each) { return each.failure.empty(); });
-  }
+void keep_one_connection(const testing::DeviceRoot& device, Waits& waits) {
+  testing::RawClient client(device.socket(wire::public_service));
+  ask_until_over(waits, [&](size_t i) { return ask(client, i); });
+}
 
-  void print(const char* when) const {
-    std::vector<double> waits;
-    for (const Client& each : clients_) {
-      waits.insert(waits.end(), each.waits.begin(), each.waits.end());
-      if (!each.failure.empty()) std::printf("unanswered: %s\n", each.failure.c_str());
-    }
-    std::sort(waits.begin(), waits.end());
-    const auto at = [&](double share) { return waits[size_t(share * double(waits.size() - 1))]; };
-    std::printf("honest waits %s: %zu, p50 %.0f us, p99 %.0f us, worst %.0f us\n", when, waits.size(), at(0.5),
-                at(0.99), at(1));
-  }
+void connect_for_each_question(const testing::DeviceRoot& device, Waits& waits) {
+  ask_until_over(waits, [&](size_t i) {
+    testing::RawClient client(device.socket(wire::public_service));
+    return ask(client, i);
+  });
+}
 
- private:
-  struct Client {
-    std::vector<double> waits;  ///< microseconds
-    std::string failure;
-  };
-
-  // Until something goes wrong, which `ask` answers.
-  template <class Ask>
-  void ask_until_over(Client& client, Ask ask) {
-    for (size_t i = 0; !over_ && client.failure.empty(); ++i) {
-      const std::string selector =
-          i % 16 == 0 ? std::string(wire::copy_regulatory_images) : "r" + std::to_string(i);
-      const auto start = steady_clock::now();
-      client.failure = ask(selector);
-      client.waits.push_back(std::chrono::duration<double, std::micro>(steady_clock::now() - start).count());
-    }
-  }
-
-  void ask_by_library(Client& client) {
-    client::Connection connection(wire::public_service, root_.at(""), 30s);
-    ask_until_over(client, [&](const std::string& selector) {
-      const client::Answer answer = connection.ask(*wire::make_request(selector));
-      const bool images = selector == wire::copy_regulatory_images;
-      const bool right = answer.outcome == client::Outcome::answered && answer.response.failed != images &&
-                         static_cast<bool>(answer.response.reply) == images;
-      return right ? std::string() : "the library: " + answer.detail;
-    });
-  }
-
-  void ask_on_one_connection(Client& client) {
-    testing::RawClient raw(root_.socket(wire::public_service));
-    ask_until_over(client, [&](const std::string& selector) {
-      const auto response = raw.send(testing::request(selector)) ? raw.response() : nullptr;
-      const auto* echo = response ? plist::cast<plist::String>(response->get(wire::request_key)) : nullptr;
-      const bool right = echo != nullptr && echo->view() == selector;
-      return right ? std::string() : "a connection was closed, or its answer was another one's";
-    });
-  }
-
-  const testing::DeviceRoot& root_;
-  std::atomic<bool> over_ = false;
-  std::array<Client, honest_clients> clients_;
-  std::vector<std::thread> threads_;
-};
+// Changes the phone number, which is announced; subscribes anew for every eighth time.
+void hear_each_notification(const testing::SimulatedRoot& device, Waits& waits) {
+  std::optional<testing::RawClient> subscriber;
+  ask_until_over(waits, [&](size_t i) -> std::string {
+    if (i % 8 == 0) subscriber.emplace(device.socket(wire::notification_service));
+    device.replace({{"PhoneNumber", plist::String::create(std::to_string(i))}});
+    const auto message = subscriber->response();
+    wire::Notification heard;
+    if (!message || !wire::read_notification(*message, heard)) return "a notification was not heard";
+    const bool is_right = heard.name == "com.norvane.mobile.keelhold.phone_number_changed";
+    return is_right ? "" : "not what was posted: " + plist::describe(message.get());
+  });
+}
 
 // ---- the daemon, looked at from outside ---------------------------------------------------------------
 
@@ -375,89 +229,223 @@ double processor_time(pid_t pid) {
   return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
 }
 
-size_t private_bytes(pid_t pid) {
-  const std::string rollup = testing::read_file("/proc/" + std::to_string(pid) + "/smaps_rollup");
-  const size_t found = rollup.find("Private_Dirty:");
-  return found == std::string::npos ? 0 : std::stoul(rollup.substr(found + 14)) * 1024;
+bool check(bool holds, const std::string& what) {
+  if (!holds) std::printf("  FAILED: %s\n", what.c_str());
+  return holds;
 }
 
-// With as many connections as it takes, a full backlog, and no descriptor to accept another with.
-double processor_share_at_the_limit(const testing::DaemonProcess& daemon, const std::string& socket) {
-  std::deque<HostileClient> open;
-  const size_t most = wire::connection_limits(daemon_descriptors).public_connections;
-  while (open.size() < most) open.emplace_back(socket);
-  eventually([&] { return daemon.descriptors() >= most; });
-  rlimit before;
-  prlimit(daemon.pid(), RLIMIT_NOFILE, nullptr, &before);
-  const rlimit none{1, before.rlim_max};
-  prlimit(daemon.pid(), RLIMIT_NOFILE, &none, nullptr);
-  while (open.size() < most + 200) open.emplace_back(socket);
-  std::this_thread::sleep_for(100ms);
-  const double used = processor_time(daemon.pid());
-  std::this_thread::sleep_for(2s);
-  const double share = (processor_time(daemon.pid()) - used) / 2;
-  prlimit(daemon.pid(), RLIMIT_NOFILE, &before, nullptr);
-  return share;
-}
-
-bool store_images(const testing::DeviceRoot& root) {
-  auto images = plist::MutableArray::create();
-  for (int i = 0; i < 4; ++i) images->append(plist::Data::create(std::string(size_t{1} << 20, 'i')));
-  client::Connection admin(wire::admin_service, root.at(""), 30s);
-  return client::store_regulatory_images(admin, images).outcome == client::Outcome::answered;
+bool within(milliseconds time, const std::function<bool()>& question) {
+  for (const auto deadline = steady_clock::now() + time; steady_clock::now() < deadline;) {
+    if (question()) return true;
+    std::this_thread::sleep_for(20ms);
+  }
+  return question();
 }
 
 // ---- the story ----------------------------------------------------------------------------------------
 
-bool check(bool holds, const char* what) {
-  std::printf("%s: %s\n", what, holds ? "yes" : "NO");
-  return holds;
-}
+/// One run of the daemon, through all attacks.
+class Trial {
+ public:
+  Trial(const Setting& setting, milliseconds attack_time) : setting_(setting), attack_time_(attack_time) {
+    std::filesystem::permissions(std::filesystem::path(device_.profile()).parent_path(),
+                                 std::filesystem::perms(0755));  // others reach the sockets too
+    testing::Environment environment = device_.environment();
+    environment.erase("CORVANE_LOG_STDERR");  // which nothing bounds
+    daemon_.emplace(environment, setting.descriptors);
+    group_.emplace(daemon_->pid());
+  }
 
-int run(const Form& form) {
-  const testing::DeviceRoot root;
-  testing::Environment environment = root.environment();
-  environment.erase("CORVANE_LOG_STDERR");  // which nothing bounds
-  testing::DaemonProcess daemon(environment, daemon_descriptors);
-  if (!check(eventually([&] { return store_images(root); }), "the daemon serves")) return 1;
+  bool run(const std::vector<Attack>& attacks, bool stops_the_daemon) {
+    std::printf("%d descriptors, images of %zu bytes, attackers are %s\n", static_cast<int>(setting_.descriptors),
+                setting_.image_bytes, setting_.by_other_user ? "another user" : "processes of the same user");
+    if (!group_->exists()) std::printf("  no control group: what the kernel holds is not counted\n");
+    if (!check(within(20s, [&] { return store_images(); }), "the daemon serves")) return false;
+    if (setting_.image_bytes > mebibyte) group_->set_limit(memory_group_limit);
+    bool passed = meet({"nobody", {}}, 500ms);
+    const size_t descriptors_before = daemon_->descriptors();
+    const size_t memory_before = memory();
+    for (const Attack& attack : attacks) passed &= meet(attack, attack_time_);
+    if (stops_the_daemon) passed &= meet(testing::slow_writers, attack_time_, 7s);
 
-  HonestClients alone(root);
-  std::this_thread::sleep_for(1s);
-  alone.stop();
-  std::this_thread::sleep_for(300ms);
-  const size_t descriptors_before = daemon.descriptors();
-  const size_t memory_before = private_bytes(daemon.pid());
+    passed &= check(within(10s, [&] { return daemon_->descriptors() <= descriptors_before; }),
+                    "the descriptors come back: " + std::to_string(daemon_->descriptors()) + " after " +
+                        std::to_string(descriptors_before));
+    const auto memory_is_back = [&] { return memory() <= memory_before + memory_growth_limit; };
+    passed &= check(sanitized || within(10s, memory_is_back), "the memory comes back");
+    const size_t memory_after = memory();
+    const double share = processor_share_at_the_limit();
+    passed &=
+        check(sanitized || share < processor_share_limit, "the processor rests while nobody can be accepted");
+    passed &= check_log();
+    const milliseconds end = end_under_attack();
+    passed &= check(end != milliseconds::max(), "the daemon ends with status 0");
+    passed &= check(sanitized || end < 1s, "the daemon ends within a second");
+    std::printf("  memory: %zu KiB before, %zu KiB after; processor at the limit: %.1f %%; end: %d ms\n",
+                memory_before / 1024, memory_after / 1024, 100 * share, static_cast<int>(end.count()));
+    return passed;
+  }
 
-  HonestClients honest(root);
-  Attack attack(form, root, daemon.pid());
-  attack.run();
-  attack.print();
-  honest.stop();
-  bool passed = check(attack.took_place(), "every kind of attack took place");
-  passed &= check(honest.all_answered(), "every honest request was answered");
+ private:
+  void start(Children& attackers, const Attack& attack) const {
+    const testing::Target target{device_.socket(wire::public_service), device_.socket(wire::notification_service),
+                                 wire::connection_limits(setting_.descriptors).public_connections + 50};
+    for (size_t i = 0; i < attack.attackers.size(); ++i) {
+      attackers.start(setting_.by_other_user, [&, i] { attack.attackers[i](target, shared().done[i]); });
+    }
+  }
 
-  const auto descriptors_are_back = [&] { return daemon.descriptors() <= descriptors_before; };
-  passed &= check(eventually(descriptors_are_back), "the descriptors came back");
-  std::this_thread::sleep_for(1s);
-  const size_t memory_after = private_bytes(daemon.pid());
-  passed &= check(memory_after <= memory_before + memory_growth_limit, "the memory came back");
-  const double share = processor_share_at_the_limit(daemon, root.socket(wire::public_service));
-  passed &= check(share < processor_share_limit, "the processor rests while nobody can be accepted");
-  passed &= check(eventually(descriptors_are_back), "the descriptors came back again");
+  // Honest clients ask while the attack goes on, in the middle of which the daemon is stopped for a while.
+  bool meet(const Attack& attack, milliseconds time, milliseconds stop = 0ms) {
+    new (&shared()) Shared{};
+    Children honest, attackers;
+    honest.start(false, [&] { keep_one_connection(device_, shared().waits[0]); });
+    honest.start(false, [&] { connect_for_each_question(device_, shared().waits[1]); });
+    if (attack.attackers == testing::unread_subscriptions.attackers) {
+      honest.start(false, [&] { hear_each_notification(device_, shared().waits[2]); });
+    }
+    start(attackers, attack);
+    size_t peak = watch_memory(time / 2);
+    if (stop > 0ms) stop_the_daemon(stop);
+    const bool admin_answers = ask_admin();
+    peak = std::max(peak, watch_memory(time / 2));
+    shared().over = true;
+    const bool all_ended = honest.wait(30s);
+    const bool all_attacked = attackers.end();
 
-  const std::string log = testing::read_file(root.at("/var/mobile/Library/Logs/corvaned/corvaned.log")) +
-                          testing::read_file(root.at("/var/mobile/Library/Logs/corvaned/corvaned.1.log"));
-  const bool has_controls =
-      std::any_of(log.begin(), log.end(), [](char c) { return std::iscntrl(c) && c != '\n'; });
-  passed &= check(!log.empty() && log.size() <= log_limit, "the log stays within its bounds");
-  passed &= check(!has_controls, "the log has no control characters");
-  passed &= check(daemon.end(SIGTERM) == 0, "the daemon ends well");
-  if (!passed) std::fputs(daemon.standard_error().c_str(), stderr);
+    print(attack, peak);
+    bool passed = check(all_ended, "the honest clients end");
+    passed &= check(admin_answers, "the admin socket answers");
+    passed &= check(all_attacked, "the attackers attack until the end");
+    for (size_t i = 0; i < attack.attackers.size(); ++i) {
+      passed &= check(shared().done[i] > 0, "attacker " + std::to_string(i) + " does what it is for");
+    }
+    for (const Waits& waits : shared().waits) passed &= check_waits(waits, stop > 0ms);
+    return passed & check(sanitized || peak < memory_limit + 2 * setting_.image_bytes, "memory is bounded");
+  }
 
-  alone.print("alone");
-  honest.print("under attack");
-  std::printf("memory: %zu KiB before, %zu KiB after; processor at the limit: %.1f %%; log: %zu bytes\n",
-              memory_before / 1024, memory_after / 1024, 100 * share, log.size());
+  void print(const Attack& attack, size_t peak) const {
+    std::printf("  %-22s", attack.name.c_str());
+    constexpr const char* names[] = {"kept", "anew", "heard"};
+    for (size_t i = 0; i < std::size(names); ++i) {
+      const Waits& waits = shared().waits[i];
+      if (waits.count == 0) continue;
+      std::vector<uint32_t> times(waits.times.begin(), waits.times.begin() + waits.count);
+      std::sort(times.begin(), times.end());
+      const auto at = [&](double part) { return times[size_t(part * double(times.size() - 1))] / 1000.0; };
+      std::printf(" %s %zu: %.1f %.1f %.1f ms;", names[i], times.size(), at(0.5), at(0.99), at(1));
+    }
+    std::printf(" peak %zu MiB; done", peak / mebibyte);
+    for (size_t i = 0; i < attack.attackers.size(); ++i) std::printf(" %zu", shared().done[i].load());
+    std::printf("\n");
+  }
+
+  bool check_waits(const Waits& waits, bool was_stopped) const {
+    if (!check(waits.failure[0] == '\0', std::string("every question is answered: ") + waits.failure.data())) {
+      return false;
+    }
+    const uint32_t worst = *std::max_element(waits.times.begin(), waits.times.end());
+    return was_stopped || sanitized ||
+           check(std::chrono::microseconds(worst) < setting_.wait_limit(), "no wait is long");
+  }
+
+  // The highest of the time.
+  size_t watch_memory(milliseconds time) const {
+    size_t peak = 0;
+    for (const auto end = steady_clock::now() + time; steady_clock::now() < end;) {
+      peak = std::max(peak, memory());
+      std::this_thread::sleep_for(20ms);
+    }
+    return peak;
+  }
+
+  // What is the daemon's alone, and the kernel's part.
+  size_t memory() const {
+    const std::string rollup = "/proc/" + std::to_string(daemon_->pid()) + "/smaps_rollup";
+    const size_t resident =
+        testing::number_in(rollup, "Private_Clean:") + testing::number_in(rollup, "Private_Dirty:");
+    return resident * 1024 + group_->kernel_bytes();
+  }
+
+  void stop_the_daemon(milliseconds time) const {
+    kill(daemon_->pid(), SIGSTOP);
+    std::this_thread::sleep_for(time);
+    kill(daemon_->pid(), SIGCONT);
+  }
+
+  bool store_images() const {
+    client::Connection admin(wire::admin_service, device_.at(""));
+    const auto images = plist::Data::create(std::string(setting_.image_bytes, 'i'));
+    return client::store_regulatory_images(admin, images).outcome == client::Outcome::answered;
+  }
+
+  bool ask_admin() const {
+    client::Connection admin(wire::admin_service, device_.at(""));
+    return admin.ask(*wire::make_request("r")).outcome == client::Outcome::answered;
+  }
+
+  // With all places taken, a backlog, and no descriptor to accept another connection with.
+  double processor_share_at_the_limit() const {
+    const size_t places = wire::connection_limits(setting_.descriptors).public_connections;
+    testing::Crowd crowd(device_.socket(wire::public_service), places);
+    const auto connect = [](testing::HostileConnection& connection) { return !connection.has_ended(); };
+    within(5s, [&] { return crowd.each(connect), daemon_->descriptors() >= places; });
+    rlimit before;
+    prlimit(daemon_->pid(), RLIMIT_NOFILE, nullptr, &before);
+    const rlimit none{1, before.rlim_max};
+    prlimit(daemon_->pid(), RLIMIT_NOFILE, &none, nullptr);
+    testing::Crowd waiting(device_.socket(wire::public_service), 200);
+    waiting.each(connect);
+    std::this_thread::sleep_for(100ms);
+    const double used = processor_time(daemon_->pid());
+    std::this_thread::sleep_for(2s);
+    const double share = (processor_time(daemon_->pid()) - used) / 2;
+    prlimit(daemon_->pid(), RLIMIT_NOFILE, &before, nullptr);
+    return share;
+  }
+
+  bool check_log() const {
+    const std::string path = device_.at("/var/mobile/Library/Logs/corvaned/corvaned");
+    const std::string log = testing::read_file(path + ".log") + testing::read_file(path + ".1.log");
+    const auto is_control = [](char c) { return std::iscntrl(static_cast<unsigned char>(c)) != 0 && c != '\n'; };
+    const bool is_bounded = check(!log.empty() && log.size() <= log_limit, "the log stays within its bounds");
+    const bool is_clean = std::none_of(log.begin(), log.end(), is_control);
+    return check(is_clean, "the log has no control characters") && is_bounded;
+  }
+
+  // How long the daemon takes to end; at the most where it ends badly.
+  milliseconds end_under_attack() {
+    Children attackers;
+    start(attackers, testing::passed_descriptors);
+    std::this_thread::sleep_for(300ms);
+    const auto start = steady_clock::now();
+    const bool is_well = daemon_->end(SIGTERM) == 0;
+    if (!is_well) std::fputs(daemon_->standard_error().c_str(), stderr);
+    return is_well ? std::chrono::duration_cast<milliseconds>(steady_clock::now() - start) : milliseconds::max();
+  }
+
+  const Setting setting_;
+  const milliseconds attack_time_;
+  const testing::SimulatedRoot device_{"phone.plist"};
+  std::optional<testing::MemoryGroup> group_;  // goes after the daemon in it
+  std::optional<testing::DaemonProcess> daemon_;
+};
+
+int run(const Form& form, const std::vector<Attack>& attacks) {
+  rlimit descriptors;
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  descriptors.rlim_cur = descriptors.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &descriptors);
+  std::printf("honest waits: how many, p50, p99, worst\n");
+  bool passed = true;
+  for (Setting setting : form.settings) {
+    if (setting.by_other_user && geteuid() != 0) {
+      std::printf("skipped, because only root can attack as another user\n");
+      continue;
+    }
+    passed &= Trial(setting, form.attack_time).run(attacks, form.stops_the_daemon);
+  }
+  std::printf(passed ? "nobody took the service from anybody\n" : "FAILED\n");
   return passed ? 0 : 1;
 }
 
@@ -466,10 +454,12 @@ int run(const Form& form) {
 }  // namespace corvane
 
 int main(int argc, char** argv) {
-  const std::string_view wanted = argc > 1 ? argv[1] : "--short";
-  for (const corvane::Form& form : corvane::forms) {
-    if (form.option == wanted) return corvane::run(form);
-  }
-  std::fprintf(stderr, "usage: hostile_load [--medium|--long]\n");
+  const std::string_view form = argc > 1 ? argv[1] : "--short";
+  const std::string_view wanted = argc > 2 ? argv[2] : "";
+  std::vector<corvane::Attack> attacks = corvane::testing::all_attacks();
+  std::erase_if(attacks, [&](const auto& each) { return each.name.find(wanted) == std::string::npos; });
+  if (form == "--long" && !attacks.empty()) return corvane::run(corvane::long_form, attacks);
+  if (form == "--short" && !attacks.empty()) return corvane::run(corvane::short_form, attacks);
+  std::fprintf(stderr, "usage: hostile_load [--short|--long [ATTACK]]\n");
   return 2;
 }

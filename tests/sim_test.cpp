@@ -2,46 +2,17 @@
 
 #include <optional>
 
-#include "platform/process/small_file.h"
 #include "tests/support/daemon_process.h"
-#include "tools/plist_edit.h"
+#include "tests/support/simulated_root.h"
 
 namespace corvane {
 namespace {
 
 using testing::DaemonProcess;
 using testing::RawClient;
+using testing::SimulatedRoot;
 
 plist::Ref<plist::String> text(std::string_view utf8) { return plist::String::create(utf8); }
-
-/// Entries of a profile's dictionary "Telephony"; their keys may be paths.
-using TelephonyEntries = std::vector<std::pair<std::string, plist::Ref<plist::Value>>>;
-
-/// A root with one of the profiles that come with the daemon.
-struct SimulatedRoot : testing::DeviceRoot {
-  explicit SimulatedRoot(const std::string& name) {
-    testing::write_file(profile(), testing::read_file(CORVANE_SOURCE_DIR "/profiles/" + name));
-  }
-  /// Puts another file in the profile's place.
-  void replace(const TelephonyEntries& entries) const {
-    for (const auto& [key, value] : entries) tools::set_entry(profile(), "Telephony." + key, value);
-  }
-  /// Writes into the profile's own file.
-  void rewrite(const TelephonyEntries& entries) const {
-    const std::string copy = at("/copy.plist");
-    testing::write_file(copy, testing::read_file(profile()));
-    for (const auto& [key, value] : entries) tools::set_entry(copy, "Telephony." + key, value);
-    testing::write_file(profile(), testing::read_file(copy));
-  }
-  /// Waits until the ark's file holds what this describes.
-  void expect_ark(const std::string& expected) const {
-    std::string ark;
-    EXPECT_TRUE(testing::eventually([&] {
-      DictionaryFile file(at("/private/var/mobile/Library/cvd/data_ark.plist"));
-      return (ark = plist::describe(file.contents().dictionary.get())) == expected;
-    })) << ark;
-  }
-};
 
 std::string ark_text(const std::string& sim, const std::string& owner, const std::string& status) {
   return "{\"-IntegratedCircuitCardIdentity\": \"" + sim + "\", \"-InternationalMobileSubscriberIdentity\": \"" +

@@ -38,6 +38,8 @@ class FrameReader {
   Status next(Frame& frame);
   /// Whether a part of a frame has come.
   bool inside_frame() const { return header_size_ != 0; }
+  /// The bytes of the buffer for the body of that frame.
+  size_t body_buffer_size() const { return body_ ? body_->bytes().size() : 0; }
 
  private:
   static constexpr size_t first_body_buffer = 64 * 1024;

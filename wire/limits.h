@@ -9,7 +9,7 @@
 namespace corvane::wire {
 
 /// Request bodies.
-inline constexpr uint32_t public_request_limit = 1u << 20;
+inline constexpr uint32_t public_request_limit = 64u << 10;
 inline constexpr uint32_t admin_request_limit = 64u << 20;
 /// Response bodies: what the daemon sends and a client accepts.
 inline constexpr uint32_t response_limit = 128u << 20;
@@ -19,16 +19,25 @@ inline constexpr unsigned request_depth_limit = 120;
 
 /// While a connection's pending output is more than this, the daemon reads nothing more from it.
 inline constexpr size_t unread_output_limit = 1u << 20;
-/// The budget for the pending output of all clients of a socket together. Once it is exceeded, no request is
-/// answered there until pending output has come down to half of it.
-inline constexpr size_t all_unread_output_limit = size_t{256} << 20;
+/// The budget for the memory of all clients of a socket together: requests being received, answers not yet sent,
+/// equal large ones counted once, and the kernel's part. Over it, a request waits unless its process holds no
+/// answer.
+inline constexpr size_t memory_budget = size_t{64} << 20;
+/// How often a request that waits for the budget is looked at again.
+inline constexpr std::chrono::milliseconds budget_retry{20};
+
+/// Connections that wait to be accepted. A client that fills the backlog keeps others waiting in it for as long as
+/// it takes to accept as many.
+inline constexpr int backlog = 256;
+
+/// Requests are served, and connections accepted, for this long, or one of them, before the daemon looks who else
+/// has something to ask.
+inline constexpr std::chrono::milliseconds turn_slice{1};
 
 /// A connection is closed when a request takes longer than this from its first byte to its last.
 inline constexpr std::chrono::seconds request_timeout{5};
-/// A connection is closed when its client takes no byte of its pending output for longer than this; the shorter
-/// one holds while pending output is over its budget.
+/// A connection is closed when its client takes no byte of its pending output for longer than this.
 inline constexpr std::chrono::seconds write_timeout{5};
-inline constexpr std::chrono::milliseconds write_timeout_over_budget{250};
 
 /// The descriptors that the daemon keeps for itself: about 20 for as long as it runs, one new connection at each
 /// socket, and what a request and a log line open.
@@ -51,10 +60,6 @@ constexpr ConnectionLimits connection_limits(uint64_t descriptors) {
   const uint64_t rest = shared - subscribers;
   return {subscribers, rest < public_connection_limit ? rest : public_connection_limit};
 }
-
-/// A connection is not evicted for a new one before it has been idle for this long, so that a flood of connections
-/// cannot push out a client that is about to ask.
-inline constexpr std::chrono::milliseconds eviction_grace{50};
 
 /// While a subscriber has more than this pending, it misses what is posted.
 inline constexpr size_t unread_notifications_limit = 64 * 1024;

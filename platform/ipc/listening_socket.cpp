@@ -1,7 +1,5 @@
 #include "platform/ipc/listening_socket.h"
 
-#include <asio/error.hpp>
-
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -9,14 +7,18 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
 #include "platform/descriptor.h"
+#include "platform/ipc/passed_descriptors.h"
 #include "platform/report.h"
 #include "wire/socket_address.h"
 
 namespace corvane {
+
+using std::chrono::steady_clock;
 
 namespace {
 
@@ -28,13 +30,14 @@ int bind_and_listen(int socket, const std::string& path, mode_t mode) {
   if (unlink(address.path()) != 0 && errno != ENOENT) return errno;
   if (bind(socket, address.get(), address.size()) != 0) return errno;
   if (chmod(address.path(), mode) != 0) return errno;
-  return ::listen(socket, SOMAXCONN) == 0 ? 0 : errno;
+  return ::listen(socket, wire::backlog) == 0 ? 0 : errno;
 }
 
 // -1 with errno set where it fails.
-int create_listening_socket(const std::string& path, mode_t mode) {
+int create_listening_socket(const std::string& path, mode_t mode, bool& refuses_descriptors) {
   const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (socket < 0) return -1;
+  refuses_descriptors = refuse_passed_descriptors(socket);
   const int error = bind_and_listen(socket, path, mode);
   if (error == 0) return socket;
   close(socket);
@@ -48,6 +51,13 @@ wire::ConnectionLimits connection_limits() {
   rlimit descriptors{};
   getrlimit(RLIMIT_NOFILE, &descriptors);
   return wire::connection_limits(descriptors.rlim_cur);
+}
+
+PeerIdentity identity_of(int socket) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return {UINT32_MAX, 0};
+  return {peer.uid, peer.pid};
 }
 
 ListeningSocket::ListeningSocket(std::string path, mode_t mode, asio::io_context& context, Handlers handlers)
@@ -71,26 +81,20 @@ void ListeningSocket::open() {
   rearm();
 }
 
-void ListeningSocket::accept_next() {
-  accepts_ = true;
-  rearm();
-}
-
-// Waits and then accepts, in one step on this thread: a connection that an asynchronous accept had taken, and not
-// yet told of, would be unknown to `accept_now`.
 void ListeningSocket::rearm() {
   if (!opened_ || pending_) return;
   if (!acceptor_.is_open() && !listen()) return retry_after(wire::bind_retry);
-  if (!accepts_) return;
   acceptor_.async_wait(asio::socket_base::wait_read, [this](const std::error_code&) {
     pending_ = false;
-    accept_one();
+    // No flood of connections keeps the queue from its other work for longer than a slice of turns.
+    accept_until(steady_clock::now() + wire::turn_slice);
+    rearm();
   });
   pending_ = true;
 }
 
 bool ListeningSocket::listen() {
-  Descriptor socket(create_listening_socket(path_, mode_));
+  Descriptor socket(create_listening_socket(path_, mode_, refuses_descriptors_));
   std::error_code error(socket.is_open() ? 0 : errno, std::system_category());
   if (!error) acceptor_.assign(asio::local::stream_protocol(), socket.number(), error);
   if (!error) {
@@ -104,29 +108,17 @@ bool ListeningSocket::listen() {
   return acceptor_.is_open();
 }
 
-void ListeningSocket::accept_one() {
-  std::error_code error;
-  if (std::optional<Socket> socket = accept(error)) {
-    accepts_ = false;
-    return handlers_.accepted(std::move(*socket));
+void ListeningSocket::accept_until(steady_clock::time_point end) {
+  if (!acceptor_.is_open()) return;
+  int error = 0;
+  for (int i = 0; i < wire::backlog && error == 0 && steady_clock::now() < end; ++i) {
+    const int socket = accept4(acceptor_.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    error = socket < 0 ? errno : 0;
+    if (socket >= 0) handlers_.accepted(socket);
   }
-  if (error == asio::error::would_block) return rearm();
-  if (error == asio::error::no_descriptors) handlers_.out_of_descriptors();
+  if (error == 0 || error == EAGAIN || error == EINTR || error == ECONNABORTED || pending_) return;
+  if (error == EMFILE || error == ENFILE) handlers_.out_of_descriptors();
   retry_after(wire::accept_retry);
-}
-
-std::optional<ListeningSocket::Socket> ListeningSocket::accept(std::error_code& error) {
-  Socket socket = acceptor_.accept(error);
-  if (error) return std::nullopt;
-  fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
-  socket.non_blocking(true, error);
-  if (error) return std::nullopt;
-  return socket;
-}
-
-std::optional<ListeningSocket::Socket> ListeningSocket::accept_now() {
-  std::error_code ignored;
-  return accept(ignored);
 }
 
 void ListeningSocket::retry_after(std::chrono::milliseconds delay) {

@@ -5,11 +5,10 @@
 
 #include <chrono>
 #include <functional>
-#include <optional>
 #include <string>
 #include <sys/types.h>
-#include <system_error>
 
+#include "platform/ipc/share_table.h"
 #include "wire/limits.h"
 
 namespace corvane {
@@ -17,16 +16,17 @@ namespace corvane {
 /// How many connections this process has the descriptors for.
 wire::ConnectionLimits connection_limits();
 
+/// Who is at the other end of a connection. A peer of which nothing can be known counts as a user of its own.
+PeerIdentity identity_of(int socket);
+
 /// A listening local stream socket at a path. A path that cannot be bound is tried again every few seconds, and
 /// reported once for each reason; while there are no descriptors to accept with, connections wait in the backlog.
 /// Everything happens on the thread of `context`, where nothing may run any more when this is destroyed.
 class ListeningSocket {
  public:
-  using Socket = asio::local::stream_protocol::socket;
-
   struct Handlers {
-    /// Takes a new connection, whose socket does not block. The next one is accepted after `accept_next`.
-    std::function<void(Socket)> accepted;
+    /// Owns the socket of a new connection, which does not block.
+    std::function<void(int socket)> accepted;
     /// A connection waits, and there is no descriptor to accept it with.
     std::function<void()> out_of_descriptors;
   };
@@ -37,19 +37,19 @@ class ListeningSocket {
 
   const std::string& path() const { return path_; }
 
-  /// Listens, and waits for the first connection.
+  /// Listens, and accepts whatever comes.
   void open();
-  /// Waits for the next connection.
-  void accept_next();
   /// After std::bad_alloc: waits again for whatever is due, unless it is still waited for.
   void rearm();
-  /// A connection that is in the backlog now, if there is one.
-  std::optional<Socket> accept_now();
+  /// Accepts all connections that are in the backlog now.
+  void accept_backlog() { accept_until(std::chrono::steady_clock::time_point::max()); }
+
+  /// Whether the kernel refuses descriptors that clients pass along (platform/ipc/passed_descriptors.h).
+  bool refuses_descriptors() const { return refuses_descriptors_; }
 
  private:
   bool listen();
-  void accept_one();
-  std::optional<Socket> accept(std::error_code& error);
+  void accept_until(std::chrono::steady_clock::time_point end);
   void retry_after(std::chrono::milliseconds delay);
 
   const std::string path_;
@@ -58,9 +58,9 @@ class ListeningSocket {
   asio::local::stream_protocol::acceptor acceptor_;
   asio::steady_timer retry_timer_;
   bool opened_ = false;
-  bool accepts_ = true;   ///< a connection is to be accepted as soon as one comes
   bool pending_ = false;  ///< a wait for a connection or for the retry timer is under way
   int bind_error_ = 0;    ///< the one reported last
+  bool refuses_descriptors_ = false;
 };
 
 }  // namespace corvane

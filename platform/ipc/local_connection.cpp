@@ -1,10 +1,13 @@
 #include "platform/ipc/local_connection.h"
 
-#include <asio/error.hpp>
-
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
+#include <linux/sockios.h>
 #include <string_view>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <utility>
 
 #include "wire/limits.h"
@@ -19,26 +22,24 @@ constexpr int ticks(std::chrono::milliseconds timeout) {
 }
 constexpr int request_ticks = ticks(wire::request_timeout);
 constexpr int write_ticks = ticks(wire::write_timeout);
-constexpr int write_ticks_over_budget = ticks(wire::write_timeout_over_budget);
 
-bool is_temporary(const std::error_code& error) {
-  return error == asio::error::would_block || error == asio::error::interrupted;
-}
+// What a buffer of the kernel takes besides the bytes in it, and how much of that is only estimated.
+constexpr size_t kernel_overhead = 1024;
+constexpr size_t estimate_limit = 16 * 1024;
+
+bool is_temporary(int error) { return error == EAGAIN || error == EINTR; }
 
 }  // namespace
 
-LocalConnection::LocalConnection(Socket socket, uint32_t request_limit)
-    : socket_(std::move(socket)), reader_(request_limit) {}
+LocalConnection::LocalConnection(int socket, const Environment& environment)
+    : socket_(socket), environment_(environment), reader_(environment.request_limit) {}
 
 void LocalConnection::close() {
-  std::error_code ignored;
-  socket_.close(ignored);
+  if (socket_ < 0) return;
+  close_socket(std::exchange(socket_, -1), environment_.closer);
+  request_.reset();
   output_.clear();
-  unsent_ = sent_of_front_ = 0;
-}
-
-bool LocalConnection::wants_input() const {
-  return resumed_ && input_open_ && unsent_ <= wire::unread_output_limit;
+  unsent_ = sent_of_front_ = own_output_ = in_kernel_ = 0;
 }
 
 // The responses already due are still sent.
@@ -52,23 +53,45 @@ void LocalConnection::fail(const char* fault) {
   fault_ = fault;
 }
 
-// ---- requests -----------------------------------------------------------------------------------------
-
-void LocalConnection::receive() {
-  const std::span<char> buffer = reader_.prepare();
-  std::error_code error;
-  const size_t count = socket_.read_some(asio::buffer(buffer.data(), buffer.size()), error);
-  if (!error) return reader_.commit(count);
-  if (!is_temporary(error)) stop_input(nullptr);
+size_t LocalConnection::memory() const {
+  const size_t request = request_ ? request_->body->bytes().size() : 0;
+  return request + reader_.body_buffer_size() + own_output_ + in_kernel_;
 }
 
-bool LocalConnection::serve_next() {
+// ---- requests -----------------------------------------------------------------------------------------
+
+bool LocalConnection::wants_input() const {
+  return resumed_ && input_open_ && !request_ && unsent_ <= wire::unread_output_limit;
+}
+
+// Where the kernel does not refuse descriptors, bytes that have some with them are never received.
+ssize_t LocalConnection::read_some(std::span<char> buffer) {
+  if (environment_.closer != nullptr) {
+    const Peeked peeked = peek_for_descriptors(socket_, buffer.data(), buffer.size());
+    if (peeked.has_descriptors) fail("it passed descriptors");
+    if (peeked.count <= 0 || peeked.has_descriptors) return peeked.count;
+    buffer = buffer.first(static_cast<size_t>(peeked.count));
+  }
+  return recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+}
+
+bool LocalConnection::receive() {
   if (!wants_input()) return false;
-  wire::Frame request;
-  switch (reader_.next(request)) {
+  const std::span<char> buffer = reader_.prepare();
+  const ssize_t count = read_some(buffer);
+  if (failed_) return false;
+  if (count == 0 || (count < 0 && !is_temporary(errno))) stop_input(nullptr);
+  if (count > 0) reader_.commit(static_cast<size_t>(count));
+  return count == static_cast<ssize_t>(buffer.size());
+}
+
+bool LocalConnection::has_request() {
+  if (request_) return unsent_ <= wire::unread_output_limit;
+  if (!wants_input()) return false;
+  wire::Frame frame;
+  switch (reader_.next(frame)) {
     case wire::FrameReader::Status::frame:
-      request_ticks_ = 0;
-      respond(request);
+      request_ = std::move(frame);
       return true;
     case wire::FrameReader::Status::incomplete:
       return false;
@@ -82,74 +105,96 @@ bool LocalConnection::serve_next() {
   return false;
 }
 
-void LocalConnection::respond(const wire::Frame& request) {
+bool LocalConnection::serve() {
   assert(delivery_queue_->is_current() && "requests are delivered on the delivery queue");
+  const wire::Frame request = *std::exchange(request_, std::nullopt);
+  request_ticks_ = 0;
   plist::ByteChain body;
-  if (!interface_->deliver(*object_, Message{request.kind, request.body}, body)) return;
-  const auto length = static_cast<uint32_t>(body.size());
-  output_.push_back({wire::encode_header({wire::raw_data_kind, length}), std::move(body)});
+  if (!interface_->deliver(*object_, Message{request.kind, request.body}, body)) return false;
+  OutgoingFrame frame{wire::encode_header({wire::raw_data_kind, static_cast<uint32_t>(body.size())}), {}, nullptr};
+  if (SharedAnswers::is_large(body)) {
+    frame.shared = environment_.answers.share(std::move(body));
+  } else {
+    frame.own = std::move(body);
+  }
+  output_.push_back(std::move(frame));
   unsent_ += output_.back().size();
+  own_output_ += output_.back().own_size();
+  return true;
 }
 
 // ---- responses ----------------------------------------------------------------------------------------
 
 bool LocalConnection::send() {
   if (unsent_ == 0) return false;
-  std::error_code error;
-  const size_t count = socket_.write_some(gather(), error);
-  drop_sent(count);
-  if (error && !is_temporary(error)) fail(nullptr);
-  return count != 0;
+  msghdr message{};
+  message.msg_iov = buffers_.data();
+  message.msg_iovlen = gather();
+  const ssize_t count = sendmsg(socket_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (count < 0 && !is_temporary(errno)) fail(nullptr);
+  if (count > 0) drop_sent(static_cast<size_t>(count));
+  return count > 0;
 }
 
-LocalConnection::Buffers LocalConnection::gather() {
+size_t LocalConnection::gather() {
   size_t count = 0;
   size_t skip = sent_of_front_;
   const auto add = [&](std::string_view piece) {
     const size_t skipped = std::min(skip, piece.size());
     skip -= skipped;
     piece.remove_prefix(skipped);
-    if (!piece.empty() && count < buffers_.size()) buffers_[count++] = asio::buffer(piece.data(), piece.size());
+    if (piece.empty() || count == buffers_.size()) return;
+    buffers_[count++] = {const_cast<char*>(piece.data()), piece.size()};
   };
   for (const OutgoingFrame& frame : output_) {
     if (count == buffers_.size()) break;
     add({frame.header.data(), frame.header.size()});
-    for (const std::string_view piece : frame.body.pieces()) add(piece);
+    for (const std::string_view piece : frame.body().pieces()) add(piece);
   }
-  return {buffers_.data(), buffers_.data() + count};
+  return count;
 }
 
 void LocalConnection::drop_sent(size_t count) {
-  if (count == 0) return;
   write_ticks_ = 0;
   unsent_ -= count;
   sent_of_front_ += count;
+  in_kernel_ += count + kernel_overhead;
+  if (in_kernel_ > estimate_limit) measure_kernel_buffer();
   while (!output_.empty() && sent_of_front_ >= output_.front().size()) {
     sent_of_front_ -= output_.front().size();
+    own_output_ -= output_.front().own_size();
     output_.pop_front();
   }
+}
+
+void LocalConnection::measure_kernel_buffer() {
+  int unread = 0;
+  if (in_kernel_ == 0 || ioctl(socket_, SIOCOUTQ, &unread) != 0) return;
+  const size_t before = std::exchange(in_kernel_, static_cast<size_t>(unread));
+  // An estimate that was too large is no sign of life, and does no harm either.
+  if (in_kernel_ < before) write_ticks_ = 0;
 }
 
 // ---- timeouts -----------------------------------------------------------------------------------------
 
 void LocalConnection::update_deadlines(bool over_budget) {
-  const bool awaits_request = wants_input() && !over_budget && reader_.inside_frame();
+  const bool awaits_request = wants_input() && reader_.inside_frame();
   if (!awaits_request) {
     request_ticks_ = 0;
   } else if (request_ticks_ == 0) {
     request_ticks_ = request_ticks;
   }
-  if (unsent_ == 0) {
+  const bool awaits_reader = unsent_ != 0 || (over_budget && in_kernel_ != 0);
+  if (!awaits_reader) {
     write_ticks_ = 0;
   } else if (write_ticks_ == 0) {
     write_ticks_ = write_ticks;
   }
 }
 
-void LocalConnection::tick(bool over_budget) {
+void LocalConnection::tick() {
   if (request_ticks_ > 0 && --request_ticks_ == 0) fail("its request did not arrive whole in time");
-  const int last_tick = over_budget ? write_ticks - write_ticks_over_budget : 0;
-  if (write_ticks_ > 0 && --write_ticks_ <= last_tick) fail("it did not read its answers");
+  if (write_ticks_ > 0 && --write_ticks_ == 0) fail("it did not read its answers");
 }
 
 }  // namespace corvane

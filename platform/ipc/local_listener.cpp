@@ -1,6 +1,8 @@
 #include "platform/ipc/local_listener.h"
 
-#include <algorithm>
+#include <asio/post.hpp>
+
+#include <chrono>
 #include <malloc.h>
 #include <new>
 #include <utility>
@@ -10,19 +12,16 @@
 namespace corvane {
 
 using std::chrono::steady_clock;
-using Socket = ListeningSocket::Socket;
 
 /// A connection, and what the listener keeps of it.
-struct LocalListener::Client : std::enable_shared_from_this<Client> {
-  Client(Socket socket, uint32_t request_limit) : connection(std::move(socket), request_limit) {}
+struct LocalListener::Client : ShareTable::Entry {
+  Client(int socket, const LocalConnection::Environment& environment) : connection(socket, environment) {}
 
   LocalConnection connection;
-  time_point last_active = steady_clock::now();
-  Clients::iterator place;
-  size_t counted_output = 0;  ///< its part of pending_output_
-  bool awaits_readable = false;
-  bool awaits_writable = false;
-  bool closed = false;  ///< and no longer in the list: what still waits for the socket keeps it alive for a while
+  std::list<Client>* list = nullptr;  ///< the one that it is in
+  std::list<Client>::iterator place;
+  size_t counted_memory = 0;  ///< its part of memory_
+  SocketPoller::Readiness interest{.readable = true};
 };
 
 LocalListener::Policy LocalListener::policy_for(IpcAccess access) {
@@ -30,174 +29,261 @@ LocalListener::Policy LocalListener::policy_for(IpcAccess access) {
   return {0666, wire::public_request_limit, connection_limits().public_connections, true};
 }
 
-LocalListener::LocalListener(std::string path, IpcAccess access, RequestQueue& queue)
+LocalListener::LocalListener(std::string path, IpcAccess access, RequestQueue& queue, SocketCloser& closer)
     : policy_(policy_for(access)),
       queue_(queue),
+      closer_(closer),
+      shares_(policy_.connection_limit),
+      poller_(queue.context()),
       listening_(std::move(path), policy_.socket_mode, queue.context(),
-                 {[this](Socket socket) { admit(std::move(socket)); }, [this] { evict_idle(); }}),
-      room_timer_(queue.context()),
-      tick_timer_(queue.context()) {
+                 {[this](int socket) { admit(socket); }, [this] { make_room_for_descriptors(); }}),
+      tick_timer_(queue.context()),
+      turns_timer_(queue.context()) {
   queue_.rearm_with([this] { rearm(); });
 }
 
-LocalListener::~LocalListener() {
-  queue_.stop();
-  for (const auto& client : clients_) client->connection.close();
-}
+LocalListener::~LocalListener() { queue_.stop(); }
 
 void LocalListener::resume() {
-  queue_.submit([this] { listening_.open(); });
+  queue_.submit([this] {
+    listening_.open();
+    work_later();
+  });
 }
 
 void LocalListener::rearm() {
   listening_.rearm();
-  admit_pending();
   if (!clients_.empty()) start_ticking();
+  work_later();
 }
 
-// ---- new connections ----------------------------------------------------------------------------------
-
-void LocalListener::admit(Socket socket) {
-  pending_ = std::move(socket);
-  pending_since_ = steady_clock::now();
-  admit_pending();
+// Moves a client to the end of another list.
+template <class List, class Client>
+void move_to(List& list, Client& client) {
+  list.splice(list.end(), *client.list, client.place);
+  client.list = &list;
 }
 
-void LocalListener::admit_pending() {
-  if (!pending_ || !make_room()) return;
+// ---- admission ----------------------------------------------------------------------------------------
+
+void LocalListener::admit(int socket) {
+  const PeerIdentity peer = identity_of(socket);
+  SocketCloser* const closer = listening_.refuses_descriptors() ? nullptr : &closer_;
   try {
-    set_up(*std::exchange(pending_, std::nullopt));
+    Client& client =
+        clients_.emplace_back(socket, LocalConnection::Environment{policy_.request_limit, answers_, closer});
+    client.list = &clients_;
+    client.place = std::prev(clients_.end());
+    run(client, [&] { set_up(client, peer); });
   } catch (const std::bad_alloc&) {
     report("out of memory: a new connection was closed");
+    close_socket(socket, closer);
   }
-  listening_.accept_next();
+  closed_.clear();
 }
 
-// False: the new connection was refused, or waits.
-bool LocalListener::make_room() {
-  if (clients_.size() < policy_.connection_limit) return true;
-  if (!policy_.evicts) {
-    pending_.reset();
+void LocalListener::set_up(Client& client, PeerIdentity peer) {
+  if (!make_room(peer)) {
     refused_report_("refused a connection to %s: too many connections", listening_.path().c_str());
-    listening_.accept_next();
-    return false;
+    return close(client, nullptr);
   }
-  Client& idle = *clients_.front();
-  // The wait of the new connection counts too: connections that are never idle must not keep everyone out.
-  const duration grace_used = steady_clock::now() - std::min(idle.last_active, pending_since_);
-  if (grace_used < wire::eviction_grace) {
-    make_room_after(wire::eviction_grace - grace_used);
-    return false;
-  }
-  close(idle, nullptr);
-  return true;
+  shares_.add(client, peer);
+  const bool accepted = delegate_->listener_shouldAcceptNewConnection(*this, client.connection);
+  if (!accepted || !poller_.add(client.connection.socket(), &client)) close(client, nullptr);
 }
 
-void LocalListener::make_room_after(duration delay) {
-  room_timer_.expires_after(delay);
-  room_timer_.async_wait([this](const std::error_code& error) {
-    if (!error) admit_pending();
+bool LocalListener::make_room(PeerIdentity peer) {
+  if (!policy_.shares) return shares_.size() < policy_.connection_limit;
+  const ShareTable::Admission admission = shares_.admission_of(peer);
+  if (admission.verdict == ShareTable::Verdict::evict) {
+    evicted_report_("evicted a connection of the user with the most: all %zu are taken", policy_.connection_limit);
+    close(static_cast<Client&>(*admission.evicted), nullptr);
+  }
+  return admission.verdict != ShareTable::Verdict::refuse;
+}
+
+void LocalListener::make_room_for_descriptors() {
+  if (!policy_.shares) return;
+  if (ShareTable::Entry* first = shares_.first_to_evict()) close(static_cast<Client&>(*first), nullptr);
+  closed_.clear();
+}
+
+void LocalListener::close(Client& client, const char* fault) {
+  if (client.list == &closed_) return;
+  if (fault != nullptr) closed_report_("closed a connection: %s", fault);
+  poller_.remove(client.connection.socket());
+  client.connection.close();
+  memory_ -= std::exchange(client.counted_memory, 0);
+  shares_.remove(client);
+  move_to(closed_, client);
+  start_ticking();  // the last tick gives freed memory back to the system
+}
+
+// ---- events and turns ---------------------------------------------------------------------------------
+
+// Reads from the sockets that are ready, serves a slice of turns and sends the answers. In between the event loop
+// does other work.
+void LocalListener::work() {
+  handle_events();
+  if (steady_clock::now() >= next_turns_) {
+    serve_turns();
+    send_answers();
+  }
+  closed_.clear();
+  work_later();
+}
+
+void LocalListener::work_later() {
+  const auto now = steady_clock::now();
+  const bool has_ready = shares_.has_ready();
+  if (has_ready && !over_budget() && now >= next_turns_) return post_work();
+  if (!polling_) {
+    poller_.async_wait([this] {
+      polling_ = false;
+      work();
+    });
+    polling_ = true;
+  }
+  if (!has_ready || awaits_turns_) return;
+  if (over_budget()) {
+    start_ticking();  // those who do not read what the kernel holds for them have a timeout now
+    // Nothing tells when a client has read what the kernel holds for it.
+    next_turns_ = std::max(next_turns_, now + wire::budget_retry);
+  }
+  turns_timer_.expires_at(next_turns_);
+  turns_timer_.async_wait([this](const std::error_code&) {
+    awaits_turns_ = false;
+    work();
+  });
+  awaits_turns_ = true;
+}
+
+void LocalListener::post_work() {
+  if (posted_) return;
+  asio::post(queue_.context(), [this] {
+    posted_ = false;
+    work();
+  });
+  posted_ = true;
+}
+
+void LocalListener::handle_events() {
+  // A lone client is the one that is ready, which saves a call.
+  if (clients_.size() == 1) return handle_event(clients_.front(), clients_.front().interest);
+  for (const SocketPoller::Event& event : poller_.poll()) {
+    handle_event(*static_cast<Client*>(event.data), event.ready);
+  }
+}
+
+void LocalListener::handle_event(Client& client, SocketPoller::Readiness ready) {
+  if (client.list == &closed_) return;
+  // Its turn takes a while: until then it would be told again and again.
+  if (ready.readable && client.connection.has_request()) set_interest(client, {false, client.interest.writable});
+  run(client, [&] {
+    if (ready.readable) client.connection.receive();
+    if (ready.writable) send(client);
   });
 }
 
-void LocalListener::evict_idle() {
-  if (!policy_.evicts || clients_.empty()) return;
-  Client& idle = *clients_.front();
-  if (steady_clock::now() - idle.last_active >= wire::eviction_grace) close(idle, nullptr);
+// A turn that took long, for large answers, is followed by as long a time for sending: a client that reads one
+// gets it piece by piece, and must not wait for another turn between any two of them.
+void LocalListener::serve_turns() {
+  const auto start = steady_clock::now();
+  if (over_budget()) measure_kernel_buffers();
+  auto now = start;
+  do {
+    ShareTable::Entry* next = shares_.next_turn(over_budget());
+    if (next == nullptr) return;
+    serve(static_cast<Client&>(*next));
+    now = steady_clock::now();
+  } while (now - start < wire::turn_slice);
+  const bool took_long = now - start > 2 * wire::turn_slice;
+  if (took_long && answers_.bytes() != 0) next_turns_ = now + (now - start);
 }
 
-void LocalListener::set_up(Socket socket) {
-  const auto client = std::make_shared<Client>(std::move(socket), policy_.request_limit);
-  client->place = clients_.insert(clients_.end(), client);
+// A client that sends requests without waiting for the answers goes on as long as it is its turn again.
+void LocalListener::serve(Client& client) {
   try {
-    if (!delegate_->listener_shouldAcceptNewConnection(*this, client->connection)) return close(*client, nullptr);
-  } catch (const std::bad_alloc&) {
-    return close(*client, "out of memory");
-  }
-  serve(*client, false);
-}
-
-// ---- a client's turn ----------------------------------------------------------------------------------
-
-// The whole way of a request, from the bytes that came to the response.
-void LocalListener::serve(Client& client, bool readable) {
-  LocalConnection& connection = client.connection;
-  try {
-    if (readable) connection.receive();
-    do {
-      send(client);
-    } while (serve_requests(client));
-    connection.update_deadlines(over_budget_);
-    if (connection.is_finished()) return close(client, connection.fault());
-    if (connection.has_deadline()) start_ticking();
-    wait_for(client);
+    if (client.connection.serve()) shares_.became_active(client);
+    while (!client.connection.has_request() && client.connection.receive()) {
+    }
+    if (client.connection.has_request()) shares_.make_ready(client);
+    count_memory(client);
+    if (client.list != &served_) move_to(served_, client);
   } catch (const std::bad_alloc&) {
     close(client, "out of memory");
   }
 }
 
-// Whether there was any.
-bool LocalListener::serve_requests(Client& client) {
-  bool served = false;
-  while (!over_budget_ && client.connection.serve_next()) {
-    served = true;
-    if (count_output(client)) became_active(client);
+// All that a client was answered in the turns before goes in one call.
+void LocalListener::send_answers() {
+  while (!served_.empty()) {
+    Client& client = served_.front();
+    move_to(clients_, client);
+    run(client, [&] {
+      if (!client.interest.writable) send(client);
+    });
   }
-  return served;
 }
 
 void LocalListener::send(Client& client) {
-  if (client.awaits_writable || !client.connection.send()) return;
-  count_output(client);
-  became_active(client);
+  if (client.connection.send()) shares_.became_active(client);
 }
 
-// Whether it has changed.
-bool LocalListener::count_output(Client& client) {
-  const size_t before = std::exchange(client.counted_output, client.connection.pending_output());
-  pending_output_ += client.counted_output - before;
-  over_budget_ |= pending_output_ > wire::all_unread_output_limit;
-  return client.counted_output != before;
-}
-
-void LocalListener::wait_for(Client& client) {
-  Socket& socket = client.connection.socket();
-  if (client.connection.wants_input() && !over_budget_ && !client.awaits_readable) {
-    socket.async_wait(Socket::wait_read, [this, client = client.shared_from_this()](const std::error_code&) {
-      client->awaits_readable = false;
-      if (!client->closed) serve(*client, true);
-    });
-    client.awaits_readable = true;
-  }
-  if (client.connection.wants_output() && !client.awaits_writable) {
-    socket.async_wait(Socket::wait_write, [this, client = client.shared_from_this()](const std::error_code&) {
-      client->awaits_writable = false;
-      if (!client->closed) serve(*client, false);
-    });
-    client.awaits_writable = true;
+// Has the client do something, and then sees to what is due next.
+template <class Step>
+void LocalListener::run(Client& client, Step step) {
+  try {
+    step();
+    if (client.list != &closed_) settle(client);
+  } catch (const std::bad_alloc&) {
+    close(client, "out of memory");
   }
 }
 
-void LocalListener::became_active(Client& client) {
-  client.last_active = steady_clock::now();
-  clients_.splice(clients_.end(), clients_, client.place);
+void LocalListener::settle(Client& client) {
+  LocalConnection& connection = client.connection;
+  const bool has_request = connection.has_request();
+  connection.update_deadlines(over_budget());
+  count_memory(client);
+  if (connection.is_finished()) return close(client, connection.fault());
+  if (has_request) shares_.make_ready(client);
+  if (connection.has_deadline()) start_ticking();
+  update_interest(client);
 }
 
-void LocalListener::close(Client& client, const char* fault) {
-  if (fault != nullptr) closed_report_("closed a connection: %s", fault);
-  client.closed = true;
-  client.connection.close();
-  count_output(client);
-  clients_.erase(client.place);
-  // Its place goes to the connection that waits for one.
-  if (pending_) make_room_after(duration::zero());
+// A socket whose request will be served at once stays readable, which saves two calls for each request.
+void LocalListener::update_interest(Client& client) {
+  const bool waits_for_turn = client.connection.has_request();
+  set_interest(client, {client.connection.wants_input() || (waits_for_turn && client.interest.readable),
+                        client.connection.wants_output()});
 }
 
-// ---- timeouts and the budget for output ---------------------------------------------------------------
-
-bool LocalListener::is_well_over_budget() const {
-  return over_budget_ && pending_output_ > wire::all_unread_output_limit / 2;
+void LocalListener::set_interest(Client& client, SocketPoller::Readiness interest) {
+  if (interest == client.interest) return;
+  client.interest = interest;
+  poller_.set_interest(client.connection.socket(), &client, interest);
 }
+
+// ---- memory -------------------------------------------------------------------------------------------
+
+void LocalListener::count_memory(Client& client) {
+  const size_t memory = client.connection.memory();
+  memory_ += memory - std::exchange(client.counted_memory, memory);
+  shares_.set_held(client, client.connection.held_output());
+  shares_.set_idle(client, !client.connection.wants_output());
+}
+
+bool LocalListener::over_budget() const { return memory_ + answers_.bytes() > wire::memory_budget; }
+
+void LocalListener::measure_kernel_buffers() {
+  for (Client& client : clients_) {
+    client.connection.measure_kernel_buffer();
+    count_memory(client);
+  }
+}
+
+// ---- timeouts -----------------------------------------------------------------------------------------
 
 void LocalListener::start_ticking() {
   if (ticking_) return;
@@ -208,28 +294,14 @@ void LocalListener::start_ticking() {
   ticking_ = true;
 }
 
-// The one idle for longest first. The client may go, or move to the end, where it is met again.
-template <class Visit>
-void LocalListener::for_each_client(Visit visit) {
-  for (auto next = clients_.begin(); next != clients_.end();) {
-    const std::shared_ptr<Client> client = *next++;
-    visit(*client);
-  }
-}
-
 void LocalListener::tick() {
   ticking_ = false;
-  for_each_client([this](Client& client) {
-    client.connection.tick(is_well_over_budget());
-    if (client.connection.is_finished()) return close(client, client.connection.fault());
-    if (client.connection.has_deadline()) start_ticking();
-  });
-  if (over_budget_ && !is_well_over_budget()) {
-    over_budget_ = false;
-    for_each_client([this](Client& client) {
-      if (!over_budget_) serve(client, false);
-    });
+  if (over_budget()) measure_kernel_buffers();
+  for (auto next = clients_.begin(); next != clients_.end();) {
+    Client& client = *next++;
+    run(client, [&] { client.connection.tick(); });
   }
+  closed_.clear();
   // Nobody waits for anything now: what large answers took goes back to the system.
   if (!ticking_) malloc_trim(0);
 }

@@ -5,11 +5,14 @@
 #include <chrono>
 #include <list>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "platform/ipc/listening_socket.h"
 #include "platform/ipc/local_connection.h"
+#include "platform/ipc/passed_descriptors.h"
+#include "platform/ipc/share_table.h"
+#include "platform/ipc/shared_answers.h"
+#include "platform/ipc/socket_poller.h"
 #include "platform/ipc_listener.h"
 #include "platform/process/event_loops.h"
 #include "platform/report.h"
@@ -17,13 +20,15 @@
 namespace corvane {
 
 /// A listener on the stream socket `path`, with the limits that go with who may connect. Main thread; once the
-/// queue has its thread, everything happens there. A request goes one way: the listening socket accepts a
-/// connection, the delegate sets it up, the listener waits until its socket is ready and then has the connection
-/// receive, serve and send. Nothing calls back up.
+/// queue has its thread, everything happens there.
+///
+/// A request goes one way. The listening socket accepts a connection, the share table admits it, the delegate sets
+/// it up. When its socket is readable the connection receives; once a request has come whole it waits for its
+/// turn; in its turn it is served, and its answer is sent. Nothing calls back up.
 class LocalListener final : public IpcListener {
  public:
-  /// The queue must outlive the listener.
-  LocalListener(std::string path, IpcAccess access, RequestQueue& queue);
+  /// Queue and closer must outlive the listener. Throws std::system_error where the kernel refuses.
+  LocalListener(std::string path, IpcAccess access, RequestQueue& queue, SocketCloser& closer);
   /// Ends the queue's thread, so that nothing of the listener runs any more, and closes all connections.
   ~LocalListener() override;
 
@@ -35,53 +40,65 @@ class LocalListener final : public IpcListener {
     mode_t socket_mode;
     uint32_t request_limit;
     size_t connection_limit;
-    bool evicts;  ///< the connection idle for longest makes room for a new one
+    bool shares;  ///< a full table makes room for a new connection
   };
   struct Client;
-  using Clients = std::list<std::shared_ptr<Client>>;
-  using time_point = std::chrono::steady_clock::time_point;
-  using duration = std::chrono::steady_clock::duration;
 
   static Policy policy_for(IpcAccess access);
 
   void rearm();
-  void admit(ListeningSocket::Socket socket);
-  void admit_pending();
-  bool make_room();
-  void make_room_after(duration delay);
-  void set_up(ListeningSocket::Socket socket);
-  void evict_idle();
-
-  void serve(Client& client, bool readable);
-  bool serve_requests(Client& client);
-  void send(Client& client);
-  bool count_output(Client& client);
-  void wait_for(Client& client);
+  void admit(int socket);
+  bool make_room(PeerIdentity peer);
+  void make_room_for_descriptors();
+  void set_up(Client& client, PeerIdentity peer);
   void close(Client& client, const char* fault);
-  void became_active(Client& client);
 
-  bool is_well_over_budget() const;
+  void work();
+  void work_later();
+  void post_work();
+  void handle_events();
+  void handle_event(Client& client, SocketPoller::Readiness ready);
+  void serve_turns();
+  void send_answers();
+  template <class Step>
+  void run(Client& client, Step step);
+  void serve(Client& client);
+  void send(Client& client);
+  void settle(Client& client);
+  void update_interest(Client& client);
+  void set_interest(Client& client, SocketPoller::Readiness interest);
+
+  void count_memory(Client& client);
+  bool over_budget() const;
+  void measure_kernel_buffers();
+
   void start_ticking();
   void tick();
-  template <class Visit>
-  void for_each_client(Visit visit);
 
   const Policy policy_;
   RequestQueue& queue_;
+  SocketCloser& closer_;
   IpcListenerDelegate* delegate_ = nullptr;
 
+  SharedAnswers answers_;
+  ShareTable shares_;
+  SocketPoller poller_;
+  std::list<Client> clients_;
+  std::list<Client> served_;  ///< those of them that have just been served, and whose answers are to be sent
+  std::list<Client> closed_;  ///< are dropped when the work under way, which may still name them, is done
+  size_t memory_ = 0;         ///< of all connections, without the answers they share
+
   ListeningSocket listening_;
-  asio::steady_timer room_timer_;
   asio::steady_timer tick_timer_;
+  asio::steady_timer turns_timer_;
+  std::chrono::steady_clock::time_point next_turns_{};  ///< no request is served before
+  bool polling_ = false;                                ///< the poller will call `work`
+  bool awaits_turns_ = false;                           ///< the timer will
+  bool posted_ = false;                                 ///< the event loop will
   bool ticking_ = false;
 
-  std::optional<ListeningSocket::Socket> pending_;  ///< accepted, and waiting for room
-  time_point pending_since_;
-  Clients clients_;            ///< the one idle for longest first
-  size_t pending_output_ = 0;  ///< bytes of the answers that clients have not read whole
-  bool over_budget_ = false;   ///< they were more than the budget, and have not come down to half of it
-
   RateLimitedReport refused_report_;
+  RateLimitedReport evicted_report_;
   RateLimitedReport closed_report_;
 };
 

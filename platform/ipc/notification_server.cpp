@@ -2,9 +2,9 @@
 
 #include <asio/buffer.hpp>
 #include <asio/error.hpp>
+#include <asio/local/stream_protocol.hpp>
 
 #include <new>
-#include <optional>
 #include <poll.h>
 #include <utility>
 
@@ -14,7 +14,7 @@
 
 namespace corvane {
 
-using Socket = ListeningSocket::Socket;
+using Socket = asio::local::stream_protocol::socket;
 
 namespace {
 
@@ -29,14 +29,19 @@ std::string frame_of(const plist::Dictionary& message) {
 
 }  // namespace
 
-/// One subscriber's connection, on which it must not send anything.
-class NotificationServer::Subscriber : public std::enable_shared_from_this<Subscriber> {
+/// One subscriber's connection, on which it can send nothing: its other direction is shut down.
+class NotificationServer::Subscriber : public ShareTable::Entry, public std::enable_shared_from_this<Subscriber> {
  public:
-  explicit Subscriber(Socket socket) : socket_(std::move(socket)) {}
+  /// `closer` closes the socket, unless it is null.
+  Subscriber(Socket socket, SocketCloser* closer) : socket_(std::move(socket)), closer_(closer) {
+    std::error_code ignored;
+    socket_.non_blocking(true, ignored);
+    socket_.shutdown(Socket::shutdown_receive, ignored);
+  }
 
-  /// Closes the connection once the subscriber has disconnected or sent something.
+  /// Closes the connection once the subscriber has disconnected.
   void watch_for_disconnect();
-  /// Whether the connection is closed, or the subscriber has disconnected.
+  /// Whether the connection is closed. Closes it where the subscriber has disconnected, or had sent urgent data.
   bool is_disconnected();
   void send(const std::string& frame);
   void close();
@@ -45,26 +50,24 @@ class NotificationServer::Subscriber : public std::enable_shared_from_this<Subsc
   void write_pending();
 
   Socket socket_;
-  char unwanted_[1];
+  SocketCloser* const closer_;
   std::string pending_;
   int64_t missed_ = 0;
   bool awaits_writable_ = false;
 };
 
-// End of file is no disconnect: a subscriber that has closed only its sending side still listens.
 bool NotificationServer::Subscriber::is_disconnected() {
-  pollfd state{socket_.native_handle(), 0, 0};
-  if (poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLERR)) != 0) close();
+  if (!socket_.is_open()) return true;
+  pollfd state{socket_.native_handle(), POLLPRI, 0};
+  if (poll(&state, 1, 0) == 1) close();
   return !socket_.is_open();
 }
 
 void NotificationServer::Subscriber::watch_for_disconnect() {
-  socket_.async_read_some(
-      asio::buffer(unwanted_), [self = shared_from_this()](const std::error_code& error, size_t) {
-        if (self->is_disconnected()) return;
-        if (!error) return self->close();
-        self->socket_.async_wait(Socket::wait_error, [self](const std::error_code&) { self->is_disconnected(); });
-      });
+  // A wait may end for an event of a socket that was closed before, so that one is not enough.
+  socket_.async_wait(Socket::wait_error, [self = shared_from_this()](const std::error_code&) {
+    if (!self->is_disconnected()) self->watch_for_disconnect();
+  });
 }
 
 void NotificationServer::Subscriber::send(const std::string& frame) {
@@ -91,25 +94,26 @@ void NotificationServer::Subscriber::write_pending() {
 }
 
 void NotificationServer::Subscriber::close() {
+  if (!socket_.is_open()) return;
   std::error_code ignored;
-  socket_.close(ignored);
+  const int socket = socket_.release(ignored);
+  if (!ignored) close_socket(socket, closer_);
 }
 
-NotificationServer::NotificationServer(std::string path, RequestQueue& queue)
+NotificationServer::NotificationServer(std::string path, RequestQueue& queue, SocketCloser& closer)
     : queue_(queue),
-      listening_(std::move(path), 0666, queue.context(),
-                 {[this](Socket socket) {
-                    listening_.accept_next();
-                    drop_disconnected();
-                    add(std::move(socket));
-                  },
-                  [] {}}) {
+      closer_(closer),
+      listening_(std::move(path), 0666, queue.context(), {[this](int socket) { admit(socket); }, [] {}}),
+      shares_(connection_limits().subscribers) {
   queue_.rearm_with([this] { listening_.rearm(); });
 }
 
 NotificationServer::~NotificationServer() {
   queue_.stop();
-  for (const auto& subscriber : subscribers_) subscriber->close();
+  for (const auto& subscriber : subscribers_) {
+    subscriber->close();
+    shares_.remove(*subscriber);
+  }
 }
 
 void NotificationServer::resume() {
@@ -125,31 +129,46 @@ void NotificationServer::post(const plist::String& name) {
 }
 
 void NotificationServer::send_to_all(const plist::String& name) {
+  listening_.accept_backlog();
   drop_disconnected();
-  accept_backlog();
   if (subscribers_.empty()) return;
   const std::string frame = frame_of(*wire::make_notification(name));
   for (const auto& subscriber : subscribers_) subscriber->send(frame);
 }
 
-// No more than there may be subscribers: a flood of connections must not keep a post from returning.
-void NotificationServer::accept_backlog() {
-  for (size_t i = 0; i < limit_; ++i) {
-    std::optional<Socket> waiting = listening_.accept_now();
-    if (!waiting) break;
-    add(std::move(*waiting));
+void NotificationServer::admit(int accepted) {
+  SocketCloser* const closer = listening_.refuses_descriptors() ? nullptr : &closer_;
+  drop_disconnected();
+  const PeerIdentity peer = identity_of(accepted);
+  Socket socket(queue_.context());
+  std::error_code error;
+  socket.assign(asio::local::stream_protocol(), accepted, error);
+  if (error || !make_room(peer)) {
+    if (!error) socket.release(error);
+    return close_socket(accepted, closer);
   }
+  const auto subscriber = std::make_shared<Subscriber>(std::move(socket), closer);
+  shares_.add(*subscriber, peer);
+  subscribers_.push_back(subscriber);
+  subscriber->watch_for_disconnect();
 }
 
-void NotificationServer::add(Socket socket) {
-  if (subscribers_.size() >= limit_) return refused_report_("refused a subscriber: there are %zu", limit_);
-  const auto subscriber = std::make_shared<Subscriber>(std::move(socket));
-  subscriber->watch_for_disconnect();
-  subscribers_.push_back(subscriber);
+bool NotificationServer::make_room(PeerIdentity peer) {
+  const ShareTable::Admission admission = shares_.admission_of(peer);
+  if (admission.verdict == ShareTable::Verdict::admit) return true;
+  refused_report_("closed a subscriber: all %zu places are taken", shares_.size());
+  if (admission.verdict == ShareTable::Verdict::refuse) return false;
+  static_cast<Subscriber&>(*admission.evicted).close();
+  drop_disconnected();
+  return true;
 }
 
 void NotificationServer::drop_disconnected() {
-  subscribers_.remove_if([](const auto& subscriber) { return subscriber->is_disconnected(); });
+  subscribers_.remove_if([this](const auto& subscriber) {
+    if (!subscriber->is_disconnected()) return false;
+    shares_.remove(*subscriber);
+    return true;
+  });
 }
 
 }  // namespace corvane

@@ -5,6 +5,8 @@
 #include <string>
 
 #include "platform/ipc/listening_socket.h"
+#include "platform/ipc/passed_descriptors.h"
+#include "platform/ipc/share_table.h"
 #include "platform/notifications.h"
 #include "platform/process/event_loops.h"
 #include "platform/report.h"
@@ -12,12 +14,13 @@
 namespace corvane {
 
 /// Sends notifications to the programs that are connected to a stream socket. A post first accepts the connections
-/// in the backlog. A subscriber that stops reading misses what is posted past a limit, and is told how many that
-/// were before it gets the next one.
+/// in the backlog. When all places of subscribers are taken, the user with the most makes room (see ShareTable). A
+/// subscriber that stops reading misses what is posted past a limit, and is told how many that were before it gets
+/// the next one.
 class NotificationServer final : public Notifications {
  public:
-  /// The queue must outlive this.
-  NotificationServer(std::string path, RequestQueue& queue);
+  /// Queue and closer must outlive this.
+  NotificationServer(std::string path, RequestQueue& queue, SocketCloser& closer);
   /// Ends the queue's thread, so that nothing of this runs any more, takes the socket away and closes all
   /// connections.
   ~NotificationServer() override;
@@ -30,13 +33,14 @@ class NotificationServer final : public Notifications {
   class Subscriber;
 
   void send_to_all(const plist::String& name);
-  void accept_backlog();
-  void add(ListeningSocket::Socket socket);
+  void admit(int accepted);
+  bool make_room(PeerIdentity peer);
   void drop_disconnected();
 
   RequestQueue& queue_;
+  SocketCloser& closer_;
   ListeningSocket listening_;
-  const size_t limit_ = connection_limits().subscribers;
+  ShareTable shares_;
   std::list<std::shared_ptr<Subscriber>> subscribers_;
   RateLimitedReport refused_report_;
 };

@@ -51,7 +51,8 @@ class Notifications : public ::testing::Test {
   const std::string path_ = (TestPlatform::fresh(), system_path("/run/corvaned/notifications"));
   const size_t descriptors_before_ = open_descriptors();
   RequestQueue queue_;
-  std::unique_ptr<NotificationServer> server_ = std::make_unique<NotificationServer>(path_, queue_);
+  SocketCloser closer_;
+  std::unique_ptr<NotificationServer> server_ = std::make_unique<NotificationServer>(path_, queue_, closer_);
 };
 
 TEST_F(Notifications, ReachWhoeverIsConnectedInOrder) {
@@ -60,19 +61,22 @@ TEST_F(Notifications, ReachWhoeverIsConnectedInOrder) {
   EXPECT_EQ(status.st_mode & 07777, 0666u);
   const auto first = subscriber();
   post("one");
-  const auto second = subscriber(), half_closed = subscriber(), talks = subscriber();
-  half_closed->finish();
-  post("two");  // at once: the newcomers may not have been accepted yet
+  const auto second = subscriber();
+  post("two");  // at once: the second connection may still be in the backlog
   for (const char* name : {"one", "two"}) EXPECT_EQ(plist::describe(first->response().get()), heard(name));
-  for (const auto* late : {&second, &half_closed}) {
-    EXPECT_EQ(plist::describe((*late)->response().get()), heard("two"));
-  }
-  EXPECT_EQ(plist::describe(talks->response().get()), heard("two"));
-  talks->send("hello");
-  EXPECT_TRUE(talks->ends());
+  EXPECT_EQ(plist::describe(second->response().get()), heard("two"));
+}
+
+TEST_F(Notifications, ReachASubscriberThatSendsNothingMore) {
+  const auto half_closed = subscriber(), talkative = subscriber();
+  post("one");
+  half_closed->finish();
+  EXPECT_FALSE(talkative->send("hello"));  // nothing can be sent to the daemon
   settle();
-  post("three");
-  EXPECT_EQ(plist::describe(half_closed->response().get()), heard("three"));
+  post("two");
+  for (const auto* each : {&half_closed, &talkative}) {
+    for (const char* name : {"one", "two"}) EXPECT_EQ(plist::describe((*each)->response().get()), heard(name));
+  }
 }
 
 TEST_F(Notifications, WhoStopsReadingMissesSomeAndIsToldHowMany) {
@@ -93,26 +97,31 @@ TEST_F(Notifications, WhoStopsReadingMissesSomeAndIsToldHowMany) {
   EXPECT_EQ(plist::describe(sleeps->response().get()), heard("last"));
 }
 
-TEST_F(Notifications, SlotsAreLimitedAndComeBack) {
+TEST_F(Notifications, ANewSubscriberOfTheSameProcessTakesThePlaceOfItsFirst) {
   std::vector<std::unique_ptr<RawClient>> subscribers;
   for (size_t i = 0; i < wire::subscriber_limit; ++i) subscribers.push_back(subscriber());
   post("full");
-  EXPECT_TRUE(subscriber()->ends());
   for (const auto& each : subscribers) EXPECT_EQ(plist::describe(each->response().get()), heard("full"));
-  subscribers.back()->finish();
+  const auto late = subscriber();
+  post("one more");
+  EXPECT_TRUE(subscribers[0]->ends());
+  EXPECT_EQ(plist::describe(subscribers[1]->response().get()), heard("one more"));
+  EXPECT_EQ(plist::describe(late->response().get()), heard("one more"));
+}
+
+TEST_F(Notifications, GiveBackTheDescriptorsOfSubscribersThatDisconnect) {
+  auto leaves = subscriber();
+  const auto stays = subscriber();
+  post("both are accepted");
+  leaves->finish();
   settle();
   const size_t held = open_descriptors();
-  subscribers.pop_back();
+  leaves.reset();
   EXPECT_TRUE(eventually([held] { return open_descriptors() == held - 2; }));
-  const auto newcomer = subscriber();
-  post("free");
-  EXPECT_EQ(plist::describe(newcomer->response().get()), heard("free"));
-  EXPECT_EQ(plist::describe(subscribers.front()->response().get()), heard("free"));
-  subscribers.clear();
   server_.reset();
   EXPECT_NE(access(path_.c_str(), F_OK), 0);
   // The queue's own descriptors remain.
-  EXPECT_LE(open_descriptors(), descriptors_before_ + 4);
+  EXPECT_LE(open_descriptors(), descriptors_before_ + 6);
 }
 
 }  // namespace

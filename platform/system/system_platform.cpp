@@ -13,10 +13,10 @@ SystemPlatform::SystemPlatform(const Environment& environment, std::unique_ptr<D
       preferences_(environment.root),
       logger_(preferences_, environment.log_to_stderr),
       device_(std::move(device)),
-      notifications_(wire::socket_path(root_, wire::notification_service), request_queue_) {}
+      notifications_(wire::socket_path(root_, wire::notification_service), request_queue_, socket_closer_) {}
 
 std::unique_ptr<IpcListener> SystemPlatform::create_listener(std::string_view service_name, IpcAccess access) {
-  return std::make_unique<LocalListener>(wire::socket_path(root_, service_name), access, request_queue_);
+  return std::make_unique<LocalListener>(wire::socket_path(root_, service_name), access, request_queue_, socket_closer_);
 }
 
 }  // namespace corvane

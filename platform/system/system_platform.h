@@ -5,6 +5,7 @@
 
 #include "platform/device.h"
 #include "platform/ipc/notification_server.h"
+#include "platform/ipc/passed_descriptors.h"
 #include "platform/log/system_logger.h"
 #include "platform/platform.h"
 #include "platform/process/event_loops.h"
@@ -45,6 +46,7 @@ class SystemPlatform final : public Platform {
   const std::unique_ptr<Device> device_;
   MainLoop main_loop_;
   RequestQueue request_queue_;
+  SocketCloser socket_closer_;
   NotificationServer notifications_;
 };
 

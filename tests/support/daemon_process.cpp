@@ -89,11 +89,6 @@ Lines DaemonProcess::log() const {
   return lines;
 }
 
-size_t DaemonProcess::resident_bytes() const {
-  const std::string sizes = read_file("/proc/" + std::to_string(pid_) + "/statm");
-  return std::stoul(sizes.substr(sizes.find(' '))) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
-}
-
 bool eventually(const std::function<bool()>& question) {
   for (int attempt = 0; attempt < 2000; ++attempt, usleep(10'000)) {
     if (question()) return true;

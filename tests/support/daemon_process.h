@@ -53,7 +53,6 @@ class DaemonProcess {
   std::string standard_error() const { return read_file("/proc/self/fd/" + std::to_string(error_file_)); }
   Lines log() const;  ///< what was logged, without the head of each line
   size_t descriptors() const { return open_descriptors(std::to_string(pid_)); }
-  size_t resident_bytes() const;
 
  private:
   const int error_file_;
@@ -81,6 +80,7 @@ class RawClient {
   bool ends();                                 ///< whether the connection ends without another byte
   /// Whether there is something to read, an end included, or will be within `milliseconds`.
   bool has_news(int milliseconds = 0) const;
+  int descriptor() const { return socket_; }
 
  private:
   const int socket_;
