@@ -3,7 +3,6 @@
 #include <new>
 #include <optional>
 #include <syslog.h>
-#include <unistd.h>
 #include <utility>
 
 #include "platform/log/disk_copy.h"
@@ -24,7 +23,9 @@ class Logger::Handle {
 };
 
 SystemLogger::SystemLogger(Preferences& preferences, bool copy_to_stderr, std::string system_log)
-    : preferences_(preferences), copy_to_stderr_(copy_to_stderr), system_log_(std::move(system_log)) {}
+    : preferences_(preferences), system_log_(std::move(system_log)) {
+  if (copy_to_stderr) standard_error_.emplace();
+}
 
 SystemLogger::~SystemLogger() = default;
 
@@ -65,10 +66,7 @@ void SystemLogger::write(Handle* handle, int level, const char* tag, const char*
     const LogLine line(level, tag, argument.view(), limit);
     const bool on_disk = handle->disk && handle->disk->append(line.whole());
     if (level <= LOG_NOTICE || !on_disk) system_log_.write(level, line.without_head());
-    if (copy_to_stderr_) {
-      [[maybe_unused]] const ssize_t best_effort =
-          ::write(STDERR_FILENO, line.whole().data(), line.whole().size());
-    }
+    if (standard_error_) standard_error_->write(line.whole());
   } catch (const std::bad_alloc&) {
     // The line is lost, and there is no memory to tell anybody.
   }

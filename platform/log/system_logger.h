@@ -2,9 +2,11 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/log/standard_error.h"
 #include "platform/log/system_log.h"
 #include "platform/logger.h"
 #include "platform/preferences.h"
@@ -18,8 +20,8 @@ namespace corvane {
 /// integer from 0 to 7; anything else configures nothing.
 class SystemLogger final : public Logger {
  public:
-  /// `preferences` must outlive the logger. `copy_to_stderr` writes each line to standard error as well.
-  /// `system_log` is the datagram socket of the system log.
+  /// `preferences` must outlive the logger. `copy_to_stderr` writes each line to standard error
+  /// (StandardError) as well. `system_log` is the datagram socket of the system log.
   SystemLogger(Preferences& preferences, bool copy_to_stderr, std::string system_log = "/dev/log");
   ~SystemLogger() override;
 
@@ -33,9 +35,9 @@ class SystemLogger final : public Logger {
 
  private:
   Preferences& preferences_;
-  const bool copy_to_stderr_;
   std::mutex mutex_;
   SystemLog system_log_;
+  std::optional<StandardError> standard_error_;
   std::vector<std::unique_ptr<Handle>> handles_;
 };
 
