@@ -14,7 +14,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "daemon/method_table.h"
+#include "daemon/protocols.h"
 #include "plist/reader.h"
 #include "plist/writer.h"
 #include "tests/support/test_platform.h"
