@@ -1,12 +1,10 @@
 #include "fuzz/attacks.h"
 
-#include <cstring>
 #include <deque>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <stdexcept>
 #include <thread>
 
+#include "fuzz/passed_sockets.h"
 #include "fuzz/random_frames.h"
 #include "tests/support/daemon_process.h"
 #include "wire/limits.h"
@@ -139,58 +137,6 @@ void pipeline_and_read(const Target& target, Count& done) {
   }
 }
 
-/// Makes TCP sockets whose last close waits for 30 s, because they have unsent bytes that nobody reads.
-class LingeringSockets {
- public:
-  LingeringSockets() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    address_.sin_family = AF_INET;
-    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address_;
-    bind(listener_, address(), size);
-    getsockname(listener_, address(), &size);
-    listen(listener_, 4096);
-  }
-  ~LingeringSockets() { close(listener_); }
-  LingeringSockets(const LingeringSockets&) = delete;
-  LingeringSockets& operator=(const LingeringSockets&) = delete;
-
-  int make() {
-    const int made = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (connect(made, address(), sizeof address_) != 0) throw std::runtime_error("no TCP connection");
-    static const std::array<char, 65536> bytes{};
-    while (send(made, bytes.data(), bytes.size(), MSG_DONTWAIT) > 0) {
-    }
-    set_linger(made, 30);
-    return made;
-  }
-  static void set_linger(int socket, int seconds) {
-    const linger value{1, seconds};
-    setsockopt(socket, SOL_SOCKET, SO_LINGER, &value, sizeof value);
-  }
-
- private:
-  sockaddr* address() { return reinterpret_cast<sockaddr*>(&address_); }
-
-  const int listener_;
-  sockaddr_in address_{};
-};
-
-bool send_with_descriptors(int socket, std::string_view bytes, const std::array<int, 4>& descriptors) {
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptors)] = {};
-  iovec content{const_cast<char*>(bytes.data()), bytes.size()};
-  msghdr message{};
-  message.msg_iov = &content;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  cmsghdr* header = CMSG_FIRSTHDR(&message);
-  header->cmsg_level = SOL_SOCKET;
-  header->cmsg_type = SCM_RIGHTS;
-  header->cmsg_len = CMSG_LEN(sizeof descriptors);
-  std::memcpy(CMSG_DATA(header), descriptors.data(), sizeof descriptors);
-  return sendmsg(socket, &message, MSG_NOSIGNAL) > 0;
-}
-
 // Passes descriptors of /dev/null and of a socket that lingers with each half of a request, and closes its own.
 // Where the daemon refuses them, the half goes without.
 void pass_descriptors(const Target& target, Count& done) {
@@ -201,7 +147,7 @@ void pass_descriptors(const Target& target, Count& done) {
     crowd.each([&](HostileConnection& connection) {
       const int socket = lingering.make();
       const std::string part = done % 2 == 0 ? small_request().substr(0, half) : small_request().substr(half);
-      const bool passed = send_with_descriptors(connection.socket(), part, {null, null, null, socket});
+      const bool passed = send_with_descriptors(connection.socket(), part, std::array{null, null, null, socket});
       ++done;
       if (!passed) LingeringSockets::set_linger(socket, 0);
       std::thread([socket] { close(socket); }).detach();
