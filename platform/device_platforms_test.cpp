@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "platform/linux/linux_device.h"
+#include "platform/linux/linux_device_properties.h"
 #include "platform/report.h"
 #include "platform/simulated/profile.h"
 #include "plist/describe.h"
@@ -21,7 +21,7 @@ std::string ask(DeviceProperties& properties, const char* name) {
 
 TEST(LinuxDeviceProperties, TakeTheVersionFromOsRelease) {
   const std::string root = TestPlatform::fresh().root();
-  LinuxDeviceProperties properties(root);
+  LinuxDeviceProperties properties(root, root + "/sys");
   fs::create_directories(root + "/usr/lib");
   const auto version_of = [&](const std::string& file) {
     write_file(root + "/usr/lib/os-release", file);
@@ -36,7 +36,7 @@ TEST(LinuxDeviceProperties, TakeTheVersionFromOsRelease) {
 
 TEST(LinuxDeviceProperties, AreFirstThoseOfTheTable) {
   const std::string root = TestPlatform::fresh().root(), table = root + "/etc/corvaned/properties.plist";
-  LinuxDeviceProperties properties(root);
+  LinuxDeviceProperties properties(root, root + "/sys");
   fs::create_directories(root + "/etc/corvaned");
   write_file(root + "/etc/os-release", "VERSION_ID=system");
   write_file(table, plist_of("<dict><key>ProductVersion</key><string>9.1</string></dict>"));
