@@ -60,7 +60,11 @@ std::string system_version(const std::string& root) {
   SmallFile file = read_small_file(root + "/etc/os-release");
   if (!file.bytes) file = read_small_file(root + "/usr/lib/os-release");
   if (!file.bytes) return "";
-  return assigned_value(file.bytes->bytes(), "VERSION_ID");
+  // Rolling releases and images have no VERSION_ID.
+  for (const std::string_view name : {"VERSION_ID", "IMAGE_VERSION", "BUILD_ID", "VERSION_CODENAME"}) {
+    if (std::string version = assigned_value(file.bytes->bytes(), name); !version.empty()) return version;
+  }
+  return "";
 }
 
 }  // namespace corvane
