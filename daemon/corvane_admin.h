@@ -13,7 +13,8 @@ class CorvaneAdmin final : public IpcListenerDelegate, public ExportedObject {
  public:
   bool listener_shouldAcceptNewConnection(IpcListener& listener, IpcConnection& connection) override;
 
-  /// Replaces the stored regulatory images. Answers no dictionary; error code 2 where they could not be stored.
+  /// Replaces the stored regulatory images. Answers no dictionary; error code 2 where they could not be stored. On
+  /// a device without a ProductVersion its description tells the operator so, and what to do.
   void storeRegulatoryImages_withCompletionBlock(plist::Value& images, const CompletionBlock& completion);
 
   /// Answers the entitlements of a running process. No dictionary where it has none, and where they cannot be

@@ -8,7 +8,7 @@ using plist::Ref;
 
 namespace {
 
-const char* description(int32_t code) {
+const char* description_of(int32_t code) {
   switch (code) {
     case CorvaneError::success:
       return "Success";
@@ -19,16 +19,22 @@ const char* description(int32_t code) {
   }
 }
 
+Ref<plist::Dictionary> user_info(const char* description) {
+  Ref<plist::MutableDictionary> user_info = plist::MutableDictionary::create(1);
+  user_info->set(wire::error_description_key, plist::String::create(description));
+  return user_info;
+}
+
 }  // namespace
 
 ErrorObject CorvaneError::getError(int32_t code) {
   return {plist::String::create(domain), code, getErrorDescription(code)};
 }
 
-Ref<plist::Dictionary> CorvaneError::getErrorDescription(int32_t code) {
-  Ref<plist::MutableDictionary> user_info = plist::MutableDictionary::create(1);
-  user_info->set(wire::error_description_key, plist::String::create(description(code)));
-  return user_info;
+Ref<plist::Dictionary> CorvaneError::getErrorDescription(int32_t code) { return user_info(description_of(code)); }
+
+ErrorObject operation_failed_because(const char* description) {
+  return {plist::String::create(CorvaneError::domain), CorvaneError::operation_failed, user_info(description)};
 }
 
 }  // namespace corvane

@@ -26,4 +26,7 @@ class CorvaneError {
   static plist::Ref<plist::Dictionary> getErrorDescription(int32_t code);
 };
 
+/// The error `operation_failed` with a description that tells what to do about the failure.
+ErrorObject operation_failed_because(const char* description);
+
 }  // namespace corvane

@@ -15,18 +15,23 @@ namespace {
 constexpr char images_directory[] = "regulatory_images";
 constexpr char images_file[] = "regulatory_images/regulatory_images.plist";
 
+constexpr char version_key[] = "ProductVersion";
+
 // Null where the device has no version.
 plist::Ref<plist::Dictionary> images_record(plist::Value& images) {
   auto record = plist::MutableDictionary::create(2);
-  const auto name = plist::String::create("ProductVersion");
-  auto version = VexaHlpr::getSharedInstance().copyAnswer(name.get());
+  auto version = copy_product_version();
   if (!version) return nullptr;
   record->set("RegulatoryImages", plist::Ref<plist::Value>(&images));
-  record->set(name, std::move(version));
+  record->set(version_key, std::move(version));
   return record;
 }
 
 }  // namespace
+
+plist::Ref<plist::Value> copy_product_version() {
+  return VexaHlpr::getSharedInstance().copyAnswer(plist::String::create(version_key).get());
+}
 
 int store_regulatory_images(plist::Value& images) {
   try {

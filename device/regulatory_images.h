@@ -6,6 +6,9 @@
 /// were stored. The file is rewritten in place: store and read on one queue.
 namespace corvane {
 
+/// The device's answer "ProductVersion", owned. Null where it has none; no images can be stored then.
+plist::Ref<plist::Value> copy_product_version();
+
 /// Replaces the file by {"RegulatoryImages": images, "ProductVersion": the current system version}. The
 /// images are borrowed and not inspected. 0; -1, the old file untouched and nothing logged, where the
 /// device has no version or memory is out; otherwise what `store_dict` answers.

@@ -198,6 +198,12 @@ wait "$watcher"
 watcher=''
 expect 0 'corvanectl: the daemon closed the connection' '' cat "$work/watcher_errors"
 
+step='a device without a version'
+start_daemon linux
+expect 1 '' 'corvanectl: the daemon answered error 2: *ProductVersion*/etc/corvaned/properties.plist*os-release' \
+  corvanectl images --store "$images"
+end_daemon
+
 step='an executable that is signed'
 cp "$(command -v sleep)" "$work/sleeper"
 echo '<plist><dict><key>dial</key><true/></dict></plist>' >"$work/dialer.plist"
