@@ -13,7 +13,7 @@ namespace corvane {
 /// The device that a Linux system runs on.
 class LinuxDevice final : public Device {
  public:
-  explicit LinuxDevice(const std::string& root) : properties_(root, "/sys"), registry_("/sys") {}
+  explicit LinuxDevice(const std::string& root) : properties_(root, sys), registry_(sys) {}
 
   DeviceProperties& properties() override { return properties_; }
   HardwareRegistry& registry() override { return registry_; }
@@ -21,6 +21,8 @@ class LinuxDevice final : public Device {
   CodeSigning& code_signing() override { return code_signing_; }
 
  private:
+  static constexpr char sys[] = "/sys";
+
   LinuxDeviceProperties properties_;
   LinuxHardwareRegistry registry_;
   NoTelephony telephony_;

@@ -15,7 +15,7 @@ namespace corvane {
 
 namespace {
 
-// What firmware says where its maker has filled in nothing, in lower case.
+// What firmware says where nobody has filled in a name, in lower case.
 constexpr std::string_view placeholders[] = {
     "all series",
     "default string",
@@ -44,7 +44,7 @@ struct Chassis {
   std::string_view device_class;  // as a device tree would call it
 };
 
-// SMBIOS 3.x, section 7.4.1. What is missing here says nothing about the device: docking stations, for example.
+// The types of SMBIOS (DSP0134, section 7.4.1). Those that do not tell what the device is are left out.
 constexpr Chassis chassis_types[] = {
     {"3", "desktop"},       // desktop
     {"4", "desktop"},       // low profile desktop
@@ -128,7 +128,7 @@ bool is_wwan_interface(const std::string& folder) {
 bool has_wwan_device(const std::string& sys) {
   using std::filesystem::directory_iterator;
   const directory_iterator end;
-  std::error_code error;  // a folder that cannot be read is as good as empty
+  std::error_code error;  // a folder that cannot be read counts as empty
   if (directory_iterator(sys + "/class/wwan", error) != end) return true;
   for (directory_iterator interface(sys + "/class/net", error); interface != end; interface.increment(error)) {
     if (is_wwan_interface(interface->path())) return true;
