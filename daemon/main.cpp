@@ -34,9 +34,9 @@ std::unique_ptr<Device> open_device(const Environment& environment, std::string&
 std::unique_ptr<Platform> start_platform(std::string& refusal) {
   const std::optional<Environment> environment = read_environment(refusal);
   if (!environment) return nullptr;
-  std::unique_ptr<Device> device = open_device(*environment, refusal);
-  if (device == nullptr || !prepare_process(environment->root, refusal)) return nullptr;
   try {
+    std::unique_ptr<Device> device = open_device(*environment, refusal);
+    if (device == nullptr || !prepare_process(environment->root, refusal)) return nullptr;
     return std::make_unique<SystemPlatform>(*environment, std::move(device));
   } catch (const std::system_error& error) {
     refusal = std::string("could not make the event loops: ") + error.what();

@@ -2,13 +2,14 @@
 # Installs the Debian packages that are missing for a purpose. Usage: install_packages.sh run|test|asan|bench
 set -euo pipefail
 
-packages=(g++ cmake ninja-build libasio-dev libabsl-dev libexpat1-dev libssl-dev libcli11-dev nlohmann-json3-dev)
+packages=(g++ cmake ninja-build libasio-dev libabsl-dev libexpat1-dev libssl-dev libsystemd-dev libcli11-dev
+          nlohmann-json3-dev)
 case "$1" in
   run) ;;
   test) packages+=(libgtest-dev openssl) ;;
   asan) packages+=(libgtest-dev openssl clang-14 libclang-rt-14-dev llvm-14) ;;
   bench) packages+=(libgtest-dev libspdlog-dev libsqlite3-dev liblmdb-dev rapidjson-dev libmsgpack-cxx-dev libxml2-dev
-                    libsystemd-dev dbus-daemon python3) ;;
+                    dbus-daemon python3) ;;
   *) echo "usage: $0 run|test|asan|bench" >&2; exit 2 ;;
 esac
 

@@ -6,11 +6,12 @@
 #include "platform/linux/linux_code_signing.h"
 #include "platform/linux/linux_device_properties.h"
 #include "platform/linux/linux_hardware_registry.h"
-#include "platform/linux/no_telephony.h"
+#include "platform/linux/linux_telephony.h"
 
 namespace corvane {
 
-/// The device that a Linux system runs on.
+/// The device that a Linux system runs on. Making one throws std::system_error where the system refuses an event
+/// loop.
 class LinuxDevice final : public Device {
  public:
   explicit LinuxDevice(const std::string& root) : properties_(root, sys), registry_(sys) {}
@@ -25,7 +26,7 @@ class LinuxDevice final : public Device {
 
   LinuxDeviceProperties properties_;
   LinuxHardwareRegistry registry_;
-  NoTelephony telephony_;
+  LinuxTelephony telephony_{properties_};
   LinuxCodeSigning code_signing_;
 };
 

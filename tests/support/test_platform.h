@@ -14,12 +14,12 @@
 #include "platform/hardware_registry.h"
 #include "platform/ipc_listener.h"
 #include "platform/keys/openssl_vault.h"
-#include "platform/linux/no_telephony.h"
 #include "platform/logger.h"
 #include "platform/notifications.h"
 #include "platform/platform.h"
 #include "platform/preferences.h"
 #include "platform/run_loop.h"
+#include "tests/support/no_telephony.h"
 
 namespace corvane::testing {
 
