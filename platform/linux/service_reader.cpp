@@ -136,6 +136,8 @@ void ServiceReader::set_owner(std::string_view owner) {
 // After a failure in the middle. The owner is found, and everything read, anew.
 void ServiceReader::start_over() {
   owner_.clear();
+  list_call_.reset();
+  card_calls_.clear();
   is_reading_ = false;
   timer_.arm(bus_retry);
 }
