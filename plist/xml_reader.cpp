@@ -13,6 +13,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "plist/base64_text.h"
@@ -82,6 +83,16 @@ bool has_known_references_only(std::string_view tag) {
     if (!known) return false;
   }
   return true;
+}
+
+// Seeds Expat's hash tables. Expat would ask the system for a seed of each document's own, as it does where this
+// is 0.
+unsigned long hash_salt() {
+  static const unsigned long salt = [] {
+    unsigned long random = 0;
+    return getentropy(&random, sizeof random) == 0 ? random : 0;
+  }();
+  return salt;
 }
 
 class XmlReader {
@@ -160,6 +171,7 @@ XmlReader::XmlReader(Containers containers, unsigned depth_limit)
       make_mutable_(containers == Containers::made_mutable),
       depth_limit_(depth_limit) {
   if (parser_ == nullptr) throw std::bad_alloc();
+  XML_SetHashSalt(parser_.get(), hash_salt());
   XML_Parser parser = parser_.get();
   XML_SetUserData(parser, this);
   XML_SetStartDoctypeDeclHandler(
