@@ -17,6 +17,12 @@ constexpr char images_file[] = "regulatory_images/regulatory_images.plist";
 
 constexpr char version_key[] = "ProductVersion";
 
+// Every request reads it, and the root below which its path lies never changes.
+const char* images_path() {
+  static const StatePath path = state_path(images_file);
+  return path.text;
+}
+
 // Null where the device has no version.
 plist::Ref<plist::Dictionary> images_record(plist::Value& images) {
   auto record = plist::MutableDictionary::create(2);
@@ -37,14 +43,14 @@ int store_regulatory_images(plist::Value& images) {
   try {
     mkdir(state_path(images_directory).text, 0755);
     const auto record = images_record(images);
-    return record ? store_dict(state_path(images_file).text, *record) : -1;
+    return record ? store_dict(images_path(), *record) : -1;
   } catch (const std::bad_alloc&) {
     return -1;
   }
 }
 
 plist::Ref<plist::Dictionary> copy_regulatory_images() {
-  const auto images = load_dict(state_path(images_file).text);
+  const auto images = load_dict(images_path());
   return as_dictionary(images.get());
 }
 
