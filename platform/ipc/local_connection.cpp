@@ -75,14 +75,14 @@ ssize_t LocalConnection::read_some(std::span<char> buffer) {
   return recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
 }
 
-bool LocalConnection::receive() {
-  if (!wants_input()) return false;
+void LocalConnection::receive() {
+  if (!wants_input()) return;
   const std::span<char> buffer = reader_.prepare();
   const ssize_t count = read_some(buffer);
-  if (failed_) return false;
+  if (failed_) return;
   if (count == 0 || (count < 0 && !is_temporary(errno))) stop_input(nullptr);
   if (count > 0) reader_.commit(static_cast<size_t>(count));
-  return count == static_cast<ssize_t>(buffer.size());
+  filled_buffer_ = count == static_cast<ssize_t>(buffer.size());
 }
 
 bool LocalConnection::has_request() {

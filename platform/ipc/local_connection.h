@@ -47,8 +47,8 @@ class LocalConnection final : public IpcConnection {
 
   // ---- what the listener has it do ----
 
-  /// Reads once what has come. Whether there may be more.
-  bool receive();
+  /// Reads once what has come.
+  void receive();
   /// Whether a request has come whole and can be served now.
   bool has_request();
   /// Delivers that request, and queues the response. Whether there is one.
@@ -70,6 +70,8 @@ class LocalConnection final : public IpcConnection {
 
   /// Whether more bytes are to be waited for.
   bool wants_input() const;
+  /// Whether more may have come than the last `receive` had room for.
+  bool may_have_more() const { return filled_buffer_ && wants_input(); }
   bool wants_output() const { return unsent_ != 0; }
   /// The socket is to be closed: nothing more can come or go, or the client broke a rule.
   bool is_finished() const { return failed_ || (!input_open_ && !request_ && unsent_ == 0); }
@@ -112,6 +114,7 @@ class LocalConnection final : public IpcConnection {
   wire::FrameReader reader_;
   std::optional<wire::Frame> request_;  ///< has come whole
   bool input_open_ = true;
+  bool filled_buffer_ = false;  ///< when it last received
 
   std::deque<OutgoingFrame> output_;
   std::array<iovec, 64> buffers_;

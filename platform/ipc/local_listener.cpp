@@ -125,18 +125,14 @@ void LocalListener::close(Client& client, const char* fault) {
 // does other work.
 void LocalListener::work() {
   handle_events();
-  if (steady_clock::now() >= next_turns_) {
-    serve_turns();
-    send_answers();
-  }
+  if (shares_.has_ready()) serve_turns();
   closed_.clear();
   work_later();
 }
 
 void LocalListener::work_later() {
-  const auto now = steady_clock::now();
   const bool has_ready = shares_.has_ready();
-  if (has_ready && !over_budget() && now >= next_turns_) return post_work();
+  if (has_ready && !over_budget() && steady_clock::now() >= next_turns_) return post_work();
   if (!polling_) {
     poller_.async_wait([this] {
       polling_ = false;
@@ -148,7 +144,7 @@ void LocalListener::work_later() {
   if (over_budget()) {
     start_ticking();  // those who do not read what the kernel holds for them have a timeout now
     // Nothing tells when a client has read what the kernel holds for it.
-    next_turns_ = std::max(next_turns_, now + wire::budget_retry);
+    next_turns_ = std::max(next_turns_, steady_clock::now() + wire::budget_retry);
   }
   turns_timer_.expires_at(next_turns_);
   turns_timer_.async_wait([this](const std::error_code&) {
@@ -189,24 +185,25 @@ void LocalListener::handle_event(Client& client, SocketPoller::Readiness ready) 
 // gets it piece by piece, and must not wait for another turn between any two of them.
 void LocalListener::serve_turns() {
   const auto start = steady_clock::now();
+  if (start < next_turns_) return;
   if (over_budget()) measure_kernel_buffers();
   auto now = start;
-  do {
+  while (now - start < wire::turn_slice) {
     ShareTable::Entry* next = shares_.next_turn(over_budget());
-    if (next == nullptr) return;
+    if (next == nullptr) break;
     serve(static_cast<Client&>(*next));
     now = steady_clock::now();
-  } while (now - start < wire::turn_slice);
+  }
   const bool took_long = now - start > 2 * wire::turn_slice;
   if (took_long && answers_.bytes() != 0) next_turns_ = now + (now - start);
+  send_answers();
 }
 
 // A client that sends requests without waiting for the answers goes on as long as it is its turn again.
 void LocalListener::serve(Client& client) {
   try {
     if (client.connection.serve()) shares_.became_active(client);
-    while (!client.connection.has_request() && client.connection.receive()) {
-    }
+    while (!client.connection.has_request() && client.connection.may_have_more()) client.connection.receive();
     if (client.connection.has_request()) shares_.make_ready(client);
     count_memory(client);
     if (client.list != &served_) move_to(served_, client);
