@@ -20,6 +20,8 @@ constexpr size_t max_objects = std::numeric_limits<uint32_t>::max();
 // As many as most responses have.
 constexpr size_t usual_objects = 16;
 
+constexpr size_t header_and_trailer = 8 + 32;
+
 size_t unsigned_size(uint64_t value) {
   return value <= 0xFF ? 1 : value <= 0xFFFF ? 2 : value <= 0xFFFFFFFF ? 4 : 8;
 }
@@ -35,10 +37,13 @@ class BinaryWriter {
 
  private:
   uint32_t number(const Value& value, unsigned depth);
+  size_t written_content(const Value& leaf) const;
   uint32_t add_object(const Value& value);
   void number_dictionary(const Dictionary& dictionary, unsigned depth);
   void number_items(std::span<const Ref<Value>> items, unsigned depth);
 
+  // What is still mutable may change before the chain is read.
+  bool is_shared(const Data& data) const { return data.bytes().size() >= share_from_ && !data.is_mutable(); }
   void write_object(const Value& value);
   void write_references(uint8_t marker, size_t count, size_t references);
   void write_string(const String& string);
@@ -79,8 +84,9 @@ Ref<String> BinaryWriter::write(const Value& value) {
   if (error_) return std::move(error_);
   reference_size_ = unsigned_size(objects_.size() - 1);
   offsets_.reserve(objects_.size());
-  // About the final size, reserved at once: each growth would copy everything.
-  buffer_.reserve(unique_content_ + references_.size() * reference_size_ + objects_.size() * 8);
+  // About the final size, reserved at once: a growth would copy everything and leave half of the buffer unused.
+  buffer_.reserve(unique_content_ + references_.size() * reference_size_ + objects_.size() * 8 +
+                  header_and_trailer);
   buffer_ = "bplist00";
   for (const Value* object : objects_) {
     offsets_.push_back(position());
@@ -102,7 +108,7 @@ uint32_t BinaryWriter::number(const Value& value, unsigned depth) {
     visited_content_ += content_of(value);
     const uint32_t known = leaves_.number_of(value, next);
     if (known != next) return known;
-    if (content_of(value) < share_from_) unique_content_ += content_of(value);
+    unique_content_ += written_content(value);
     return add_object(value);
   }
   if (depth > max_depth && !error_) {
@@ -120,6 +126,14 @@ uint32_t BinaryWriter::number(const Value& value, unsigned depth) {
     compared_ += visited_content_ - content;
   }
   return next;
+}
+
+// The bytes of a leaf's content that the buffer takes.
+size_t BinaryWriter::written_content(const Value& leaf) const {
+  if (const auto* data = cast<Data>(&leaf)) return is_shared(*data) ? 0 : data->bytes().size();
+  const auto* string = cast<String>(&leaf);
+  if (string == nullptr) return 0;
+  return string->is_ascii() ? string->view().size() : 2 * unicode::utf16_units_of_utf8(string->view());
 }
 
 uint32_t BinaryWriter::add_object(const Value& value) {
@@ -203,8 +217,7 @@ void BinaryWriter::write_string(const String& string) {
 
 void BinaryWriter::write_data(const Data& data) {
   write_count(0x40, data.bytes().size());
-  // What is still mutable may change before the chain is read.
-  if (data.bytes().size() < share_from_ || data.is_mutable()) {
+  if (!is_shared(data)) {
     buffer_ += data.bytes();
     return;
   }
