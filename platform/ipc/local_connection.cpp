@@ -77,12 +77,16 @@ ssize_t LocalConnection::read_some(std::span<char> buffer) {
 
 void LocalConnection::receive() {
   if (!wants_input()) return;
-  const std::span<char> buffer = reader_.prepare();
-  const ssize_t count = read_some(buffer);
-  if (failed_) return;
-  if (count == 0 || (count < 0 && !is_temporary(errno))) stop_input(nullptr);
-  if (count > 0) reader_.commit(static_cast<size_t>(count));
-  filled_buffer_ = count == static_cast<ssize_t>(buffer.size());
+  const ssize_t count = read_some(input_buffer());
+  filled_buffer_ = false;
+  if (failed_ || (count < 0 && is_temporary(errno))) return;
+  received(count < 0 ? 0 : static_cast<size_t>(count));
+}
+
+void LocalConnection::received(size_t count) {
+  if (count == 0) return stop_input(nullptr);
+  filled_buffer_ = count == input_buffer().size();
+  reader_.commit(count);
 }
 
 bool LocalConnection::has_request() {

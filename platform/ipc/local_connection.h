@@ -17,9 +17,9 @@
 namespace corvane {
 
 /// One client's socket: cuts the bytes that come into requests, has each delivered, and sends the responses in
-/// order, several in one call where several are due. It neither waits nor calls its owner: the listener calls
-/// `receive`, `serve` and `send` when the socket is ready and it is the client's turn, and closes it. Request
-/// queue. What takes memory throws std::bad_alloc, and leaves a connection that can only be closed.
+/// order, several in one call where several are due. It neither waits nor calls its owner: the listener waits for
+/// the socket, calls `received`, `serve` and `send` when they are due, and closes the connection. Request queue.
+/// What takes memory throws std::bad_alloc, and leaves a connection that can only be closed.
 class LocalConnection final : public IpcConnection {
  public:
   /// How often `tick` is to be called while `has_deadline`. Timeouts count ticks and do not look at the clock, so
@@ -47,7 +47,11 @@ class LocalConnection final : public IpcConnection {
 
   // ---- what the listener has it do ----
 
-  /// Reads once what has come.
+  /// Where the listener reads the next bytes to, while `wants_input`. Valid until `received` is called.
+  std::span<char> input_buffer() { return reader_.prepare(); }
+  /// Takes the first `count` bytes of the buffer, or, where that is 0, the end of the stream or an error.
+  void received(size_t count);
+  /// Reads to the buffer itself, once, what has come. Not while the listener reads to it.
   void receive();
   /// Whether a request has come whole and can be served now.
   bool has_request();
@@ -70,7 +74,7 @@ class LocalConnection final : public IpcConnection {
 
   /// Whether more bytes are to be waited for.
   bool wants_input() const;
-  /// Whether more may have come than the last `receive` had room for.
+  /// Whether more may have come than there was room for when the last bytes were read.
   bool may_have_more() const { return filled_buffer_ && wants_input(); }
   bool wants_output() const { return unsent_ != 0; }
   /// The socket is to be closed: nothing more can come or go, or the client broke a rule.
@@ -114,7 +118,7 @@ class LocalConnection final : public IpcConnection {
   wire::FrameReader reader_;
   std::optional<wire::Frame> request_;  ///< has come whole
   bool input_open_ = true;
-  bool filled_buffer_ = false;  ///< when it last received
+  bool filled_buffer_ = false;  ///< the bytes read last
 
   std::deque<OutgoingFrame> output_;
   std::array<iovec, 64> buffers_;

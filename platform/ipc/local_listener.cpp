@@ -1,10 +1,18 @@
+// The event loop reads for each client that may send more, and waits to write for each that has output pending. The
+// handlers name the client, so a closed client is kept until they have been called. A request that has come whole
+// makes its client ready, and the turns are served later: by then the event loop has told who else is ready.
+
 #include "platform/ipc/local_listener.h"
 
+#include <asio/buffer.hpp>
+#include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <malloc.h>
 #include <new>
+#include <span>
 #include <utility>
 
 #include "wire/limits.h"
@@ -15,13 +23,17 @@ using std::chrono::steady_clock;
 
 /// A connection, and what the listener keeps of it.
 struct LocalListener::Client : ShareTable::Entry {
-  Client(int socket, const LocalConnection::Environment& environment) : connection(socket, environment) {}
+  Client(int socket, const LocalConnection::Environment& environment, asio::io_context& context)
+      : events(context), connection(socket, environment) {}
+  ~Client() { events.release(); }
 
+  asio::posix::stream_descriptor events;  ///< what the event loop waits for; the socket is the connection's
   LocalConnection connection;
+  bool awaits_input = false;          ///< the event loop has a handler that names this client
+  bool awaits_output = false;         ///< likewise
   std::list<Client>* list = nullptr;  ///< the one that it is in
   std::list<Client>::iterator place;
   size_t counted_memory = 0;  ///< its part of memory_
-  SocketPoller::Readiness interest{.readable = true};
 };
 
 LocalListener::Policy LocalListener::policy_for(IpcAccess access) {
@@ -34,7 +46,6 @@ LocalListener::LocalListener(std::string path, IpcAccess access, RequestQueue& q
       queue_(queue),
       closer_(closer),
       shares_(policy_.connection_limit),
-      poller_(queue.context()),
       listening_(std::move(path), policy_.socket_mode, queue.context(),
                  {[this](int socket) { admit(socket); }, [this] { make_room_for_descriptors(); }}),
       tick_timer_(queue.context()),
@@ -45,16 +56,13 @@ LocalListener::LocalListener(std::string path, IpcAccess access, RequestQueue& q
 LocalListener::~LocalListener() { queue_.stop(); }
 
 void LocalListener::resume() {
-  queue_.submit([this] {
-    listening_.open();
-    work_later();
-  });
+  queue_.submit([this] { listening_.open(); });
 }
 
 void LocalListener::rearm() {
   listening_.rearm();
   if (!clients_.empty()) start_ticking();
-  work_later();
+  work();
 }
 
 // Moves a client to the end of another list.
@@ -70,8 +78,8 @@ void LocalListener::admit(int socket) {
   const PeerIdentity peer = identity_of(socket);
   SocketCloser* const closer = listening_.refuses_descriptors() ? nullptr : &closer_;
   try {
-    Client& client =
-        clients_.emplace_back(socket, LocalConnection::Environment{policy_.request_limit, answers_, closer});
+    Client& client = clients_.emplace_back(
+        socket, LocalConnection::Environment{policy_.request_limit, answers_, closer}, queue_.context());
     client.list = &clients_;
     client.place = std::prev(clients_.end());
     run(client, [&] { set_up(client, peer); });
@@ -79,7 +87,7 @@ void LocalListener::admit(int socket) {
     report("out of memory: a new connection was closed");
     close_socket(socket, closer);
   }
-  closed_.clear();
+  drop_closed();
 }
 
 void LocalListener::set_up(Client& client, PeerIdentity peer) {
@@ -89,7 +97,9 @@ void LocalListener::set_up(Client& client, PeerIdentity peer) {
   }
   shares_.add(client, peer);
   const bool accepted = delegate_->listener_shouldAcceptNewConnection(*this, client.connection);
-  if (!accepted || !poller_.add(client.connection.socket(), &client)) close(client, nullptr);
+  std::error_code refused;
+  client.events.assign(client.connection.socket(), refused);
+  if (!accepted || refused) close(client, nullptr);
 }
 
 bool LocalListener::make_room(PeerIdentity peer) {
@@ -105,13 +115,13 @@ bool LocalListener::make_room(PeerIdentity peer) {
 void LocalListener::make_room_for_descriptors() {
   if (!policy_.shares) return;
   if (ShareTable::Entry* first = shares_.first_to_evict()) close(static_cast<Client&>(*first), nullptr);
-  closed_.clear();
+  drop_closed();
 }
 
 void LocalListener::close(Client& client, const char* fault) {
   if (client.list == &closed_) return;
   if (fault != nullptr) closed_report_("closed a connection: %s", fault);
-  poller_.remove(client.connection.socket());
+  client.events.release();  // its handlers are called soon
   client.connection.close();
   memory_ -= std::exchange(client.counted_memory, 0);
   shares_.remove(client);
@@ -119,28 +129,66 @@ void LocalListener::close(Client& client, const char* fault) {
   start_ticking();  // the last tick gives freed memory back to the system
 }
 
-// ---- events and turns ---------------------------------------------------------------------------------
+void LocalListener::drop_closed() {
+  closed_.remove_if([](const Client& client) { return !client.awaits_input && !client.awaits_output; });
+}
 
-// Reads from the sockets that are ready, serves a slice of turns and sends the answers. In between the event loop
-// does other work.
+// ---- events -------------------------------------------------------------------------------------------
+
+void LocalListener::await_events(Client& client) {
+  if (client.connection.wants_input() && !client.awaits_input) await_input(client);
+  if (client.connection.wants_output() && !client.awaits_output) await_output(client);
+}
+
+void LocalListener::await_input(Client& client) {
+  if (listening_.refuses_descriptors()) {
+    const std::span<char> buffer = client.connection.input_buffer();
+    client.events.async_read_some(asio::buffer(buffer.data(), buffer.size()),
+                                  [this, &client](const std::error_code& error, size_t count) {
+                                    client.awaits_input = false;
+                                    handle_event(client, [&] { client.connection.received(error ? 0 : count); });
+                                  });
+  } else {
+    // `receive` looks for descriptors before it reads.
+    client.events.async_wait(asio::posix::stream_descriptor::wait_read, [this, &client](const std::error_code&) {
+      client.awaits_input = false;
+      handle_event(client, [&] { client.connection.receive(); });
+    });
+  }
+  client.awaits_input = true;
+}
+
+void LocalListener::await_output(Client& client) {
+  client.events.async_wait(asio::posix::stream_descriptor::wait_write, [this, &client](const std::error_code&) {
+    client.awaits_output = false;
+    handle_event(client, [&] { send(client); });
+  });
+  client.awaits_output = true;
+}
+
+// A lone client is served at once, because nobody else can be ready.
+template <class Step>
+void LocalListener::handle_event(Client& client, Step step) {
+  if (client.list != &closed_) run(client, step);
+  if (clients_.size() == 1) return work();
+  drop_closed();
+  work_later();
+}
+
+// ---- turns --------------------------------------------------------------------------------------------
+
+// Serves a slice of turns and sends the answers. In between the event loop does other work.
 void LocalListener::work() {
-  handle_events();
   if (shares_.has_ready()) serve_turns();
-  closed_.clear();
+  send_answers();
+  drop_closed();
   work_later();
 }
 
 void LocalListener::work_later() {
-  const bool has_ready = shares_.has_ready();
-  if (has_ready && !over_budget() && steady_clock::now() >= next_turns_) return post_work();
-  if (!polling_) {
-    poller_.async_wait([this] {
-      polling_ = false;
-      work();
-    });
-    polling_ = true;
-  }
-  if (!has_ready || awaits_turns_) return;
+  if (posted_ || !shares_.has_ready()) return;
+  if (!over_budget() && steady_clock::now() >= next_turns_) return post_work();
+  if (awaits_turns_) return;
   if (over_budget()) {
     start_ticking();  // those who do not read what the kernel holds for them have a timeout now
     // Nothing tells when a client has read what the kernel holds for it.
@@ -155,30 +203,11 @@ void LocalListener::work_later() {
 }
 
 void LocalListener::post_work() {
-  if (posted_) return;
   asio::post(queue_.context(), [this] {
     posted_ = false;
     work();
   });
   posted_ = true;
-}
-
-void LocalListener::handle_events() {
-  // A lone client is the one that is ready, which saves a call.
-  if (clients_.size() == 1) return handle_event(clients_.front(), clients_.front().interest);
-  for (const SocketPoller::Event& event : poller_.poll()) {
-    handle_event(*static_cast<Client*>(event.data), event.ready);
-  }
-}
-
-void LocalListener::handle_event(Client& client, SocketPoller::Readiness ready) {
-  if (client.list == &closed_) return;
-  // Its turn takes a while: until then it would be told again and again.
-  if (ready.readable && client.connection.has_request()) set_interest(client, {false, client.interest.writable});
-  run(client, [&] {
-    if (ready.readable) client.connection.receive();
-    if (ready.writable) send(client);
-  });
 }
 
 // A turn that took long, for large answers, is followed by as long a time for sending: a client that reads one
@@ -196,7 +225,6 @@ void LocalListener::serve_turns() {
   }
   const bool took_long = now - start > 2 * wire::turn_slice;
   if (took_long && answers_.bytes() != 0) next_turns_ = now + (now - start);
-  send_answers();
 }
 
 // A client that sends requests without waiting for the answers goes on as long as it is its turn again.
@@ -218,7 +246,7 @@ void LocalListener::send_answers() {
     Client& client = served_.front();
     move_to(clients_, client);
     run(client, [&] {
-      if (!client.interest.writable) send(client);
+      if (!client.awaits_output) send(client);
     });
   }
 }
@@ -246,20 +274,7 @@ void LocalListener::settle(Client& client) {
   if (connection.is_finished()) return close(client, connection.fault());
   if (has_request) shares_.make_ready(client);
   if (connection.has_deadline()) start_ticking();
-  update_interest(client);
-}
-
-// A socket whose request will be served at once stays readable, which saves two calls for each request.
-void LocalListener::update_interest(Client& client) {
-  const bool waits_for_turn = client.connection.has_request();
-  set_interest(client, {client.connection.wants_input() || (waits_for_turn && client.interest.readable),
-                        client.connection.wants_output()});
-}
-
-void LocalListener::set_interest(Client& client, SocketPoller::Readiness interest) {
-  if (interest == client.interest) return;
-  client.interest = interest;
-  poller_.set_interest(client.connection.socket(), &client, interest);
+  await_events(client);
 }
 
 // ---- memory -------------------------------------------------------------------------------------------
@@ -298,7 +313,7 @@ void LocalListener::tick() {
     Client& client = *next++;
     run(client, [&] { client.connection.tick(); });
   }
-  closed_.clear();
+  drop_closed();
   // Nobody waits for anything now: what large answers took goes back to the system.
   if (!ticking_) malloc_trim(0);
 }

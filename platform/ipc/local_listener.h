@@ -12,7 +12,6 @@
 #include "platform/ipc/passed_descriptors.h"
 #include "platform/ipc/share_table.h"
 #include "platform/ipc/shared_answers.h"
-#include "platform/ipc/socket_poller.h"
 #include "platform/ipc_listener.h"
 #include "platform/process/event_loops.h"
 #include "platform/report.h"
@@ -23,8 +22,8 @@ namespace corvane {
 /// queue has its thread, everything happens there.
 ///
 /// A request goes one way. The listening socket accepts a connection, the share table admits it, the delegate sets
-/// it up. When its socket is readable the connection receives; once a request has come whole it waits for its
-/// turn; in its turn it is served, and its answer is sent. Nothing calls back up.
+/// it up. What the event loop has read goes to the connection; once a request has come whole it waits for its turn;
+/// in its turn it is served, and its answer is sent. Nothing calls back up.
 class LocalListener final : public IpcListener {
  public:
   /// Queue and closer must outlive the listener. Throws std::system_error where the kernel refuses.
@@ -52,12 +51,17 @@ class LocalListener final : public IpcListener {
   void make_room_for_descriptors();
   void set_up(Client& client, PeerIdentity peer);
   void close(Client& client, const char* fault);
+  void drop_closed();
+
+  void await_events(Client& client);
+  void await_input(Client& client);
+  void await_output(Client& client);
+  template <class Step>
+  void handle_event(Client& client, Step step);
 
   void work();
   void work_later();
   void post_work();
-  void handle_events();
-  void handle_event(Client& client, SocketPoller::Readiness ready);
   void serve_turns();
   void send_answers();
   template <class Step>
@@ -65,8 +69,6 @@ class LocalListener final : public IpcListener {
   void serve(Client& client);
   void send(Client& client);
   void settle(Client& client);
-  void update_interest(Client& client);
-  void set_interest(Client& client, SocketPoller::Readiness interest);
 
   void count_memory(Client& client);
   bool over_budget() const;
@@ -82,18 +84,16 @@ class LocalListener final : public IpcListener {
 
   SharedAnswers answers_;
   ShareTable shares_;
-  SocketPoller poller_;
   std::list<Client> clients_;
   std::list<Client> served_;  ///< those of them that have just been served, and whose answers are to be sent
-  std::list<Client> closed_;  ///< are dropped when the work under way, which may still name them, is done
+  std::list<Client> closed_;  ///< are dropped when neither the work under way nor a handler may name them
   size_t memory_ = 0;         ///< of all connections, without the answers they share
 
   ListeningSocket listening_;
   asio::steady_timer tick_timer_;
   asio::steady_timer turns_timer_;
   std::chrono::steady_clock::time_point next_turns_{};  ///< no request is served before
-  bool polling_ = false;                                ///< the poller will call `work`
-  bool awaits_turns_ = false;                           ///< the timer will
+  bool awaits_turns_ = false;                           ///< the timer will call `work`
   bool posted_ = false;                                 ///< the event loop will
   bool ticking_ = false;
 
