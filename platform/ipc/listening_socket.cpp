@@ -45,6 +45,17 @@ int create_listening_socket(const std::string& path, mode_t mode, bool& refuses_
   return -1;
 }
 
+int option_of(int socket, int option) {
+  int value = 0;
+  socklen_t size = sizeof value;
+  return getsockopt(socket, SOL_SOCKET, option, &value, &size) == 0 ? value : -1;
+}
+
+bool is_listening_stream_socket(int socket) {
+  return option_of(socket, SO_DOMAIN) == AF_UNIX && option_of(socket, SO_TYPE) == SOCK_STREAM &&
+         option_of(socket, SO_ACCEPTCONN) == 1;
+}
+
 }  // namespace
 
 wire::ConnectionLimits connection_limits() {
@@ -60,15 +71,17 @@ PeerIdentity identity_of(int socket) {
   return {peer.uid, peer.pid};
 }
 
-ListeningSocket::ListeningSocket(std::string path, mode_t mode, asio::io_context& context, Handlers handlers)
+ListeningSocket::ListeningSocket(std::string path, mode_t mode, int handed_over, asio::io_context& context,
+                                 Handlers handlers)
     : path_(std::move(path)),
       mode_(mode),
       handlers_(std::move(handlers)),
+      handed_over_(handed_over),
       acceptor_(context),
       retry_timer_(context) {}
 
 ListeningSocket::~ListeningSocket() {
-  if (!acceptor_.is_open()) return;
+  if (!is_bound_) return;
   try {
     unlink(wire::SocketAddress(path_).path());
   } catch (const std::bad_alloc&) {
@@ -93,8 +106,24 @@ void ListeningSocket::rearm() {
   pending_ = true;
 }
 
+// -1 where there is none that can be used.
+int ListeningSocket::take_handed_over() {
+  if (!handed_over_.is_open()) return -1;
+  const int socket = handed_over_.detach();
+  if (is_listening_stream_socket(socket)) {
+    refuses_descriptors_ = refuse_passed_descriptors(socket);
+    accepts_older_ = true;
+    return socket;
+  }
+  report("what the service manager handed over for %s is no listening local socket", path_.c_str());
+  close(socket);
+  return -1;
+}
+
 bool ListeningSocket::listen() {
-  Descriptor socket(create_listening_socket(path_, mode_, refuses_descriptors_));
+  const int handed_over = take_handed_over();
+  Descriptor socket(handed_over >= 0 ? handed_over : create_listening_socket(path_, mode_, refuses_descriptors_));
+  is_bound_ = handed_over < 0 && socket.is_open();
   std::error_code error(socket.is_open() ? 0 : errno, std::system_category());
   if (!error) acceptor_.assign(asio::local::stream_protocol(), socket.number(), error);
   if (!error) {
@@ -105,6 +134,7 @@ bool ListeningSocket::listen() {
     report("could not listen on %s: %s", path_.c_str(), std::strerror(error.value()));
   }
   bind_error_ = error.value();
+  if (acceptor_.is_open() && handlers_.listening) handlers_.listening();
   return acceptor_.is_open();
 }
 
@@ -114,6 +144,7 @@ void ListeningSocket::accept_until(steady_clock::time_point end) {
   for (int i = 0; i < wire::backlog && error == 0 && steady_clock::now() < end; ++i) {
     const int socket = accept4(acceptor_.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     error = socket < 0 ? errno : 0;
+    if (error == EAGAIN) accepts_older_ = false;
     if (socket >= 0) handlers_.accepted(socket);
   }
   if (error == 0 || error == EAGAIN || error == EINTR || error == ECONNABORTED || pending_) return;

@@ -72,6 +72,8 @@ class LocalConnection final : public IpcConnection {
 
   // ---- its state ----
 
+  /// Whether bytes may have descriptors with them, so that only `receive` may read them.
+  bool looks_for_descriptors() const { return environment_.closer != nullptr; }
   /// Whether more bytes are to be waited for.
   bool wants_input() const;
   /// Whether more may have come than there was room for when the last bytes were read.

@@ -1,6 +1,6 @@
-// The event loop reads for each client that may send more, and waits to write for each that has output pending. The
-// handlers name the client, so a closed client is kept until they have been called. A request that has come whole
-// makes its client ready, and the turns are served later: by then the event loop has told who else is ready.
+// The event loop reads for each client that may send more, and waits to write for each that has output pending.
+// The handlers name the client, so a closed client is kept until they have been called. A request that has come
+// whole makes its client ready, and the turns are served later: by then the event loop has told who else is ready.
 
 #include "platform/ipc/local_listener.h"
 
@@ -41,13 +41,15 @@ LocalListener::Policy LocalListener::policy_for(IpcAccess access) {
   return {0666, wire::public_request_limit, connection_limits().public_connections, true};
 }
 
-LocalListener::LocalListener(std::string path, IpcAccess access, RequestQueue& queue, SocketCloser& closer)
+LocalListener::LocalListener(std::string path, IpcAccess access, RequestQueue& queue, SocketCloser& closer,
+                             Start start)
     : policy_(policy_for(access)),
       queue_(queue),
       closer_(closer),
       shares_(policy_.connection_limit),
-      listening_(std::move(path), policy_.socket_mode, queue.context(),
-                 {[this](int socket) { admit(socket); }, [this] { make_room_for_descriptors(); }}),
+      listening_(std::move(path), policy_.socket_mode, start.handed_over, queue.context(),
+                 {std::move(start.listening), [this](int socket) { admit(socket); },
+                  [this] { make_room_for_descriptors(); }}),
       tick_timer_(queue.context()),
       turns_timer_(queue.context()) {
   queue_.rearm_with([this] { rearm(); });
@@ -141,7 +143,7 @@ void LocalListener::await_events(Client& client) {
 }
 
 void LocalListener::await_input(Client& client) {
-  if (listening_.refuses_descriptors()) {
+  if (!client.connection.looks_for_descriptors()) {
     const std::span<char> buffer = client.connection.input_buffer();
     client.events.async_read_some(asio::buffer(buffer.data(), buffer.size()),
                                   [this, &client](const std::error_code& error, size_t count) {

@@ -3,6 +3,7 @@
 #include <asio/steady_timer.hpp>
 
 #include <chrono>
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
@@ -22,12 +23,18 @@ namespace corvane {
 /// queue has its thread, everything happens there.
 ///
 /// A request goes one way. The listening socket accepts a connection, the share table admits it, the delegate sets
-/// it up. What the event loop has read goes to the connection; once a request has come whole it waits for its turn;
-/// in its turn it is served, and its answer is sent. Nothing calls back up.
+/// it up. What the event loop has read goes to the connection; once a request has come whole it waits for its
+/// turn; in its turn it is served, and its answer is sent. Nothing calls back up.
 class LocalListener final : public IpcListener {
  public:
+  /// What the service manager has handed over, or -1, and whom to tell when clients can connect; may be null.
+  struct Start {
+    int handed_over = -1;
+    std::function<void()> listening;
+  };
+
   /// Queue and closer must outlive the listener. Throws std::system_error where the kernel refuses.
-  LocalListener(std::string path, IpcAccess access, RequestQueue& queue, SocketCloser& closer);
+  LocalListener(std::string path, IpcAccess access, RequestQueue& queue, SocketCloser& closer, Start start);
   /// Ends the queue's thread, so that nothing of the listener runs any more, and closes all connections.
   ~LocalListener() override;
 

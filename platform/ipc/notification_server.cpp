@@ -100,10 +100,12 @@ void NotificationServer::Subscriber::close() {
   if (!ignored) close_socket(socket, closer_);
 }
 
-NotificationServer::NotificationServer(std::string path, RequestQueue& queue, SocketCloser& closer)
+NotificationServer::NotificationServer(std::string path, int handed_over, RequestQueue& queue,
+                                       SocketCloser& closer)
     : queue_(queue),
       closer_(closer),
-      listening_(std::move(path), 0666, queue.context(), {[this](int socket) { admit(socket); }, [] {}}),
+      listening_(std::move(path), 0666, handed_over, queue.context(),
+                 {nullptr, [this](int socket) { admit(socket); }, [] {}}),
       shares_(connection_limits().subscribers) {
   queue_.rearm_with([this] { listening_.rearm(); });
 }

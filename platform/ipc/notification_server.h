@@ -19,8 +19,8 @@ namespace corvane {
 /// the next one.
 class NotificationServer final : public Notifications {
  public:
-  /// Queue and closer must outlive this.
-  NotificationServer(std::string path, RequestQueue& queue, SocketCloser& closer);
+  /// Queue and closer must outlive this. Owns the socket `handed_over` by the service manager, unless that is -1.
+  NotificationServer(std::string path, int handed_over, RequestQueue& queue, SocketCloser& closer);
   /// Ends the queue's thread, so that nothing of this runs any more, takes the socket away and closes all
   /// connections.
   ~NotificationServer() override;

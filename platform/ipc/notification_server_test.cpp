@@ -52,7 +52,7 @@ class Notifications : public ::testing::Test {
   const size_t descriptors_before_ = open_descriptors();
   RequestQueue queue_;
   SocketCloser closer_;
-  std::unique_ptr<NotificationServer> server_ = std::make_unique<NotificationServer>(path_, queue_, closer_);
+  std::unique_ptr<NotificationServer> server_ = std::make_unique<NotificationServer>(path_, -1, queue_, closer_);
 };
 
 TEST_F(Notifications, ReachWhoeverIsConnectedInOrder) {

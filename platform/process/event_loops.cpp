@@ -44,7 +44,9 @@ MainLoop::MainLoop() {
   end_signals_.add(SIGTERM);
   end_signals_.add(SIGINT);
   end_signals_.async_wait([this](const std::error_code& error, int) {
-    if (!error) context_.stop();
+    if (error) return;
+    context_.stop();
+    if (at_end_) at_end_();
   });
 }
 

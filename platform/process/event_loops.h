@@ -27,6 +27,9 @@ class MainLoop final : public RunLoop, public WorkQueue {
   bool is_current() const override { return std::this_thread::get_id() == main_thread_; }
   void create(const char*) override {}
 
+  /// `work` runs on the loop when the process is asked to end, before `run` returns. Once.
+  void at_end(std::function<void()> work) { at_end_ = std::move(work); }
+
  private:
   struct Watch {
     asio::posix::stream_descriptor descriptor;
@@ -38,6 +41,7 @@ class MainLoop final : public RunLoop, public WorkQueue {
   asio::io_context context_{1};
   std::deque<Watch> watches_;
   asio::signal_set end_signals_{context_};
+  std::function<void()> at_end_;
   const std::thread::id main_thread_ = std::this_thread::get_id();
 };
 

@@ -10,6 +10,7 @@
 #include "platform/platform.h"
 #include "platform/process/event_loops.h"
 #include "platform/process/preferences.h"
+#include "platform/process/service_manager.h"
 #include "platform/process/start_up.h"
 #include "platform/process/system_clock.h"
 #include "platform/process/system_files.h"
@@ -46,6 +47,7 @@ class SystemPlatform final : public Platform {
   const std::unique_ptr<Device> device_;
   MainLoop main_loop_;
   RequestQueue request_queue_;
+  ServiceManager service_manager_{main_loop_, request_queue_};
   SocketCloser socket_closer_;
   NotificationServer notifications_;
 };
