@@ -2,6 +2,7 @@
 
 #include <bit>
 #include <fstream>
+#include <malloc.h>
 #include <string>
 #include <vector>
 
@@ -188,6 +189,18 @@ TEST(BinaryWriter, RefusesWhatTheReaderWould) {
     const std::string written = write(*set, Encoding::binary);
     const bool refused = written == "error: "s + repeated;
     ASSERT_TRUE(refused ? i > 50 : i < 350 && read(written).value) << i;
+  }
+}
+
+// An answer waits for as long as its client does not read it.
+TEST(BinaryWriter, KeepsNoMoreMemoryThanItsBytesTake) {
+  for (const std::string letters : {"us", "\u00FCs"}) {  // written as ASCII and as UTF-16
+    std::string text;
+    for (int i = 0; i < 20'000; ++i) text += letters;
+    ByteChain chain;
+    ASSERT_FALSE(encode_binary(*String::create(text), chain));
+    const std::string_view bytes = chain.pieces().front();
+    EXPECT_LT(malloc_usable_size(const_cast<char*>(bytes.data())), bytes.size() + 1000) << letters;
   }
 }
 
