@@ -49,7 +49,7 @@ constexpr uid_t other_user = 65534;
 
 constexpr double processor_share_limit = 0.05;
 constexpr size_t log_limit = 2 * 65536;
-constexpr size_t memory_limit = wire::memory_budget + 24 * mebibyte;  // and two copies of the images
+constexpr size_t memory_limit = wire::memory_budget + 40 * mebibyte;  // and two copies of the images
 constexpr size_t memory_group_limit = 256 * mebibyte;                 // beyond which the kernel ends the daemon
 constexpr size_t memory_growth_limit = 8 * mebibyte;  // what the allocator may keep of the worst moment
 
