@@ -39,9 +39,9 @@ inline constexpr std::chrono::seconds request_timeout{5};
 /// A connection is closed when its client takes no byte of its pending output for longer than this.
 inline constexpr std::chrono::seconds write_timeout{5};
 
-/// The descriptors that the daemon keeps for itself: about 20 for as long as it runs, one new connection at each
+/// The descriptors that the daemon keeps for itself: about 25 for as long as it runs, one new connection at each
 /// socket, and what a request and a log line open.
-inline constexpr size_t own_descriptors = 32;
+inline constexpr size_t own_descriptors = 40;
 inline constexpr size_t admin_connection_limit = 8;
 inline constexpr size_t subscriber_limit = 64;
 inline constexpr size_t public_connection_limit = 512;
