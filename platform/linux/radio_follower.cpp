@@ -39,18 +39,18 @@ TelvoRadioStatus radio_status_of(const ModemReading& modem, const Ref<plist::Val
 
 RadioFollower::Changes RadioFollower::update(const ModemReading* modem, Time now) {
   deadline_.reset();
-  if (modem != nullptr && modem->card.is_complete()) {
+  if (modem == nullptr) {
+    if (holds(gone_since_, now)) return {};
     incomplete_since_.reset();
-    return take(*modem);
+    return take_absence();
   }
-  if (!incomplete_since_) incomplete_since_ = now;
-  const Time end = *incomplete_since_ + radio_hold;
-  if (now < end) {
-    deadline_ = end;
-    hold();
-    return {};
+  gone_since_.reset();
+  if (!modem->card.is_complete()) {
+    if (holds(incomplete_since_, now)) return {};
+  } else {
+    incomplete_since_.reset();
   }
-  return modem == nullptr ? take_absence() : take(*modem);
+  return take(*modem);
 }
 
 void RadioFollower::add_identities(RadioSnapshot& next, const CardReading& card) {
@@ -105,12 +105,20 @@ RadioFollower::Changes RadioFollower::take_absence() {
   return changes;
 }
 
-void RadioFollower::hold() {
-  if (!snapshot_->connected) return;
-  auto next = std::make_shared<RadioSnapshot>();
-  next->status = snapshot_->status;
-  next->number = snapshot_->number;
-  snapshot_ = std::move(next);
+// Whether it is too early to tell what the modem's silence means. Until then the status and the number stay, and
+// nothing can be asked.
+bool RadioFollower::holds(std::optional<Time>& since, Time now) {
+  if (!since) since = now;
+  const Time end = *since + radio_hold;
+  if (now >= end) return false;
+  deadline_ = end;
+  if (snapshot_->connected) {
+    auto next = std::make_shared<RadioSnapshot>();
+    next->status = snapshot_->status;
+    next->number = snapshot_->number;
+    snapshot_ = std::move(next);
+  }
+  return true;
 }
 
 }  // namespace corvane

@@ -14,14 +14,11 @@ namespace corvane {
 /// - The identity and the subscriber are never of two cards. Until the first subscriber is known the identity is
 ///   withheld, because what is stored may be of another card.
 /// - What a service does not say is unknown. An identity is only given as "", which removes it, when the card is
-/// known
-///   to be out; a subscriber also when this run saw another card take its card's place.
+///   known to be out; a subscriber also when this run saw another card take its card's place.
 /// - A modem that is gone, and a card that is not read whole, say nothing for `radio_hold`. Then they count as
-/// they
-///   are: without a modem there is no SIM status, and the identities stay.
+///   they are: without a modem there is no SIM status, and the identities stay.
 /// - The first whole reading, and a fact that becomes known, are announced as a change of the SIM status: nothing
-/// else
-///   would make the daemon look at them.
+///   else would make the daemon look at them.
 ///
 /// No system calls. One thread.
 class RadioFollower {
@@ -47,10 +44,11 @@ class RadioFollower {
   bool note_insertion(const CardReading& card);
   Changes take(const ModemReading& modem);
   Changes take_absence();
-  void hold();
+  bool holds(std::optional<Time>& since, Time now);
 
   std::shared_ptr<const RadioSnapshot> snapshot_ = std::make_shared<RadioSnapshot>();
-  std::optional<Time> incomplete_since_;
+  std::optional<Time> gone_since_;
+  std::optional<Time> incomplete_since_;  ///< it goes on while the modem is gone for less than `radio_hold`
   std::optional<Time> deadline_;
 
   bool had_complete_ = false;
