@@ -45,6 +45,7 @@ int ServiceReader::handle(ServiceReader& reader, Handle handle) noexcept {
 BusSlot ServiceReader::match(const std::string& rule, sd_bus_message_handler_t handler) {
   sd_bus_slot* slot = nullptr;
   const int result = sd_bus_add_match_async(bus_, &slot, rule.c_str(), handler, nullptr, this);
+  if (result == -ENOMEM) throw std::bad_alloc();
   if (result < 0) fail("its signals cannot be followed", -result);
   return BusSlot(slot);
 }
@@ -112,8 +113,11 @@ void ServiceReader::take_owner(sd_bus_message& reply) {
 
 void ServiceReader::set_owner(std::string_view owner) {
   owner_call_.reset();
-  if (owner == owner_) return;
-  owner_report_("%s is %s", protocol_.service(), owner.empty() ? "gone" : "there");
+  if (owner != owner_) {
+    owner_report_("%s is %s", protocol_.service(), owner.empty() ? "gone" : "there");
+  } else if (!owner.empty()) {
+    return;
+  }
   owner_ = owner;
   list_call_.reset();
   card_calls_.clear();
@@ -133,7 +137,7 @@ void ServiceReader::set_owner(std::string_view owner) {
   read();
 }
 
-// After a failure in the middle. The owner is found, and everything read, anew.
+// After a failure in the middle. The owner is found, and everything read, anew. It takes no memory.
 void ServiceReader::start_over() {
   owner_.clear();
   list_call_.reset();
@@ -199,7 +203,10 @@ void ServiceReader::take_list(sd_bus_message& reply) {
           return handle(asked.reader, [&] { asked.reader.take_card(asked, *answer); });
         },
         &card);
-    if (card.slot == nullptr) return start_over();
+    if (card.slot == nullptr) {
+      pending_[i].card.failure = {telvo_domain_service, EINVAL};
+      card_calls_.pop_back();
+    }
   }
   awaited_cards_ = card_calls_.size();
   if (awaited_cards_ == 0) finish();
