@@ -81,7 +81,7 @@ RadioFollower::Changes RadioFollower::take(const ModemReading& modem) {
   auto next = std::make_shared<RadioSnapshot>();
   next->connected = modem.reachable;
   next->card_failure = card.failure;
-  add_identities(*next, card);
+  if (!card.failure.failed()) add_identities(*next, card);
   next->firmware_version = text_or_null(modem.firmware_version);
   next->status = text_or_null(card.status);
   next->number = text_or_null(card.number);
