@@ -75,6 +75,7 @@ class Run {
   RadioFollower follower_;
   RadioFollower::Time now_{};
   const ModemReading* chosen_ = nullptr;
+  bool was_complete_ = false;   ///< the card was read whole once
   std::set<std::string> seen_;  ///< the identities of the cards that were followed
 
   StoredFacts stored_;
@@ -91,6 +92,9 @@ void Run::update() {
   chosen_ = choice_.choose(modem_manager_, ofono_, now_);
   const RadioFollower::Changes changes = follower_.update(chosen_, now_);
   is_announced_ |= changes.sim_inserted || changes.sim_status || changes.phone_number;
+  const bool is_first = !was_complete_ && chosen_ != nullptr && chosen_->card.is_complete();
+  ENSURE(!is_first || changes.sim_status);
+  was_complete_ |= is_first;
   expect_sound(chosen_);
 }
 
