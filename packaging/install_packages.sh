@@ -4,10 +4,11 @@ set -euo pipefail
 
 packages=(g++ cmake ninja-build libasio-dev libabsl-dev libexpat1-dev libssl-dev libsystemd-dev libcli11-dev
           nlohmann-json3-dev)
+tests=(libgtest-dev openssl dbus-daemon modemmanager ofono polkitd python3 systemd)
 case "$1" in
   run) ;;
-  test) packages+=(libgtest-dev openssl) ;;
-  asan) packages+=(libgtest-dev openssl clang-14 libclang-rt-14-dev llvm-14) ;;
+  test) packages+=("${tests[@]}") ;;
+  asan) packages+=("${tests[@]}" clang-14 libclang-rt-14-dev llvm-14) ;;
   bench) packages+=(libgtest-dev libspdlog-dev libsqlite3-dev liblmdb-dev rapidjson-dev libmsgpack-cxx-dev libxml2-dev
                     dbus-daemon python3) ;;
   *) echo "usage: $0 run|test|asan|bench" >&2; exit 2 ;;
@@ -38,6 +39,22 @@ apt_get() {
   echo "could not install ${missing[*]}" >&2
   exit 1
 }
+# A machine that gets these for the tests must not run them as services, now or after a reboot.
+mask_service() {
+  local unit=/etc/systemd/system/$1.service
+  if [ ! -e "$unit" ]; then
+    "${as_root[@]}" mkdir -p "${unit%/*}"
+    "${as_root[@]}" ln -sf /dev/null "$unit"
+    echo "the service $1 is masked; 'systemctl unmask $1' gives it back"
+  fi
+}
+
 echo "installing ${missing[*]}"
 apt_get update
+for package in "${missing[@]}"; do
+  case $package in
+    modemmanager) mask_service ModemManager ;;
+    ofono) mask_service ofono; mask_service dundee ;;
+  esac
+done
 apt_get install -y --no-install-recommends "${missing[@]}"
