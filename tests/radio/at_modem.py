@@ -22,6 +22,9 @@ FIXED_ANSWERS = {"E0": "", "V1": "", "+CMEE=1": "", "+CGMI": "Maker", "+CGMM": "
 CARD_COMMANDS = "+CPIN", "+CPIN?", "+CIMI", "+CNUM", "+CRSM"
 NO_CARD, PIN_REQUIRED = "+CME ERROR: 10", "+CME ERROR: 11"
 
+# Long enough for everybody to see a card of which a service knows only the identity yet.
+SUBSCRIBER_DELAY = 0.2
+
 # Elementary files of a SIM (3GPP TS 51.011)
 IDENTITY, GROUP_1, GROUP_2, PHONE_NUMBER = 0x2FE2, 0x6F3E, 0x6F3F, 0x6F40
 
@@ -122,6 +125,8 @@ class Modem:
         try:
             while line := (await reader.readuntil(b"\r")).decode():
                 command = line.strip().removeprefix("AT")
+                if command == "+CIMI":
+                    await asyncio.sleep(SUBSCRIBER_DELAY)
                 answer = self.answer(command)
                 print(command, "->", answer, file=sys.stderr, flush=True)
                 lines = [answer] if "ERROR" in answer else [answer, "OK"]
