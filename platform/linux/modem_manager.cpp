@@ -15,7 +15,7 @@ constexpr char cdma_interface[] = "org.freedesktop.ModemManager1.Modem.ModemCdma
 constexpr char sim_interface[] = "org.freedesktop.ModemManager1.Sim";
 
 // MMModemState
-constexpr int64_t state_failed = -1, state_initializing = 1, state_disabled = 3;
+constexpr int64_t state_failed = -1, state_initializing = 1;
 // MMModemStateFailedReason
 constexpr int64_t reason_sim_missing = 2, reason_sim_error = 3, reason_esim_without_profiles = 5;
 // MMModemLock
