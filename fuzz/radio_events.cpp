@@ -208,7 +208,8 @@ void Run::settle(Cards next) {
     is_locked_ = false;
   }
   service_->reply_normally();
-  replace_modem(true);
+  show_card();
+  service_->properties_changed(modem_path(modem_), modem_interface, "UnlockRequired");
   const auto end = steady_clock::now() + std::chrono::seconds(30);
   while (!knows_the_card()) {
     ENSURE(steady_clock::now() < end);
