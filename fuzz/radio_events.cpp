@@ -72,6 +72,7 @@ class Run {
   int modem_ = 0;
   int card_ = 1;  ///< 0: none
   bool is_locked_ = false;
+  bool is_read_ = true;  ///< ModemManager knows whether there is a card
   std::atomic<Cards> cards_{Cards::come_and_go};
 
   int calls_ = 0;  ///< of the services before
@@ -93,7 +94,8 @@ void Run::show_card() {
   const ScriptedCard card{identity_of(card_), subscriber_of(card_), "+1555" + std::to_string(card_), is_locked_};
   service_->change([&](Objects& objects) {
     objects.clear();
-    put_modem(objects, modem_, card_ == 0 ? nullptr : &card);
+    put_modem(objects, modem_, card_ == 0 || !is_read_ ? nullptr : &card);
+    if (!is_read_) objects[modem_path(modem_)][modem_interface]["State"] = int32_t{1};
   });
 }
 
@@ -141,6 +143,8 @@ void Run::handle_random_event() {
       show_card();
       return service_->properties_changed(modem_path(modem_), modem_interface, "UnlockRequired");
     case 5:
+      is_read_ = !is_read_;
+      show_card();
       return service_->properties_changed(modem_path(modem_), modem_interface, "Sim");
     case 6:
       return service_->interfaces_removed(modem_path(static_cast<int>(below(3))));
@@ -208,6 +212,7 @@ void Run::settle(Cards next) {
     is_locked_ = false;
   }
   service_->reply_normally();
+  is_read_ = true;
   show_card();
   service_->properties_changed(modem_path(modem_), modem_interface, "UnlockRequired");
   const auto end = steady_clock::now() + std::chrono::seconds(30);
