@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are missing for a purpose. Usage: install_packages.sh run|test|asan|bench
+# Installs the Debian packages that are missing for a purpose. Usage: install_packages.sh run|test|asan|bench|package
 set -euo pipefail
 
 packages=(g++ cmake ninja-build libasio-dev libabsl-dev libexpat1-dev libssl-dev libsystemd-dev libcli11-dev
@@ -9,9 +9,10 @@ case "$1" in
   run) ;;
   test) packages+=("${tests[@]}") ;;
   asan) packages+=("${tests[@]}" clang-14 libclang-rt-14-dev llvm-14) ;;
+  package) packages+=(build-essential debhelper debootstrap lintian procps) ;;
   bench) packages+=(libgtest-dev libspdlog-dev libsqlite3-dev liblmdb-dev rapidjson-dev libmsgpack-cxx-dev libxml2-dev
                     dbus-daemon python3) ;;
-  *) echo "usage: $0 run|test|asan|bench" >&2; exit 2 ;;
+  *) echo "usage: $0 run|test|asan|bench|package" >&2; exit 2 ;;
 esac
 
 missing=()
