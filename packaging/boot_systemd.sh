@@ -46,5 +46,5 @@ boot() {
 }
 export -f boot
 
-exec unshare --mount --pid --uts --ipc --cgroup --net --fork --kill-child --propagation private bash -c 'boot "$1"' \
-  boot "$root"
+exec unshare --mount --pid --uts --ipc --cgroup --net --fork --kill-child --propagation private \
+  bash -c 'boot "$1"' boot "$root"

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are missing for a purpose. Usage: install_packages.sh run|test|asan|bench|package
+# Installs the Debian packages that are missing for a purpose.
+# Usage: install_packages.sh run|test|asan|bench|package
 set -euo pipefail
 
 packages=(g++ cmake ninja-build libasio-dev libabsl-dev libexpat1-dev libssl-dev libsystemd-dev libcli11-dev
