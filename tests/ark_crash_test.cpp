@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <limits>
 #include <random>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,9 +18,9 @@ namespace {
 constexpr int store_kills = 500;
 constexpr unsigned longest_life_in_us = 2500;
 
-[[noreturn]] void store_until_killed(int64_t generation) {
+void store(int64_t generation, int64_t last) {
   const DataArk ark = data_ark_load();
-  for (;; ++generation) {
+  for (; generation <= last; ++generation) {
     data_ark_set_int64(ark.get(), nullptr, plist::String::create("generation").get(), generation);
     data_ark_store(ark.get());
   }
@@ -37,11 +38,13 @@ TEST(ArkCrash, AKilledStoreLeavesTheOldFileOrTheNewOne) {
   const std::string path = system_path("/private/var/mobile/Library/cvd/data_ark.plist");
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   std::mt19937 random(1);
-  int64_t generation = -1;
+  // Under emulation this translates the code, which each child would have to do within its short life.
+  store(0, 0);
+  int64_t generation = 0;
   int children_that_stored = 0;
   for (int kill_number = 0; kill_number < store_kills; ++kill_number) {
     const pid_t child = fork();
-    if (child == 0) store_until_killed(generation + 1);
+    if (child == 0) store(generation + 1, std::numeric_limits<int64_t>::max());
     usleep(static_cast<unsigned>(random()) % longest_life_in_us);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
