@@ -1,19 +1,24 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are missing for a purpose.
-# Usage: install_packages.sh run|test|asan|bench|package
+# Installs the Debian packages that are missing for a purpose. For arm64 it installs arm64-tools, and unpacks the
+# libraries in build/arm64-root. Usage: install_packages.sh run|test|asan|arm64|arm64-tools|bench|package
 set -euo pipefail
 
-packages=(g++ cmake ninja-build libasio-dev libabsl-dev libexpat1-dev libssl-dev libsystemd-dev libcli11-dev
-          nlohmann-json3-dev)
+libraries=(libasio-dev libabsl-dev libexpat1-dev libssl-dev libsystemd-dev libcli11-dev nlohmann-json3-dev)
+packages=(g++ cmake ninja-build "${libraries[@]}")
 tests=(libgtest-dev openssl dbus-daemon modemmanager ofono polkitd python3 systemd)
 case "$1" in
   run) ;;
   test) packages+=("${tests[@]}") ;;
   asan) packages+=("${tests[@]}" clang-14 libclang-rt-14-dev llvm-14) ;;
+  arm64)
+    "$0" arm64-tools
+    exec "$(dirname "$0")/make_arm64_root.sh" "${libraries[@]}" libgtest-dev
+    ;;
+  arm64-tools) packages=(g++-aarch64-linux-gnu qemu-user-static mmdebstrap cmake ninja-build openssl dbus-daemon) ;;
   package) packages+=(build-essential debhelper debootstrap lintian procps) ;;
   bench) packages+=(libgtest-dev libspdlog-dev libsqlite3-dev liblmdb-dev rapidjson-dev libmsgpack-cxx-dev libxml2-dev
                     dbus-daemon python3) ;;
-  *) echo "usage: $0 run|test|asan|bench|package" >&2; exit 2 ;;
+  *) echo "usage: $0 run|test|asan|arm64|arm64-tools|bench|package" >&2; exit 2 ;;
 esac
 
 missing=()
