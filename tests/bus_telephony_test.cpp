@@ -26,7 +26,8 @@ const ScriptedCard card_b{"B", "owner of B", "+1666"};
 const std::string answers_without_a_card =
     R"({"bootloader": "5.02", "firmware": "R1", "identity": "", "status": "not inserted", "subscriber": ""})";
 std::string answers_of(const std::string& identity, const std::string& number) {
-  return R"({"bootloader": "5.02", "firmware": "R1", "group 1": <1 bytes: 2a>, "group 2": <0 bytes>, "identity": ")" +
+  return R"({"bootloader": "5.02", "firmware": "R1", "group 1": <1 bytes: 2a>, "group 2": <0 bytes>, )"
+         R"("identity": ")" +
          identity + R"(", "number": ")" + number + R"(", "status": "ready", "subscriber": "owner of )" + identity +
          R"("})";
 }

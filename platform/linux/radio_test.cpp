@@ -36,9 +36,8 @@ std::string text_of(const plist::Ref<plist::Value>& value) {
   return text->view().empty() ? "removed" : std::string(text->view());
 }
 
-/// A follower, and the clock that it is given.
+/// A follower, and the clock that it is given. `sees` returns what is announced.
 struct Radio {
-  /// What is announced.
   std::string sees(const ModemReading* modem) {
     const RadioFollower::Changes changes = follower.update(modem, now);
     return std::string(changes.sim_inserted ? "inserted " : "") + (changes.sim_status ? "status " : "") +
