@@ -42,7 +42,7 @@ boot() {
   cd /
   umount -l old
   exec env -i container=lxc PATH=/usr/sbin:/usr/bin:/sbin:/bin \
-    /lib/systemd/systemd --system --log-target=console --show-status=no
+    /lib/systemd/systemd --system --log-target=journal --show-status=no
 }
 export -f boot
 

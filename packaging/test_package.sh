@@ -22,7 +22,7 @@ if [ "$(id -u)" -ne 0 ]; then
   exit 1
 fi
 
-give_up() {
+fail_with_log() {
   echo "$1" >&2
   [ -e "$work/log" ] && tail -30 "$work/log" >&2
   exit 1
@@ -105,11 +105,11 @@ make_root() {
   rm -rf "$root"
   cp -a "$base" "$root" || return 1
   list_files >"$work/files_before"
-  leave_state_of_root
+  make_state_of_root
   in_folder "$root" sh -c "$get install $packages"
 }
 
-leave_state_of_root() {
+make_state_of_root() {
   mkdir -p "$root$library/cvd" "$root$library/Logs/corvaned"
   chmod 700 "$root$library/cvd"
   cp "$source/plist/testdata/ark.bin.plist" "$root$library/cvd/data_ark.plist"
@@ -192,7 +192,7 @@ sockets_are_right() {
   diff <(echo "$expected") <(inside sh -c 'cd /run/corvaned && stat -c "%a %U %n" com.*')
 }
 
-# What it only warns of does not change its status.
+# After mere warnings systemd-analyze ends with status 0 as well.
 units_are_right() {
   local complaints
   complaints=$(inside systemd-analyze verify --man=no corvaned.service corvaned.socket corvaned-admin.socket \
@@ -216,11 +216,11 @@ sees_network_interfaces() {
   inside nsenter -t "$(main_pid)" -m ls /sys/class/net/corvane0
 }
 
-first_question_starts_it() {
+first_request_starts_it() {
   inside systemctl stop corvaned.service && [ "$(property ActiveState)" = inactive ] && ask && within 5 is_active
 }
 
-restarts_hold_questions() {
+restarts_hold_requests() {
   local i before
   for i in $(seq 20); do
     before=$(main_pid)
@@ -230,7 +230,7 @@ restarts_hold_questions() {
   done
 }
 
-hang_up_does_nothing() {
+hup_does_nothing() {
   local before
   before=$(main_pid)
   inside systemctl kill -s HUP corvaned.service
@@ -240,12 +240,18 @@ hang_up_does_nothing() {
 
 is_another() { [ "$(main_pid)" != "$1" ] && is_active; }
 
-# is_restarted_after SIGNAL SECONDS: and the question that comes meanwhile is answered.
-is_restarted_after() {
+killed_daemon_is_restarted() {
   local before
   before=$(main_pid)
-  inside systemctl kill -s "$1" --kill-whom=main corvaned.service
-  within "$2" is_another "$before" && ask
+  inside systemctl kill -s KILL --kill-whom=main corvaned.service
+  ask && within 5 is_another "$before"
+}
+
+watchdog_restarts_it() {
+  local before
+  before=$(main_pid)
+  inside systemctl kill -s STOP --kill-whom=main corvaned.service
+  within 60 is_another "$before" && ask && inside journalctl -q -o cat -u corvaned.service | grep "Watchdog timeout"
 }
 
 # log_reaches_journal LEVEL: with the level that was configured for the log.
@@ -260,7 +266,7 @@ banner_is_in_journal() {
   inside journalctl -q -o cat -p "$1..$1" -t corvaned _SYSTEMD_UNIT=corvaned.service | grep 'Corvane startup'
 }
 
-# start_signed NAME MODE: runs a signed program of root with these permissions, as a service.
+# start_signed NAME MODE [OPTION...]: runs a signed program of root with these permissions, as a service.
 start_signed() {
   write_plist /tmp/entitlements.plist '<key>dial</key><true/>'
   inside install -m "$2" /bin/sleep "/usr/local/bin/$1" &&
@@ -277,7 +283,7 @@ has_entitlements() {
 entitlements_of_a_users_program() { start_signed dialer 755 --uid=nobody && within 5 has_entitlements dialer; }
 entitlements_of_an_unreadable_program() { start_signed recorder 700 && within 5 has_entitlements recorder; }
 
-# Without the second capability what everybody may read still counts, and the log says why the other does not.
+# A program that everybody may read keeps its entitlements. For the other one the log says what is forbidden.
 works_without_read_search() {
   local drop_in=/etc/systemd/system/corvaned.service.d result=0
   inside install -D -m 644 -t "$drop_in" /usr/share/doc/corvaned/examples/without-read-search.conf
@@ -299,7 +305,7 @@ ofono_answers_the_daemon() {
 
 ofono_answers() { inside runuser -u "$1" -- busctl call org.ofono / org.ofono.Manager GetModems; }
 
-# It is not tried again and again, and who asks gets no answer soon instead of waiting for ever.
+# A refused start is not repeated, and a request then fails instead of waiting.
 refusal_is_final() {
   local drop_in=/run/systemd/system/corvaned.service.d result=0
   inside mkdir -p "$drop_in"
@@ -317,7 +323,7 @@ refusal_is_final() {
 
 refusals() { inside journalctl -q -o cat -u corvaned.service | grep -c 'must be linux or simulated: bogus'; }
 
-upgrade_holds_questions() {
+upgrade_holds_requests() {
   local before refused=$work/refused
   before=$(main_pid)
   rm -f "$refused"
@@ -367,24 +373,24 @@ purge_leaves_nothing() {
 
 mkdir -p "$work"
 exec 9>"$work/lock"
-flock --nonblock 9 || give_up "another ./test package runs in $work"
+flock --nonblock 9 || fail_with_log "another ./test package runs in $work"
 packaging/install_packages.sh package || exit 1
 trap clean_up EXIT
 trap 'exit 1' INT TERM
 
 : >"$work/console"
 echo 'building the packages'
-{ copy_source && build_packages; } >"$work/log" 2>&1 || give_up 'the packages do not build'
+{ copy_source && build_packages; } >"$work/log" 2>&1 || fail_with_log 'the packages do not build'
 version=$(sed -nE '1s/.*\((.*)\).*/\1/p' debian/changelog)
 architecture=$(dpkg --print-architecture)
 packages="/packages/corvaned_${version}_$architecture.deb /packages/corvanectl_${version}_$architecture.deb"
-make_upgrade >"$work/log" 2>&1 || give_up 'the packages cannot be repacked'
+make_upgrade >"$work/log" 2>&1 || fail_with_log 'the packages cannot be repacked'
 
 echo 'making a root, and booting it'
-make_base >"$work/log" 2>&1 || give_up 'debootstrap failed'
-fetch_dependencies >"$work/log" 2>&1 || give_up 'the dependencies cannot be fetched'
-make_root >"$work/log" 2>&1 || give_up 'the packages cannot be installed'
-start_system >"$work/log" 2>&1 || give_up "the system does not boot: $work/console"
+make_base >"$work/log" 2>&1 || fail_with_log 'debootstrap failed'
+fetch_dependencies >"$work/log" 2>&1 || fail_with_log 'the dependencies cannot be fetched'
+make_root >"$work/log" 2>&1 || fail_with_log 'the packages cannot be installed'
+start_system >"$work/log" 2>&1 || fail_with_log "the system does not boot: $work/console"
 
 check 'lintian finds no errors and no warnings' \
   lintian --allow-root --fail-on error,warning "$work/corvaned_${version}_$architecture.changes"
@@ -397,11 +403,11 @@ check 'it runs as its own user with two capabilities' runs_as_its_user
 check 'its status is shown' status_in_words
 check 'it sees the network interfaces of the system' sees_network_interfaces
 check 'images that root stores are answered to others' inside sh -c "$(<"$source/debian/tests/images")"
-check 'the first question starts the daemon' first_question_starts_it
-check '20 restarts, each with a question that is answered' restarts_hold_questions
-check 'HUP does nothing' hang_up_does_nothing
-check 'it is restarted after KILL' is_restarted_after KILL 5
-check 'it is restarted by the watchdog after STOP' is_restarted_after STOP 60
+check 'the first request starts the daemon' first_request_starts_it
+check '20 restarts, each with a request that is answered' restarts_hold_requests
+check 'HUP does nothing' hup_does_nothing
+check 'it is restarted after KILL, and a request meanwhile is answered' killed_daemon_is_restarted
+check 'it is restarted by the watchdog after STOP' watchdog_restarts_it
 check 'the log is in the journal with priority 5' log_reaches_journal 5
 check 'the log is in the journal with priority 3' log_reaches_journal 3
 check "entitlements of another user's program" entitlements_of_a_users_program
@@ -409,7 +415,7 @@ check 'entitlements of a program that only root may read' entitlements_of_an_unr
 check 'without the second capability the log says what is forbidden' works_without_read_search
 check 'oFono answers the daemon' ofono_answers_the_daemon
 check 'a refusal to start is final, and can be put right' refusal_is_final
-check 'every question is answered during an upgrade' upgrade_holds_questions
+check 'every request is answered during an upgrade' upgrade_holds_requests
 check 'remove keeps state and log' remove_keeps_state
 check 'installed again, it has its state' install_finds_state
 check 'purge leaves nothing but the user' purge_leaves_nothing
