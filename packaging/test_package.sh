@@ -104,6 +104,8 @@ in_folder() {
 make_root() {
   rm -rf "$root"
   cp -a "$base" "$root" || return 1
+  # Daily jobs would hold apt's lock, and leave files, when the test happens to run at their time.
+  in_folder "$root" systemctl mask apt-daily.timer apt-daily-upgrade.timer dpkg-db-backup.timer || return 1
   list_files >"$work/files_before"
   make_state_of_root
   in_folder "$root" sh -c "$get install $packages"
