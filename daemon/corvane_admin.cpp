@@ -1,8 +1,12 @@
 #include "daemon/corvane_admin.h"
 
+#include <cerrno>
+
 #include "daemon/connection_setup.h"
 #include "daemon/protocols.h"
 #include "device/regulatory_images.h"
+#include "platform/code_signing.h"
+#include "plist/entitlements_blob.h"
 #include "support/entitlements.h"
 
 namespace corvane {
@@ -11,12 +15,19 @@ namespace {
 
 constexpr char no_version[] =
     "the device has no ProductVersion: add it to /etc/corvaned/properties.plist (simulated device: to its "
-    "profile), "
-    "or VERSION_ID to os-release";
+    "profile), or VERSION_ID to os-release";
+constexpr char not_permitted[] =
+    "the daemon may not look at this process: it needs CAP_SYS_PTRACE, and CAP_DAC_READ_SEARCH where only its "
+    "owner may read the executable";
 
 ErrorObject store_error() {
   if (!copy_product_version()) return operation_failed_because(no_version);
   return CorvaneError::getError(CorvaneError::operation_failed);
+}
+
+bool may_look_at(int32_t pid) {
+  char header[plist::entitlements_header_size];
+  return sigq(pid, sigq_entitlements, header, sizeof header) == 0 || (errno != EACCES && errno != EPERM);
 }
 
 }  // namespace
@@ -36,7 +47,11 @@ void CorvaneAdmin::storeRegulatoryImages_withCompletionBlock(plist::Value& image
 }
 
 void CorvaneAdmin::copyEntitlementsForPID_withCompletionBlock(int32_t pid, const CompletionBlock& completion) {
-  if (completion) completion(copy_entitlements_for_pid(pid).get(), nullptr);
+  const auto entitlements = copy_entitlements_for_pid(pid);
+  if (!completion) return;
+  if (entitlements || may_look_at(pid)) return completion(entitlements.get(), nullptr);
+  const ErrorObject error = operation_failed_because(not_permitted);
+  completion(nullptr, &error);
 }
 
 }  // namespace corvane
