@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Unpacks Debian packages for arm64, with what they depend on, in build/arm64-root, and installs nothing. The next call
-# with the same packages has nothing to do. Usage: make_arm64_root.sh PACKAGE...
+# Unpacks Debian packages for arm64, and those that they depend on, in build/arm64-root. Nothing is installed. A second
+# call with the same packages does nothing. Usage: make_arm64_root.sh PACKAGE...
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -19,10 +19,11 @@ if ! mmdebstrap --mode=chrootless --variant=extract --architectures=arm64 --incl
   exit 1
 fi
 
-# The emulator takes every file from here that is here. Folders like /tmp and /etc must stay those of the machine.
+# Emulated programs find a path below this root, where it exists, instead of the machine's: /tmp, /etc and other
+# folders must not exist here.
 mkdir "$new/kept"
 mv "$new"/root/{lib,usr} "$new/kept"
-# Links to absolute paths would leave the root.
+# Absolute links would lead out of the root.
 find "$new/kept" -lname '/*' -printf '%P %l\n' | while read -r link target; do
   ln -sfrT "$new/kept$target" "$new/kept/$link"
 done
