@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are missing for a purpose. For arm64 it installs arm64-tools, and unpacks the
-# libraries in build/arm64-root. Usage: install_packages.sh run|test|asan|arm64|arm64-tools|bench|package
+# Installs the Debian packages that are missing for a purpose. For arm64 it installs arm64-tools, and unpacks
+# the libraries in build/arm64-root.
+# Usage: install_packages.sh run|test|asan|arm64|arm64-tools|bench|package
 set -euo pipefail
 
 libraries=(libasio-dev libabsl-dev libexpat1-dev libssl-dev libsystemd-dev libcli11-dev nlohmann-json3-dev)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Unpacks Debian packages for arm64, and those that they depend on, in build/arm64-root. Nothing is installed. A second
-# call with the same packages does nothing. Usage: make_arm64_root.sh PACKAGE...
+# Unpacks Debian packages for arm64, and those that they depend on, in build/arm64-root. Nothing is installed. A
+# second call with the same packages does nothing. Usage: make_arm64_root.sh PACKAGE...
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

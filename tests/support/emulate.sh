@@ -3,7 +3,8 @@
 set -euo pipefail
 emulator=$(command -v qemu-aarch64-static)
 
-# Where the machine does not do that already, only a user namespace is told to (Linux 6.7): the machine stays as it was.
+# Where the machine does not do that already, only a user namespace is told to, and the machine stays as it was.
+# That takes Linux 6.7.
 [ -e /proc/sys/fs/binfmt_misc/qemu-aarch64 ] && exec "$@"
 elf_header='\x7fELF\x02\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\xb7\x00'
 mask='\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff'
