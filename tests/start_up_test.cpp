@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/un.h>
 
 #include "client/client.h"
 #include "platform/files.h"
@@ -112,18 +113,22 @@ TEST(StartUp, RefusesToRunBesideAnotherDaemon) {
   EXPECT_EQ(RawClient(root.socket(wire::public_service)).ask("r"), testing::refusal("r"));
 }
 
-// Also below a root under which the sockets have paths that no socket address can hold.
+// The public socket's path fits easily into a socket address, just fits, is one byte too long, or far too long.
 TEST(StartUp, ReplacesTheSocketsOfAKilledDaemonAndTakesItsOwnAway) {
-  for (const std::string& below : {std::string("/root"), "/" + std::string(150, 'r')}) {
-    const DeviceRoot root(below);
+  const size_t fitting = sizeof(sockaddr_un::sun_path) - 1 - DeviceRoot("").socket(wire::public_service).size();
+  const size_t held_before = testing::open_descriptors();
+  for (const size_t length : {size_t{5}, fitting, fitting + 1, size_t{150}}) {
+    const DeviceRoot root("/" + std::string(length - 1, 'r'));
     DaemonProcess killed(root);
     killed.end(SIGKILL);
     DaemonProcess daemon(root);
     EXPECT_EQ(mode_of(root.socket(wire::public_service)), 0666u);
+    EXPECT_EQ(mode_of(root.socket(wire::notification_service)), 0666u);
     EXPECT_EQ(mode_of(root.socket(wire::admin_service)), 0600u);
     EXPECT_EQ(daemon.end(SIGTERM), 0) << daemon.standard_error();
     EXPECT_EQ(std::distance(fs::directory_iterator(root.at("/run/corvaned")), {}), 1) << "the lock stays";
   }
+  EXPECT_EQ(testing::open_descriptors(), held_before) << "the client library leaks";
 }
 
 TEST(StartUp, IgnoresHangupAndUnblocksTermination) {
