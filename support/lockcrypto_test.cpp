@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <unordered_set>
 
 #include "tests/support/failing_allocation.h"
 #include "tests/support/test_platform.h"
@@ -136,28 +135,23 @@ TEST_F(Lockcrypto, RequestHoldsNameAndKey) {
             Texts{"lockcrypto_create_cert_request: public or private key data not available"});
 }
 
-// The pieces of a private key are any 8 bytes of it in a row. They are counted in all memory that is released,
-// libcrypto's as well, which allows that only before its first allocation.
-std::unordered_set<uint64_t> pieces;
+// Pieces of 8 bytes of a private key. They are searched for in all memory that is released, libcrypto's as well,
+// which allows that only before its first allocation.
+Texts pieces;
 size_t pieces_released = 0;
 
-uint64_t piece_at(const char* bytes) {
-  uint64_t piece;
-  std::memcpy(&piece, bytes, sizeof piece);
-  return piece;
-}
-
-std::unordered_set<uint64_t> pieces_of(const std::vector<std::string>& secrets) {
-  std::unordered_set<uint64_t> all;
+Texts pieces_of(const Texts& secrets) {
+  Texts all;
   for (const std::string& secret : secrets) {
-    for (size_t i = 0; i + sizeof(uint64_t) <= secret.size(); ++i) all.insert(piece_at(&secret[i]));
+    for (size_t i = 0; i + 8 <= secret.size(); i += 8) all.push_back(secret.substr(i, 8));
   }
   return all;
 }
 
 // Wipes the memory, so that what a test itself leaves there is not found again in what others release later.
 void count_pieces(char* memory, size_t size) {
-  for (size_t i = 0; i + sizeof(uint64_t) <= size; ++i) pieces_released += pieces.count(piece_at(memory + i));
+  const std::string_view released(memory, size);
+  for (const std::string& piece : pieces) pieces_released += released.find(piece) != released.npos;
   explicit_bzero(memory, size);
 }
 
