@@ -101,12 +101,5 @@ TEST_F(Client, TakesOnlyTheAnswerToItsRequest) {
   EXPECT_EQ(unreadable.response.description, "why");
 }
 
-TEST_F(Client, ConnectsAgainWhereTheDaemonHasClosedAnIdleConnection) {
-  const Server server(socket_, {answer_, answer_}, Then::close);
-  Connection connection(wire::public_service, root_.at(""));
-  EXPECT_EQ(copy_regulatory_images(connection).outcome, Outcome::answered);
-  EXPECT_EQ(copy_regulatory_images(connection).outcome, Outcome::answered);
-}
-
 }  // namespace
 }  // namespace corvane::client
