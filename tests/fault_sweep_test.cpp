@@ -221,6 +221,25 @@ TEST(FaultSweep, SimChangesAreStoredAfterEachFailure) {
   EXPECT_LE(std::distance(begin(kept), end(kept)), 3) << "the ark, its temporary file, the folder of the images";
 }
 
+// Kills the daemon at the first call that follows a SIM change, then at the second, and so on.
+TEST(FaultSweep, AKilledStoreLeavesTheOldArkOrTheNewOne) {
+  Device device("simulated");
+  int64_t call = 1;
+  for (;; ++call) {
+    SCOPED_TRACE("killed at call " + std::to_string(call));
+    device.start_and_wait();
+    device.arm({"kill", killed, any}, call);
+    device.insert_sim();
+    EXPECT_TRUE(eventually([&] { return device.has_stored_sim() || device.plan->failed != 0; }));
+    usleep(5000);
+    device.disarm();
+    if (device.plan->failed == 0) break;
+    EXPECT_EQ(device.daemon->end(), -SIGKILL);
+    EXPECT_TRUE(device.ark()) << "the ark is lost after " << device.plan->name;
+  }
+  EXPECT_GT(call, 10) << "it was never killed while it stored";
+}
+
 TEST(FaultSweep, AStartUpServesOrRefuses) {
   Device device("simulated");
   device.start_and_wait();

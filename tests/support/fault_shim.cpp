@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -37,6 +38,7 @@ bool fails(Call call, const char* name) {
   if (number < plan->first || number > plan->last) return false;
   ++plan->failed;
   strncpy(plan->name, name, sizeof plan->name - 1);
+  if (plan->error == killed) raise(SIGKILL);
   errno = plan->error;
   return true;
 }
