@@ -19,7 +19,7 @@
 #include "platform/platform.h"
 #include "platform/preferences.h"
 #include "platform/run_loop.h"
-#include "tests/support/no_telephony.h"
+#include "platform/telephony.h"
 
 namespace corvane::testing {
 
@@ -39,7 +39,6 @@ struct TestPlatformState {
   std::vector<std::string> posted;
   uint64_t ticks_now = 0;  ///< of 125/3 ns
   std::string entitlements_blob;
-  int entitlements_error = 0;
   int locate_error = 0;                    ///< when set, `locate` fails with it
   Telephony* telephony_service = nullptr;  ///< when null, there is one that has nothing
 };
@@ -108,6 +107,14 @@ class TestPlatform final : public Platform,
     std::vector<std::function<void()>> waiting;
   };
 
+  struct NoTelephony final : Telephony {
+    TelephonyCentre* default_centre() override { return nullptr; }
+    std::unique_ptr<TelvoServerConnection> connect(void (*)()) override { return nullptr; }
+    TelvoRadioStatus copy_radio_status() override { return {}; }
+    plist::Ref<plist::Value> sim_status() override { return nullptr; }
+    plist::Ref<plist::Value> copy_my_phone_number() override { return nullptr; }
+  };
+
   TestPlatform();
 
   Handle* open(const char*, int) override {
@@ -139,7 +146,7 @@ class TestPlatform final : public Platform,
 
   int copy_entitlements_blob(int32_t, std::string& blob) override {
     blob = entitlements_blob;
-    return entitlements_error;
+    return 0;
   }
   uint64_t ticks() override { return ticks_now; }
   Ratio ratio() override { return {125, 3}; }
