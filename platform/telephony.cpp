@@ -4,6 +4,17 @@
 
 namespace corvane {
 
+void TelephonyObservers::add(void* observer, TelephonyCentre::Callback callback, std::string_view name) {
+  observers_.push_back({observer, callback, plist::String::create(name)});
+}
+
+void TelephonyObservers::deliver(TelephonyCentre& centre, std::string_view name) const {
+  for (const Observer& observer : observers_) {
+    if (observer.name->view() != name) continue;
+    observer.callback(&centre, observer.observer, observer.name.get(), nullptr, nullptr);
+  }
+}
+
 TelephonyCentre* TelvoTelephonyCenterGetDefault() { return platform().telephony().default_centre(); }
 
 void TelvoTelephonyCenterSetDefaultRunloop(TelephonyCentre& centre, RunLoop& run_loop) {

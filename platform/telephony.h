@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "plist/value.h"
 
@@ -67,6 +68,23 @@ class TelephonyCentre {
   virtual void set_default_run_loop(RunLoop& run_loop) = 0;
   /// Delivers the notification `name` to the observer at once, for the life of the centre. Main thread.
   virtual void add_observer(void* observer, Callback callback, std::string_view name) = 0;
+};
+
+/// The observers of a centre, kept by whoever implements one. Main thread.
+class TelephonyObservers {
+ public:
+  void add(void* observer, TelephonyCentre::Callback callback, std::string_view name);
+  /// Calls those of the notification `name`, in the order in which they were added.
+  void deliver(TelephonyCentre& centre, std::string_view name) const;
+
+ private:
+  struct Observer {
+    void* observer;
+    TelephonyCentre::Callback callback;
+    plist::Ref<plist::String> name;
+  };
+
+  std::vector<Observer> observers_;
 };
 
 /// The telephony service of a platform.

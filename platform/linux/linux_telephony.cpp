@@ -96,7 +96,7 @@ void LinuxTelephony::set_default_run_loop(RunLoop& run_loop) {
 }
 
 void LinuxTelephony::add_observer(void* observer, Callback callback, std::string_view name) {
-  observers_.push_back({observer, callback, plist::String::create(name)});
+  observers_.add(observer, callback, name);
 }
 
 void LinuxTelephony::update() {
@@ -111,17 +111,9 @@ void LinuxTelephony::update() {
   if (const auto end = earlier(choice_.deadline(), follower_.deadline())) {
     deadline_.arm(std::chrono::ceil<std::chrono::milliseconds>(*end - now));
   }
-  if (changes.sim_inserted) deliver(telvo_sim_inserted);
-  if (changes.sim_status) deliver(telvo_sim_status_changed);
-  if (changes.phone_number) deliver(telvo_phone_number_changed);
-}
-
-void LinuxTelephony::deliver(std::string_view name) {
-  for (const Observer& observer : observers_) {
-    if (observer.name->view() == name) {
-      observer.callback(this, observer.observer, observer.name.get(), nullptr, nullptr);
-    }
-  }
+  if (changes.sim_inserted) observers_.deliver(*this, telvo_sim_inserted);
+  if (changes.sim_status) observers_.deliver(*this, telvo_sim_status_changed);
+  if (changes.phone_number) observers_.deliver(*this, telvo_phone_number_changed);
 }
 
 }  // namespace corvane

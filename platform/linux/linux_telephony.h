@@ -4,7 +4,6 @@
 #include <memory>
 #include <mutex>
 #include <string_view>
-#include <vector>
 
 #include "platform/device_properties.h"
 #include "platform/linux/modem_choice.h"
@@ -39,18 +38,11 @@ class LinuxTelephony final : public Telephony, public TelephonyCentre {
   void add_observer(void* observer, Callback callback, std::string_view name) override;
 
  private:
-  struct Observer {
-    void* observer;
-    Callback callback;
-    plist::Ref<plist::String> name;
-  };
-
   std::shared_ptr<const RadioSnapshot> snapshot();
   void update();
-  void deliver(std::string_view name);
 
   DeviceProperties& properties_;
-  std::vector<Observer> observers_;
+  TelephonyObservers observers_;
 
   // On the main run loop.
   const ModemManager modem_manager_;

@@ -171,7 +171,7 @@ void SimulatedTelephony::set_default_run_loop(RunLoop& run_loop) {
 }
 
 void SimulatedTelephony::add_observer(void* observer, Callback callback, std::string_view name) {
-  observers_.push_back({observer, callback, plist::String::create(name)});
+  observers_.add(observer, callback, name);
 }
 
 void SimulatedTelephony::look_for_changes() {
@@ -182,16 +182,9 @@ void SimulatedTelephony::look_for_changes() {
   const auto* identity = cast<plist::String>(entry(now, "SIMIdentity"));
   const bool has_sim = identity != nullptr && !identity->view().empty();
 
-  if (has_sim && changed("SIMIdentity")) deliver(telvo_sim_inserted);
-  if (changed("SIMStatus")) deliver(telvo_sim_status_changed);
-  if (changed("PhoneNumber")) deliver(telvo_phone_number_changed);
-}
-
-void SimulatedTelephony::deliver(std::string_view name) {
-  for (const Observer& observer : observers_) {
-    if (observer.name->view() == name)
-      observer.callback(this, observer.observer, observer.name.get(), nullptr, nullptr);
-  }
+  if (has_sim && changed("SIMIdentity")) observers_.deliver(*this, telvo_sim_inserted);
+  if (changed("SIMStatus")) observers_.deliver(*this, telvo_sim_status_changed);
+  if (changed("PhoneNumber")) observers_.deliver(*this, telvo_phone_number_changed);
 }
 
 }  // namespace corvane

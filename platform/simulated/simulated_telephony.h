@@ -4,7 +4,6 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "platform/simulated/profile.h"
 #include "platform/telephony.h"
@@ -33,20 +32,13 @@ class SimulatedTelephony final : public Telephony, public TelephonyCentre {
   void add_observer(void* observer, Callback callback, std::string_view name) override;
 
  private:
-  struct Observer {
-    void* observer;
-    Callback callback;
-    plist::Ref<plist::String> name;
-  };
-
   plist::Ref<plist::Dictionary> snapshot();
   plist::Ref<plist::Value> copy_entry(std::string_view key);
   plist::Ref<plist::Dictionary> take_new_snapshot();
   void look_for_changes();
-  void deliver(std::string_view name);
 
   Profile& profile_;
-  std::vector<Observer> observers_;               // main thread
+  TelephonyObservers observers_;                  // main thread
   plist::Ref<plist::Dictionary> last_connected_;  // request queue: the snapshot of the last connection
   std::mutex mutex_;
   plist::Ref<plist::Dictionary> snapshot_;
