@@ -72,7 +72,8 @@ void ServiceReader::start(sd_bus& bus) {
     auto& reader = *static_cast<ServiceReader*>(self);
     return handle(reader, [&] {
       // Where the rule names its sender by a well-known name, sd-bus lets signals of other clients pass.
-      if (std::string_view(sd_bus_message_get_sender(signal)) != bus_service) return;
+      const char* sender = sd_bus_message_get_sender(signal);
+      if (sender == nullptr || std::string_view(sender) != bus_service) return;
       const char *name = nullptr, *before = nullptr, *owner = nullptr;
       if (sd_bus_message_read(signal, "sss", &name, &before, &owner) > 0) reader.set_owner(owner);
     });
