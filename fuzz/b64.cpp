@@ -32,9 +32,8 @@ struct Buffer {
 class FencedMemory {
  public:
   FencedMemory() { ENSURE(mprotect(bytes_ + size, largest_page, PROT_NONE) == 0); }
-  /// A copy that ends at that page.
+  /// A copy, of at most 1 MiB, that ends at that page.
   unsigned char* copy(const std::string& text) {
-    ENSURE(text.size() <= size);
     return static_cast<unsigned char*>(std::memcpy(bytes_ + size - text.size(), text.data(), text.size()));
   }
 
@@ -81,13 +80,12 @@ void encode_and_decode(const std::string& octets, size_t line, size_t spare) {
 // The kernels alone, with no character to skip.
 void try_kernels(const std::string& octets, const std::string& text) {
   static FencedMemory source, destination;
-  const size_t groups = octets.size() / 3;
-  const std::string whole = octets.substr(0, 3 * groups);
+  const std::string whole = octets.substr(0, octets.size() / 3 * 3);
   const std::string encoded = plain_encode(whole, 0, false);
   const size_t clean = std::min(text.size(), text.find_first_not_of(b64_chars)) / 4 * 4;
   for (const B64Kernels& kernels : b64_kernels()) {
     auto* characters = reinterpret_cast<char*>(destination.copy(std::string(encoded.size(), '\0')));
-    kernels.encode(source.copy(whole), groups, characters);
+    kernels.encode(source.copy(whole), whole.size() / 3, characters);
     ENSURE(std::string(characters, encoded.size()) == encoded);
 
     unsigned char* decoded = destination.copy(std::string((text.size() + 3) / 4 * 3, '\0'));
