@@ -15,7 +15,7 @@ case "$1" in
     "$0" arm64-tools
     exec "$(dirname "$0")/make_arm64_root.sh" "${libraries[@]}" libgtest-dev
     ;;
-  arm64-tools) packages=(g++-aarch64-linux-gnu qemu-user-static mmdebstrap cmake ninja-build openssl dbus-daemon) ;;
+  arm64-tools) packages=(g++-aarch64-linux-gnu qemu-user-static mmdebstrap cmake ninja-build "${tests[@]}") ;;
   package) packages+=(build-essential debhelper debootstrap lintian procps) ;;
   bench) packages+=(libgtest-dev libspdlog-dev libsqlite3-dev liblmdb-dev rapidjson-dev libmsgpack-cxx-dev libxml2-dev
                     dbus-daemon python3) ;;
