@@ -101,7 +101,7 @@ void exchange(std::string_view stream, bool admin, bool peeks, size_t chunk) {
   Client client(sockets[1]);
   const uint32_t limit = admin ? wire::admin_request_limit : wire::public_request_limit;
   SharedAnswers answers;
-  SocketCloser closer;
+  static SocketCloser closer;  // one for each input would leave sockets open that it had not come to yet
   LocalConnection connection(sockets[0], {limit, answers, peeks ? &closer : nullptr});
   set_up_connection(connection, admin ? corvane_admin_protocol() : corvane_protocol(),
                     admin ? static_cast<ExportedObject&>(administrator) : daemon);
