@@ -12,6 +12,7 @@
 
 #include "bench/measure.h"
 #include "client/client.h"
+#include "client/methods.h"
 #include "platform/process/small_file.h"
 #include "plist/describe.h"
 #include "tests/support/daemon_process.h"

@@ -13,6 +13,7 @@
 #include "bench/child.h"
 #include "bench/clients.h"
 #include "client/client.h"
+#include "client/methods.h"
 #include "plist/writer.h"
 
 namespace corvane::bench {

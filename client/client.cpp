@@ -159,6 +159,10 @@ Answer Call::receive(const plist::String* selector) {
 
 }  // namespace
 
+Outcome refusal(int connect_error) {
+  return connect_error == EACCES || connect_error == EPERM ? Outcome::not_permitted : Outcome::refused;
+}
+
 Connection::Connection(std::string_view service_name, const std::string& root, std::chrono::milliseconds timeout)
     : path_(wire::socket_path(root, service_name)),
       request_limit_(service_name == wire::admin_service ? wire::admin_request_limit : wire::public_request_limit),
@@ -187,7 +191,7 @@ Answer Connection::ask(const plist::Dictionary& request) {
     if (fresh) socket_ = connect_to(path_, time_left(deadline));
     if (socket_ < 0 && errno == EAGAIN)
       return failure(Outcome::timed_out, "the daemon accepts no connection in time");
-    if (socket_ < 0) return failure(Outcome::refused, path_ + ": " + std::strerror(errno));
+    if (socket_ < 0) return failure(refusal(errno), path_ + ": " + std::strerror(errno));
 
     Call call(socket_, deadline);
     std::optional<Answer> failed = call.send(body);
@@ -197,22 +201,6 @@ Answer Connection::ask(const plist::Dictionary& request) {
     const bool was_stale = !fresh && answer.outcome == Outcome::closed && !call.received_any();
     if (!was_stale) return answer;
   }
-}
-
-Answer copy_regulatory_images(Connection& connection) {
-  return connection.ask(*wire::make_request(wire::copy_regulatory_images));
-}
-
-Answer store_regulatory_images(Connection& admin_connection, Ref<plist::Value> images) {
-  Ref<plist::MutableDictionary> request = wire::make_request(wire::store_regulatory_images);
-  request->set(wire::images_key, std::move(images));
-  return admin_connection.ask(*request);
-}
-
-Answer copy_entitlements(Connection& admin_connection, int32_t pid) {
-  Ref<plist::MutableDictionary> request = wire::make_request(wire::copy_entitlements);
-  request->set(wire::pid_key, plist::Number::create_int32(pid));
-  return admin_connection.ask(*request);
 }
 
 }  // namespace corvane::client

@@ -15,12 +15,13 @@ inline constexpr std::chrono::milliseconds default_timeout{5000};
 
 /// How a call ended.
 enum class Outcome {
-  answered,     ///< the daemon answered: a dictionary, nothing, or an error of its own
-  refused,      ///< no connection: nobody serves the socket, or this user may not use it
-  closed,       ///< the connection ended before the whole answer had come
-  timed_out,    ///< the whole answer had not come when the timeout was over
-  bad_answer,   ///< what came is no answer to the request
-  bad_request,  ///< not sent: the request cannot be encoded, or is longer than the service takes
+  answered,       ///< the daemon answered: a dictionary, nothing, or an error of its own
+  refused,        ///< no connection: nobody serves the socket
+  not_permitted,  ///< no connection: this user may not use the socket
+  closed,         ///< the connection ended before the whole answer had come
+  timed_out,      ///< the whole answer had not come when the timeout was over
+  bad_answer,     ///< what came is no answer to the request
+  bad_request,    ///< not sent: the request cannot be encoded, or is longer than the service takes
 };
 
 struct Answer {
@@ -28,6 +29,9 @@ struct Answer {
   std::string detail;       ///< what went wrong; empty when answered
   wire::Response response;  ///< when answered
 };
+
+/// How a call ended for which no connection could be made, by the errno of connecting.
+Outcome refusal(int connect_error);
 
 /// A connection to one service of the daemon, made at the first request. Between requests it may be idle for as
 /// long as the caller likes. The daemon may close it meanwhile; the next request then makes a new one. Blocking;
@@ -63,10 +67,5 @@ class Connection {
   const std::chrono::milliseconds timeout_;
   int socket_ = -1;
 };
-
-/// The methods of the daemon's public service and of its admin service. Each is one `Connection::ask`.
-Answer copy_regulatory_images(Connection& connection);
-Answer store_regulatory_images(Connection& admin_connection, plist::Ref<plist::Value> images);
-Answer copy_entitlements(Connection& admin_connection, int32_t pid);
 
 }  // namespace corvane::client

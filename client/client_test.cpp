@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "client/methods.h"
 #include "tests/support/daemon_process.h"
 #include "wire/socket_address.h"
 

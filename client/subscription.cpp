@@ -1,6 +1,10 @@
 #include "client/subscription.h"
 
+#include <climits>
+
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
@@ -14,6 +18,15 @@
 namespace corvane::client {
 
 namespace {
+
+using std::chrono::steady_clock;
+
+// What is left of the timeout, for poll(2).
+int poll_timeout(steady_clock::time_point start, std::chrono::milliseconds timeout) {
+  if (timeout == Subscription::no_timeout) return -1;
+  const auto left = timeout - std::chrono::floor<std::chrono::milliseconds>(steady_clock::now() - start);
+  return static_cast<int>(std::clamp<int64_t>(left.count(), 0, INT_MAX));
+}
 
 bool decode(const wire::Frame& frame, wire::Notification& notification) {
   if (frame.kind != wire::raw_data_kind) return false;
@@ -34,16 +47,22 @@ Subscription::~Subscription() {
 Outcome Subscription::open(std::string& detail) {
   socket_ = connect_to(path_, default_timeout);
   if (socket_ >= 0) return Outcome::answered;
-  detail = path_ + ": " + std::strerror(errno);
-  return Outcome::refused;
+  const int error = errno;
+  detail = path_ + ": " + std::strerror(error);
+  return refusal(error);
 }
 
-Outcome Subscription::next(wire::Notification& notification, std::string& detail) {
+Outcome Subscription::next(wire::Notification& notification, std::string& detail,
+                           std::chrono::milliseconds timeout) {
+  const auto start = steady_clock::now();
   wire::Frame frame;
   wire::FrameReader::Status status;
   while ((status = reader_.next(frame)) == wire::FrameReader::Status::incomplete) {
     pollfd readable{socket_, POLLIN, 0};
-    poll(&readable, 1, -1);
+    if (poll(&readable, 1, poll_timeout(start, timeout)) == 0) {
+      detail = "no notification in time";
+      return Outcome::timed_out;
+    }
     const std::span<char> buffer = reader_.prepare();
     const ssize_t count = recv(socket_, buffer.data(), buffer.size(), 0);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) continue;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 
 #include "client/client.h"
@@ -18,12 +19,20 @@ class Subscription {
 
   /// Connects; to be called once. `next` then reads every notification that is posted after the daemon has
   /// accepted the connection. Of those that were dropped because too many were unread it reads the count. Returns
-  /// `answered`, or `refused` with the reason in `detail`.
+  /// `answered`, or `refused` or `not_permitted` with the reason in `detail`.
   Outcome open(std::string& detail);
 
-  /// Waits for the next notification, without a timeout. Returns `answered`, or `closed` or `bad_answer` with the
-  /// reason in `detail`: then no more will come.
-  Outcome next(wire::Notification& notification, std::string& detail);
+  /// Waits for the next notification, for ever where `timeout` is `no_timeout`. Returns `answered`; `timed_out`
+  /// where none had come whole by then; or `closed` or `bad_answer` with the reason in `detail`: then no more will
+  /// come.
+  Outcome next(wire::Notification& notification, std::string& detail,
+               std::chrono::milliseconds timeout = no_timeout);
+
+  /// For the caller's own event loop, which waits until it is readable and then calls `next` with a timeout of 0
+  /// until that returns `timed_out`. Valid after `open`; the subscription closes it.
+  int descriptor() const { return socket_; }
+
+  static constexpr std::chrono::milliseconds no_timeout = std::chrono::milliseconds::max();
 
  private:
   const std::string path_;

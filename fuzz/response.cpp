@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "client/client.h"
+#include "client/methods.h"
 #include "client/subscription.h"
 #include "fuzz/ensure.h"
 #include "plist/printable.h"

@@ -3,6 +3,7 @@
 #include <deque>
 
 #include "client/client.h"
+#include "client/methods.h"
 #include "tests/support/daemon_process.h"
 #include "wire/limits.h"
 

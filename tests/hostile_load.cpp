@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "client/client.h"
+#include "client/methods.h"
 #include "fuzz/attacks.h"
 #include "tests/support/daemon_process.h"
 #include "tests/support/memory_group.h"

@@ -4,6 +4,7 @@
 #include <sys/un.h>
 
 #include "client/client.h"
+#include "client/methods.h"
 #include "platform/files.h"
 #include "tests/support/daemon_process.h"
 

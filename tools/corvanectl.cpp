@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "client/client.h"
+#include "client/methods.h"
 #include "client/subscription.h"
 #include "plist/printable.h"
 #include "plist/reader.h"

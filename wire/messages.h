@@ -5,22 +5,13 @@
 #include <string_view>
 
 #include "plist/value.h"
+#include "wire/methods.h"
 
 /// Requests, responses and notifications: dictionaries that are sent as the bodies of raw-data frames. The daemon
 /// and its clients build and read them here.
 namespace corvane::wire {
 
-/// The services' socket names and selectors.
-inline constexpr std::string_view public_service = "com.norvane.corvaned";
-inline constexpr std::string_view admin_service = "com.norvane.corvaned.admin";
-inline constexpr std::string_view notification_service = "com.norvane.notifications";
-inline constexpr std::string_view copy_regulatory_images = "copyRegulatoryImagesWithCompletionBlock:";
-inline constexpr std::string_view store_regulatory_images = "storeRegulatoryImages:withCompletionBlock:";
-inline constexpr std::string_view copy_entitlements = "copyEntitlementsForPID:withCompletionBlock:";
-
 inline constexpr std::string_view request_key = "Request";
-inline constexpr std::string_view images_key = "Images";
-inline constexpr std::string_view pid_key = "PID";
 inline constexpr std::string_view reply_key = "Reply";
 inline constexpr std::string_view error_key = "Error";
 inline constexpr std::string_view error_object_key = "ErrorObject";

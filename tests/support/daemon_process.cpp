@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 
 #include "client/client.h"
+#include "client/methods.h"
 #include "plist/reader.h"
 #include "wire/limits.h"
 #include "wire/socket_address.h"
