@@ -21,6 +21,7 @@
 #include "plist/big_endian.h"
 #include "plist/entitlements_blob.h"
 #include "plist/reader.h"
+#include "state/data_ark.h"
 #include "tests/support/test_platform.h"
 #include "wire/limits.h"
 #include "wire/messages.h"
