@@ -78,7 +78,7 @@ TEST_F(ArkService, WhatItAnswersIsWhatTheFileHasAfterEachChange) {
     model[key] = value;
     if (removes) model.erase(key);
     std::string expected;
-    for (const auto& [name, value] : model) expected += ", \"domain-" + name + "\": \"" + value + "\"";
+    for (const auto& [name, set_to] : model) expected += ", \"domain-" + name + "\": \"" + set_to + "\"";
     EXPECT_EQ(file(), expected.empty() ? "(null)" : "{" + expected.substr(2) + "}");
   }
 }
