@@ -85,7 +85,7 @@ step='text that a terminal would act on'
 printf '<plist><dict><key>k\xc2\x9b</key><string>\xe2\x80\xaez"\\</string></dict></plist>' >"$work/hostile.plist"
 expect 0 $'{\n  "k\\\\u009b": "\\\\u202ez\\\\"\\\\\\\\"\n}' '' corvanectl show "$work/hostile.plist"
 expect 2 '' 'corvanectl: a\\nb\\u001b\[2J\\u202e\\x9b: No such file or directory' \
-  corvanectl show $'a\nb\e[2J\u202e\x9b'
+  corvanectl show $'a\nb\e[2J\xe2\x80\xae\x9b'
 
 step='JSON that is set is the JSON that is shown'
 cp "$source/plist/testdata/ark.bin.plist" "$work/binary.plist"
