@@ -16,7 +16,7 @@ case "$1" in
     exec "$(dirname "$0")/make_arm64_root.sh" "${libraries[@]}" libgtest-dev
     ;;
   arm64-tools) packages=(g++-aarch64-linux-gnu qemu-user-static mmdebstrap cmake ninja-build "${tests[@]}") ;;
-  package) packages+=(build-essential debhelper debootstrap lintian procps) ;;
+  package) packages+=(build-essential debhelper debootstrap iproute2 lintian procps) ;;
   bench) packages+=(libgtest-dev libspdlog-dev libsqlite3-dev liblmdb-dev rapidjson-dev libmsgpack-cxx-dev libxml2-dev
                     dbus-daemon python3) ;;
   *) echo "usage: $0 run|test|asan|arm64|arm64-tools|bench|package" >&2; exit 2 ;;
