@@ -93,7 +93,10 @@ corvane_status status_of(Outcome outcome) {
 corvane_status pass_on(const Answer& answer, corvane_value** reply, corvane_error* error) {
   if (answer.outcome != Outcome::answered) return report(error, status_of(answer.outcome), answer.detail);
   const wire::Response& response = answer.response;
-  if (response.failed) return report(error, CORVANE_DAEMON_ERROR, response.description, response.code);
+  if (response.failed) {
+    const std::string& reason = response.description;
+    return report(error, CORVANE_DAEMON_ERROR, reason.empty() ? "the daemon gave no reason" : reason, response.code);
+  }
   if (reply != nullptr) *reply = hand_over(response.reply);
   return report_success(error);
 }
