@@ -4,8 +4,8 @@
         for image in daemon.images():
             print(image.name, len(image.data))
 
-`Public` and `Admin` ask the daemon, `Subscription` follows its notifications. docs/client.md has complete programs,
-docs/wire-protocol.md says what each method answers. Everything here works over libcorvane.so.0.
+`Public` and `Admin` ask the daemon, `Subscription` follows its notifications. docs/client.md has complete
+programs, docs/wire-protocol.md says what each method answers. It all works over libcorvane.so.0.
 """
 
 from ._connection import DEFAULT_TIMEOUT, Admin, Ark, ArkEntry, Image, Public

@@ -59,17 +59,18 @@ class _Connection:
     _service: int
 
     def __init__(self, root: str | None = None, timeout: float = DEFAULT_TIMEOUT) -> None:
-        """Asks the daemon below the folder `root`; where that is None, below CORVANE_ROOT or in the whole system. The
-        timeout, in seconds, is that of each request. The connection is made at the first request, and again where the
-        daemon has closed it meanwhile. Several threads may use it: they wait for each other."""
+        """Asks the daemon below the folder `root`; where that is None, below CORVANE_ROOT or in the whole system.
+        The timeout, in seconds, is that of each request. The connection is made at the first request, and again
+        where the daemon has closed it meanwhile. Several threads may use it: they wait for each other."""
         pointer = c_void_p()
         error = _library.ErrorRecord()
         milliseconds = round(timeout * 1000)
         if not 0 <= milliseconds < 2**31:
             raise ValueError(f"no timeout: {timeout}")
-        raise_for(
-            _library.connection_open(self._service, encoded(root), milliseconds, byref(pointer), byref(error)), error
+        status = _library.connection_open(
+            self._service, encoded(root), milliseconds, byref(pointer), byref(error)
         )
+        raise_for(status, error)
         assert pointer.value is not None
         self._lock = threading.Lock()
         self._handle = Handle(self, pointer.value, _library.connection_close)
@@ -216,8 +217,8 @@ class Ark:
         return self._one(key, _library.ark_remove, encoded(domain), encoded(key))
 
     def list(self, domain: str | None = None) -> Iterator[ArkEntry]:
-        """The entries of a domain, or of the whole ark under its composed keys, in the order of their keys. What is
-        changed while the pages are asked for may be missing or old."""
+        """The entries of a domain, or of the whole ark under its composed keys, in the order of their keys. They
+        come in pages: what changes meanwhile may be missing, or old."""
         after: str | None = None
         while True:
             page = self._admin._call(_library.ark_list, encoded(domain), encoded(after))
@@ -238,8 +239,8 @@ class Ark:
     def set_attributes(
         self, key: str | None, attributes: Iterable[int], domain: str | None = None
     ) -> frozenset[int]:
-        """Gives a key just these attributes, each from 0 to 8, and returns those before. Without a key they are the
-        domain's own, which new entries inherit."""
+        """Gives a key just these attributes, each from 0 to 8, and returns those before. Without a key they are
+        the domain's own, which new entries inherit."""
         given = sorted(set(attributes))
         if any(not 0 <= index <= 8 for index in given):
             raise ValueError(f"attributes are from 0 to 8: {given}")

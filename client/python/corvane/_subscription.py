@@ -21,8 +21,8 @@ class Notification(NamedTuple):
 
 
 class Subscription:
-    """A subscription to the system-wide notifications: an iterator, for asyncio an asynchronous one. Connected when it
-    is made. For one thread at a time, and only for the process that has made it.
+    """A subscription to the system-wide notifications: an iterator, for asyncio an asynchronous one. It connects
+    when it is made. For one thread at a time, and only for the process that has made it.
 
     Iterating ends where none has come for `timeout` seconds; without a timeout it goes on until the daemon ends,
     which raises Closed."""

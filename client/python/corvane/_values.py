@@ -27,14 +27,14 @@ from . import _library
 
 @dataclass(frozen=True)
 class Date:
-    """A date that datetime cannot hold: outside the years 1 to 9999, or with a fraction finer than a microsecond."""
+    """A date that datetime cannot hold: outside the years 1 to 9999, or finer than a microsecond."""
 
     seconds: float  #: since 2001-01-01T00:00:00Z
 
 
 class ValueSet(list[Any]):
-    """A set that frozenset cannot hold: with members that cannot be hashed, such as lists, or that Python takes for
-    equal, such as 1, 1.0 and True. The order of the members has no meaning."""
+    """A set that frozenset cannot hold: with members that cannot be hashed, such as lists, or that Python takes
+    for equal, such as 1, 1.0 and True. The order of the members has no meaning."""
 
 
 Value = Union[
