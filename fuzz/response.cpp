@@ -1,6 +1,6 @@
 // What a client is told: a server sends the bytes to the real client library, as the answer to a request, to one
-// over the C interface, and as notifications to a subscriber. What the library understands is printed as corvanectl
-// prints it, and walked over the C interface.
+// over the C interface, and as notifications to a subscriber. What the library understands is printed as
+// corvanectl prints it, and walked over the C interface.
 
 #include <algorithm>
 #include <cstdint>
@@ -86,15 +86,11 @@ void ask(const std::string& root) {
   ENSURE(!answer.detail.empty() && answer.detail.find('\n') == answer.detail.npos);
 }
 
-// How many values there are. Each must have its children where it says that they are, and nothing beyond.
-size_t walk(const corvane_value* value) {
-  size_t visited = 1;
+// Each child must be where its container says that it is, and nothing beyond.
+void walk(const corvane_value* value) {
   const size_t count = corvane_value_count(value);
-  for (size_t i = 0; i < count; ++i) visited += walk(corvane_value_at(value, i));
+  for (size_t i = 0; i < count; ++i) walk(corvane_value_at(value, i));
   ENSURE(corvane_value_kind(value) != CORVANE_NONE && corvane_value_at(value, count) == nullptr);
-  ENSURE((corvane_value_key_at(value, 0, nullptr) != nullptr) ==
-         (corvane_value_kind(value) == CORVANE_DICTIONARY && count > 0));
-  return visited;
 }
 
 void ask_over_c(const std::string& root) {
@@ -105,11 +101,9 @@ void ask_over_c(const std::string& root) {
   const corvane_status status = corvane_get_images(connection, &reply, &error);
   corvane_connection_close(connection);
   ENSURE((status == CORVANE_OK) == (error.message[0] == '\0') && (status == CORVANE_OK || reply == nullptr));
-  const size_t values = reply == nullptr ? 0 : walk(reply);
+  if (reply != nullptr) walk(reply);
   corvane_images* images = corvane_images_open(reply);
-  size_t found = 0;
-  while (corvane_images_next(images, nullptr) == CORVANE_OK) ++found;
-  ENSURE(found <= values);
+  while (corvane_images_next(images, nullptr) == CORVANE_OK) continue;
   corvane_images_close(images);
   corvane_value_release(reply);
 }
