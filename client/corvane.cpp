@@ -95,7 +95,8 @@ corvane_status pass_on(const Answer& answer, corvane_value** reply, corvane_erro
   const wire::Response& response = answer.response;
   if (response.failed) {
     const std::string& reason = response.description;
-    return report(error, CORVANE_DAEMON_ERROR, reason.empty() ? "the daemon gave no reason" : reason, response.code);
+    return report(error, CORVANE_DAEMON_ERROR, reason.empty() ? "the daemon gave no reason" : reason,
+                  response.code);
   }
   if (reply != nullptr) *reply = hand_over(response.reply);
   return report_success(error);
