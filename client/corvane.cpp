@@ -107,12 +107,7 @@ template <class Ask>
 corvane_status call(corvane_connection* connection, corvane_value** reply, corvane_error* error, Ask ask) {
   if (reply != nullptr) *reply = nullptr;
   if (connection == nullptr) return bad_request(error, "the connection is NULL");
-  return without_exceptions([&] { return pass_on(ask(connection->connection()), reply, error); },
-                            [&] {
-                              // The answer may still come, and must not be taken for that to the next request.
-                              connection->current.reset();
-                              return report_no_memory(error);
-                            });
+  return with_error(error, [&] { return pass_on(ask(connection->connection()), reply, error); });
 }
 
 bool is_text(const char* text) { return text != nullptr && plist::unicode::is_utf8(text); }
