@@ -4,9 +4,9 @@
 /* The client library of corvaned: ask the daemon, walk the values that it answers, follow its notifications. For
  * C99 and C++. docs/client.md has complete programs, docs/wire-protocol.md says what each method answers.
  *
- * Ownership. `corvane_value *` is a reference that its owner gives back with corvane_value_release, here and as a
- * result. `const corvane_value *`, and every other pointer into a value, is borrowed: valid as long as the value
- * that it was taken from. What is passed in stays the caller's, unless a function says that it takes it over.
+ * Ownership. A `corvane_value *` is a reference, which the caller releases with corvane_value_release. A `const
+ * corvane_value *`, and every other pointer into a value, is borrowed: valid as long as the value that it was
+ * taken from. What is passed in stays the caller's, unless a function says that it takes it over.
  *
  * Threads. A connection, a subscription or an image walk is for one thread at a time. Values never change, and any
  * number of threads may use and release them at once.
@@ -178,8 +178,7 @@ corvane_status corvane_get_radio(corvane_connection* connection, corvane_value**
 corvane_status corvane_get_carrier(corvane_connection* connection, corvane_value** reply, corvane_error* error);
 
 /* The data ark, over the admin service. A domain that is NULL is none. */
-/* {"Value": value, "Attributes": array of integers}: the entry; of set and remove the one that was there before.
- */
+/* {"Value": value, "Attributes": array of integers}: the entry; of set and remove the one that was before. */
 corvane_status corvane_ark_get(corvane_connection* connection, const char* domain, const char* key,
                                corvane_value** reply, corvane_error* error);
 corvane_status corvane_ark_set(corvane_connection* connection, const char* domain, const char* key,
@@ -208,16 +207,18 @@ corvane_status corvane_ark_watch(corvane_connection* connection, const char* dom
 /* A walk over the data values in a value: the regulatory images, whatever their nesting. */
 typedef struct corvane_images corvane_images;
 
-/* One of them. Its pointers are borrowed from the walk, and valid until the next step of it. */
+/* One of them. Its pointers are borrowed, and valid until the next call with the walk.
+ *
+ * The name is made of the keys and positions that lead to the image, with "/" between them. It is no safe file
+ * name: keys hold whatever somebody has stored. The type goes by the first bytes: "image/png" and its usual
+ * extension "png", for instance, or "application/octet-stream" and "bin" for what is not known. */
 typedef struct corvane_image {
-  const char* name; /* the keys and positions that lead to it, with "/" between them. No safe file name: keys hold
-                       whatever somebody has stored */
+  const char* name;
   size_t name_length;
   const void* bytes;
   size_t length;
-  const char*
-      media_type;        /* by the first bytes: "image/png", or "application/octet-stream" for what is not known */
-  const char* extension; /* the usual one of that type: "png", or "bin" */
+  const char* media_type;
+  const char* extension;
 } corvane_image;
 
 /* Keeps a reference to the value. NULL where memory is out. A walk over NULL finds nothing. */
@@ -247,8 +248,8 @@ void corvane_subscription_close(corvane_subscription* subscription);
 int corvane_subscription_descriptor(const corvane_subscription* subscription);
 
 /* Waits for the next notification, at most `timeout` milliseconds: 0 does not wait, a negative number waits for
- * ever. Answers CORVANE_TIMED_OUT where none has come whole. After CORVANE_CLOSED and CORVANE_BAD_ANSWER no more
- * will come, and every further call answers the same. */
+ * ever. Answers CORVANE_TIMED_OUT where none has come whole. After CORVANE_CLOSED, CORVANE_BAD_ANSWER and
+ * CORVANE_NO_MEMORY no more will come, and every further call answers the same. */
 corvane_status corvane_subscription_next(corvane_subscription* subscription, int timeout,
                                          corvane_notification* notification, corvane_error* error);
 
