@@ -77,8 +77,6 @@ TEST(CorvaneImages, AreTheDataValuesWithTheKeysThatLeadToThem) {
   ASSERT_EQ(corvane_images_next(walk.get(), &image), CORVANE_OK);
   EXPECT_STREQ(image.name, "Marks/EU/1");
   EXPECT_STREQ(image.media_type, "image/png");
-  EXPECT_STREQ(image.extension, "png");
-  EXPECT_EQ(image.length, 11u);
   ASSERT_EQ(corvane_images_next(walk.get(), &image), CORVANE_OK);
   EXPECT_STREQ(image.name, "Marks/EU/3");
   EXPECT_STREQ(image.extension, "bin");
