@@ -128,7 +128,7 @@ step='C++'
 same 'the first run' 'run 1' "$("$work/client_cpp" 2>&1)"
 same 'the second run' 'run 2' "$("$work/client_cpp" 2>&1)"
 step='Python'
-follows /usr/bin/python3 "$work/client.py" "$work/out" 3
+follows /usr/bin/python3 "$work/client.py" "$work/out" 5
 must /usr/bin/python3 "$source/client/python/test_corvane.py"
 must mypy --strict --cache-dir=/dev/null "$PYTHONPATH/corvane" "$source/examples/client.py"
 step='the raw wire'

@@ -84,20 +84,26 @@ class Subscription:
         return self
 
     async def __anext__(self) -> Notification:
-        while (notification := self.poll()) is None:
-            try:
-                await asyncio.wait_for(self._readable(), self._timeout)
-            except asyncio.TimeoutError:
-                raise StopAsyncIteration from None
+        notification = self.poll()
+        while notification is None:
+            is_in_time = await self._becomes_readable()
+            # Also when it was too late: a busy loop may have kept this from running.
+            notification = self.poll()
+            if notification is None and not is_in_time:
+                raise StopAsyncIteration
         return notification
 
-    async def _readable(self) -> None:
+    async def _becomes_readable(self) -> bool:
+        """Whether it does within the timeout."""
         loop = asyncio.get_running_loop()
         readable: asyncio.Future[None] = loop.create_future()
         descriptor = self.fileno()
         loop.add_reader(descriptor, _set_done, readable)
         try:
-            await readable
+            await asyncio.wait_for(readable, self._timeout)
+            return True
+        except asyncio.TimeoutError:
+            return False
         finally:
             loop.remove_reader(descriptor)
 
