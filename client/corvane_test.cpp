@@ -50,7 +50,6 @@ TEST(CorvaneValues, AnswerNothingAsAnotherKind) {
 TEST(CorvaneValues, WhatIsNoValueIsRefusedAndWhatWasTakenOverReleased) {
   EXPECT_FALSE(Value(corvane_string_new("\xff")));
   EXPECT_FALSE(Value(corvane_date_new(NAN)));
-  EXPECT_FALSE(Value(corvane_data_new(nullptr, 1)));
   EXPECT_FALSE(dictionary({"a", "b"}, {corvane_string_new("released"), corvane_string_new("\xff")}));
   EXPECT_FALSE(dictionary({"a", nullptr}, {corvane_string_new("in it"), corvane_string_new("released")}));
   EXPECT_FALSE(dictionary({"\xff"}, {corvane_string_new("released")}));
@@ -96,7 +95,7 @@ class Corvane : public ::testing::Test {
     const corvane_status status = corvane_get_version(connection.get(), &reply, &error_);
     const Value owned(reply);
     if (status == CORVANE_OK) {
-      EXPECT_STREQ(corvane_value_string(corvane_value_get(reply, "Version"), nullptr), "0.2.0");
+      EXPECT_NE(corvane_value_string(corvane_value_get(reply, "Version"), nullptr), nullptr);
     }
     return status;
   }

@@ -69,10 +69,11 @@ must cc -std=c99 $strict -o "$work/client_c" "$work/client.c" $(pkg-config --cfl
 must c++ -std=c++17 $strict -o "$work/client_cpp" "$work/client.cpp" $(pkg-config --cflags --libs corvane)
 
 step='the CMake package'
+version=$(corvanectl --version | cut -d' ' -f2)
 cat >"$work/CMakeLists.txt" <<TXT
 cmake_minimum_required(VERSION 3.25)
 project(client LANGUAGES C)
-find_package(corvane 0.2 REQUIRED)
+find_package(corvane $version REQUIRED)
 add_executable(client client.c)
 target_link_libraries(client corvane::corvane)
 TXT
@@ -132,7 +133,7 @@ follows /usr/bin/python3 "$work/client.py" "$work/out" 5
 must /usr/bin/python3 "$source/client/python/test_corvane.py"
 must mypy --strict --cache-dir=/dev/null "$PYTHONPATH/corvane" "$source/examples/client.py"
 step='the raw wire'
-same 'the answers' $'version 0.2.0\nimages stored under 9.1' "$(/usr/bin/python3 "$work/raw_wire.py" 2>&1)"
+same 'the answers' "version $version"$'\nimages stored under 9.1' "$(/usr/bin/python3 "$work/raw_wire.py" 2>&1)"
 
 kill "$daemon"
 wait "$daemon" || fail "the daemon ended with status $?: $(cat "$work/daemon_errors")"
