@@ -37,7 +37,8 @@ struct corvane_connection {
 
 // Two processes that use one socket would read each other's answers.
 client::Connection& corvane_connection::connection() {
-  if (std::exchange(owner, getpid()) != owner) current.reset();
+  const pid_t process = getpid();
+  if (std::exchange(owner, process) != process) current.reset();
   if (!current) current.emplace(service, root, timeout);
   return *current;
 }
