@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <poll.h>
 #include <span>
@@ -180,6 +181,16 @@ void Connection::disconnect() {
 }
 
 Answer Connection::ask(const plist::Dictionary& request) {
+  try {
+    return send_and_receive(request);
+  } catch (const std::bad_alloc&) {
+    // The answer may still come, and must not be taken for that to the next request.
+    disconnect();
+    throw;
+  }
+}
+
+Answer Connection::send_and_receive(const plist::Dictionary& request) {
   plist::ByteChain body;
   if (const Ref<plist::String> fault = plist::encode_binary(request, body)) {
     return failure(Outcome::bad_request, std::string(fault->view()));

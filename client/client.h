@@ -53,13 +53,15 @@ class Connection {
   ///
   /// After `closed`, `timed_out` and `bad_answer` the connection is closed, and whether the daemon has acted on
   /// the request is not known. A request is sent a second time, over a new connection, when one from an earlier
-  /// request turns out to be closed and no byte of an answer has come. Throws std::bad_alloc.
+  /// request turns out to be closed and no byte of an answer has come. Throws std::bad_alloc; the
+  /// connection is then closed too.
   Answer ask(const plist::Dictionary& request);
 
   /// The variable CORVANE_ROOT, empty where it is not set.
   static std::string root_from_environment();
 
  private:
+  Answer send_and_receive(const plist::Dictionary& request);
   void disconnect();
 
   const std::string path_;

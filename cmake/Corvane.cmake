@@ -54,6 +54,34 @@ function(corvane_library name)
   target_link_libraries(${name} PUBLIC corvane_options ${arg_USES})
 endfunction()
 
+# corvane_shared_library(NAME ABI number HEADER file EXPORTS version-script SOURCES file... USES library...)
+#
+# A shared library of our own for other programs, which need nothing but its header: it holds the libraries that it
+# uses. Installed with the header, a pkg-config file made of NAME.pc.in, and a CMake package.
+function(corvane_shared_library name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "ABI;HEADER;EXPORTS" "SOURCES;USES")
+  set(exports ${CMAKE_CURRENT_SOURCE_DIR}/${arg_EXPORTS})
+  add_library(${name} SHARED ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE corvane_options ${arg_USES})
+  target_link_options(${name} PRIVATE -Wl,--version-script=${exports})
+  # Sanitizers leave symbols for the program to define.
+  if(NOT CORVANE_SANITIZE)
+    target_link_options(${name} PRIVATE -Wl,-z,defs)
+  endif()
+  target_include_directories(${name} INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  set_target_properties(${name} PROPERTIES SOVERSION ${arg_ABI}
+                        LINK_DEPENDS ${exports} PUBLIC_HEADER ${arg_HEADER} EXPORT_NAME ${name})
+  configure_file(${name}.pc.in ${name}.pc @ONLY)
+
+  set(package ${CMAKE_INSTALL_LIBDIR}/cmake/${name})
+  include(CMakePackageConfigHelpers)
+  write_basic_package_version_file(${name}-config-version.cmake COMPATIBILITY SameMinorVersion)
+  install(TARGETS ${name} EXPORT ${name})
+  install(EXPORT ${name} NAMESPACE ${name}:: FILE ${name}-config.cmake DESTINATION ${package})
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}-config-version.cmake DESTINATION ${package})
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
+
 # corvane_test(NAME SOURCES file... USES library... [PROPERTIES property value...])
 function(corvane_test name)
   if(NOT CORVANE_TESTS)

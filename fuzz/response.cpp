@@ -1,5 +1,6 @@
-// What a client is told: a server sends the bytes to the real client library, once as the answer to a request and
-// once as notifications to a subscriber. What the library understands is printed as corvanectl prints it.
+// What a client is told: a server sends the bytes to the real client library, as the answer to a request, to one
+// over the C interface, and as notifications to a subscriber. What the library understands is printed as
+// corvanectl prints it, and walked over the C interface.
 
 #include <algorithm>
 #include <cstdint>
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include "client/client.h"
+#include "client/corvane.h"
 #include "client/methods.h"
 #include "client/subscription.h"
 #include "fuzz/ensure.h"
@@ -84,6 +86,28 @@ void ask(const std::string& root) {
   ENSURE(!answer.detail.empty() && answer.detail.find('\n') == answer.detail.npos);
 }
 
+// Each child must be where its container says that it is, and nothing beyond.
+void walk(const corvane_value* value) {
+  const size_t count = corvane_value_count(value);
+  for (size_t i = 0; i < count; ++i) walk(corvane_value_at(value, i));
+  ENSURE(corvane_value_kind(value) != CORVANE_NONE && corvane_value_at(value, count) == nullptr);
+}
+
+void ask_over_c(const std::string& root) {
+  corvane_connection* connection = nullptr;
+  corvane_value* reply = nullptr;
+  corvane_error error;
+  ENSURE(corvane_connection_open(CORVANE_PUBLIC, root.c_str(), 5000, &connection, &error) == CORVANE_OK);
+  const corvane_status status = corvane_get_images(connection, &reply, &error);
+  corvane_connection_close(connection);
+  ENSURE((status == CORVANE_OK) == (error.message[0] == '\0') && (status == CORVANE_OK || reply == nullptr));
+  if (reply != nullptr) walk(reply);
+  corvane_images* images = corvane_images_open(reply);
+  while (corvane_images_next(images, nullptr) == CORVANE_OK) continue;
+  corvane_images_close(images);
+  corvane_value_release(reply);
+}
+
 void listen_to(const std::string& root) {
   client::Subscription subscription(root);
   std::string detail;
@@ -102,6 +126,7 @@ void receive(std::string_view bytes, size_t chunk) {
   static auto& notifications = *new Server(wire::socket_path(root, wire::notification_service), false);
   service.set_answer(bytes, chunk);
   ask(root);
+  ask_over_c(root);
   notifications.set_answer(bytes, chunk);
   listen_to(root);
 }

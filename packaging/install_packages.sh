@@ -6,7 +6,7 @@ set -euo pipefail
 
 libraries=(libasio-dev libabsl-dev libexpat1-dev libssl-dev libsystemd-dev libcli11-dev nlohmann-json3-dev)
 packages=(g++ cmake ninja-build "${libraries[@]}")
-tests=(libgtest-dev openssl dbus-daemon modemmanager ofono polkitd python3 systemd)
+tests=(libgtest-dev openssl dbus-daemon modemmanager ofono polkitd python3 systemd mypy pkgconf)
 case "$1" in
   run) ;;
   test) packages+=("${tests[@]}") ;;
@@ -16,7 +16,7 @@ case "$1" in
     exec "$(dirname "$0")/make_arm64_root.sh" "${libraries[@]}" libgtest-dev
     ;;
   arm64-tools) packages=(g++-aarch64-linux-gnu qemu-user-static mmdebstrap cmake ninja-build "${tests[@]}") ;;
-  package) packages+=(build-essential debhelper debootstrap iproute2 lintian procps) ;;
+  package) packages+=(build-essential debhelper debootstrap dh-python iproute2 lintian procps python3) ;;
   bench) packages+=(libgtest-dev libspdlog-dev libsqlite3-dev liblmdb-dev rapidjson-dev libmsgpack-cxx-dev libxml2-dev
                     dbus-daemon python3) ;;
   *) echo "usage: $0 run|test|asan|arm64|arm64-tools|bench|package" >&2; exit 2 ;;

@@ -94,7 +94,7 @@ fetch_dependencies() {
   download || { in_folder "$base" apt-get -q update && download; }
 }
 
-download() { in_folder "$base" sh -c "$get --download-only install $packages ofono"; }
+download() { in_folder "$base" sh -c "$get --download-only install $packages $library_packages ofono"; }
 
 in_folder() {
   chroot "$1" env -i "${environment[@]}" "${@:2}"
@@ -307,6 +307,26 @@ ofono_answers_the_daemon() {
 
 ofono_answers() { inside runuser -u "$1" -- busctl call org.ofono / org.ofono.Manager GetModems; }
 
+# The programs of docs/client.md, with nothing but what the library's packages bring.
+library_installs() { inside sh -c "$get install $library_packages"; }
+
+c_program_runs() {
+  local examples=/usr/share/doc/libcorvane-dev/examples
+  inside sh -c "cc -o /usr/local/bin/client $examples/client.c \$(pkg-config --cflags --libs corvane)" &&
+    saves_an_image /usr/local/bin/client /tmp/saved && inside rm /usr/local/bin/client
+}
+
+python_program_runs() { saves_an_image python3 /usr/share/doc/python3-corvane/examples/client.py /tmp/saved 1; }
+
+# saves_an_image COMMAND...: into /tmp/saved, as somebody who is not root.
+saves_an_image() {
+  local output
+  as_nobody mkdir /tmp/saved
+  output=$(as_nobody "$@" 2>&1 </dev/null)
+  inside rm -r /tmp/saved
+  [ "$output" = '/tmp/saved/image-1.png: image/png, 8 bytes' ] || { echo "$output"; return 1; }
+}
+
 # A refused start is not repeated, and a request then fails instead of waiting.
 refusal_is_final() {
   local drop_in=/run/systemd/system/corvaned.service.d result=0
@@ -367,7 +387,7 @@ purge_leaves_nothing() {
   inside mkdir /etc/corvaned
   write_plist /etc/corvaned/properties.plist '<key>ProductType</key><string>device</string>'
   inside sh -c 'rm /usr/local/bin/dialer /usr/local/bin/recorder'
-  inside sh -c "$get purge --autoremove corvaned corvanectl ofono" && inside id corvane &&
+  inside sh -c "$get purge --autoremove corvaned corvanectl ofono $library_names" && inside id corvane &&
     diff "$work/files_before" <(list_files)
 }
 
@@ -386,6 +406,10 @@ echo 'building the packages'
 version=$(sed -nE '1s/.*\((.*)\).*/\1/p' debian/changelog)
 architecture=$(dpkg --print-architecture)
 packages="/packages/corvaned_${version}_$architecture.deb /packages/corvanectl_${version}_$architecture.deb"
+library_names='libcorvane0 libcorvane-dev python3-corvane gcc libc6-dev pkgconf'
+library_packages="/packages/libcorvane0_${version}_$architecture.deb \
+  /packages/libcorvane-dev_${version}_$architecture.deb /packages/python3-corvane_${version}_all.deb \
+  gcc libc6-dev pkgconf"
 make_upgrade >"$work/log" 2>&1 || fail_with_log 'the packages cannot be repacked'
 
 echo 'making a root, and booting it'
@@ -416,6 +440,9 @@ check "entitlements of another user's program" entitlements_of_a_users_program
 check 'entitlements of a program that only root may read' entitlements_of_an_unreadable_program
 check 'without the second capability the log says what is forbidden' works_without_read_search
 check 'oFono answers the daemon' ofono_answers_the_daemon
+check 'the client library installs' library_installs
+check 'a C program is built with it and runs' c_program_runs
+check 'a Python program runs' python_program_runs
 check 'a refusal to start is final, and can be put right' refusal_is_final
 check 'every request is answered during an upgrade' upgrade_holds_requests
 check 'remove keeps state and log' remove_keeps_state

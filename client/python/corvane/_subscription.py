@@ -1,0 +1,113 @@
+"""Following the daemon's notifications."""
+
+from __future__ import annotations
+
+import asyncio
+import select
+import time
+from collections.abc import AsyncIterator, Iterator
+from ctypes import byref, c_void_p
+from typing import NamedTuple
+
+from . import _library
+from ._connection import Handle, encoded
+from ._errors import TimedOut, raise_for
+from ._values import text_at
+
+
+class Notification(NamedTuple):
+    name: str  #: empty where missed is not 0
+    missed: int  #: how many were dropped at this point, because too many were unread
+
+
+class Subscription:
+    """A subscription to the system-wide notifications: an iterator, for asyncio an asynchronous one. It connects
+    when it is made. For one thread at a time, and only for the process that has made it.
+
+    Iterating ends where none has come for `timeout` seconds; without a timeout it goes on until the daemon ends,
+    which raises Closed."""
+
+    def __init__(self, root: str | None = None, timeout: float | None = None) -> None:
+        pointer = c_void_p()
+        error = _library.ErrorRecord()
+        raise_for(_library.subscription_open(encoded(root), byref(pointer), byref(error)), error)
+        assert pointer.value is not None
+        self._timeout = timeout
+        self._handle = Handle(self, pointer.value, _library.subscription_close)
+
+    def close(self) -> None:
+        """Ends the subscription. Closing it again does nothing."""
+        self._handle.close()
+
+    def __enter__(self) -> Subscription:
+        return self
+
+    def __exit__(self, *exception: object) -> None:
+        self.close()
+
+    def fileno(self) -> int:
+        """For an event loop: when it is readable, call poll() until that returns None."""
+        return int(_library.subscription_descriptor(self._handle.get()))
+
+    def poll(self) -> Notification | None:
+        """The next notification; None where none has come whole. Does not wait."""
+        record = _library.NotificationRecord()
+        error = _library.ErrorRecord()
+        status = _library.subscription_next(self._handle.get(), 0, record, byref(error))
+        if status == _library.TIMED_OUT:
+            return None
+        raise_for(status, error)
+        return Notification(text_at(record.name, record.name_length), record.missed)
+
+    def next(self, timeout: float | None = None) -> Notification:
+        """Waits for the next notification, for ever where the timeout is None. Raises TimedOut."""
+        deadline = None if timeout is None else time.monotonic() + timeout
+        # Waiting here instead of in the library lets signals such as Ctrl-C through.
+        waiting = select.poll()
+        waiting.register(self.fileno(), select.POLLIN)
+        while (notification := self.poll()) is None:
+            left = None if deadline is None else max(0.0, deadline - time.monotonic()) * 1000
+            if not waiting.poll(left):
+                raise TimedOut("no notification in time")
+        return notification
+
+    def __iter__(self) -> Iterator[Notification]:
+        return self
+
+    def __next__(self) -> Notification:
+        try:
+            return self.next(self._timeout)
+        except TimedOut:
+            raise StopIteration from None
+
+    def __aiter__(self) -> AsyncIterator[Notification]:
+        return self
+
+    async def __anext__(self) -> Notification:
+        notification = self.poll()
+        while notification is None:
+            is_in_time = await self._becomes_readable()
+            # Also when it was too late: a busy loop may have kept this from running.
+            notification = self.poll()
+            if notification is None and not is_in_time:
+                raise StopAsyncIteration
+        return notification
+
+    async def _becomes_readable(self) -> bool:
+        """Whether it does within the timeout."""
+        loop = asyncio.get_running_loop()
+        readable: asyncio.Future[None] = loop.create_future()
+        descriptor = self.fileno()
+        loop.add_reader(descriptor, _set_done, readable)
+        try:
+            await asyncio.wait_for(readable, self._timeout)
+            return True
+        except asyncio.TimeoutError:
+            return False
+        finally:
+            loop.remove_reader(descriptor)
+
+
+def _set_done(future: asyncio.Future[None]) -> None:
+    if not future.done():
+        future.set_result(None)
