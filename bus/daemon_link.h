@@ -17,7 +17,7 @@ inline constexpr std::chrono::seconds ask_timeout{2};
 /// How long after a lost or refused connection it is tried again. Doubled each time, up to the longest. A
 /// connection that has lasted for the longest time begins with the shortest again.
 inline constexpr std::chrono::milliseconds shortest_retry{250};
-inline constexpr std::chrono::milliseconds longest_retry{10000};
+inline constexpr std::chrono::milliseconds longest_retry{5000};
 
 /// Follows the daemon: whether it is there, which version it has, and what it posts. It connects again by itself
 /// after each loss, for ever. Belongs to the event loop.
