@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <malloc.h>
 #include <new>
 #include <optional>
 #include <string>
@@ -66,7 +67,9 @@ void prepare_process() {
   sigaddset(&ends, SIGTERM);
   sigaddset(&ends, SIGINT);
   sigprocmask(SIG_BLOCK, &ends, nullptr);
-  // It keeps nothing that a new process would not have.
+  // Large images go back to the system at once, and are not kept for the next ones.
+  mallopt(M_MMAP_THRESHOLD, 1 << 20);
+  // A new process has all that this one has.
   std::set_new_handler([] {
     std::fputs("corvane-bus: out of memory\n", stderr);
     std::_Exit(EXIT_FAILURE);
