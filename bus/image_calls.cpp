@@ -1,5 +1,6 @@
 #include "bus/image_calls.h"
 
+#include <string_view>
 #include <utility>
 
 #include "bus/daemon_link.h"

@@ -40,11 +40,7 @@ const sd_bus_vtable Table::entries[] = {
 
 Service::Service(sd_event& loop, sd_bus& bus)
     : bus_(bus),
-      daemon_(loop, {.changed =
-                         [this] {
-                           sd_bus_emit_properties_changed(&bus_, object_path, interface_name, "Available",
-                                                          "Version", nullptr);
-                         },
+      daemon_(loop, {.changed = [this] { announce_change(); },
                      .notified = [this](const std::string& name) { notify(name); },
                      .missed = [this](uint64_t count) { tell_missed(count); }}),
       image_calls_(loop) {
@@ -67,6 +63,10 @@ void Service::go_on() {
   sd_bus_get_n_queued_write(&bus_, &queued);
   daemon_.set_reading(queued == 0);
   if (queued == 0) image_calls_.go_on();
+}
+
+void Service::announce_change() {
+  sd_bus_emit_properties_changed(&bus_, object_path, interface_name, "Available", "Version", nullptr);
 }
 
 // A name that D-Bus cannot carry is missed.

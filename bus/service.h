@@ -23,6 +23,7 @@ class Service {
   friend struct Table;
 
   void go_on();
+  void announce_change();
   void notify(const std::string& name);
   void tell_missed(uint64_t count);
 

@@ -4,6 +4,8 @@
 #include "bus/variant_dictionary.h"
 
 #include <cerrno>
+#include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
