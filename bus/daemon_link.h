@@ -58,7 +58,6 @@ class DaemonLink {
 
   sd_event& loop_;
   const Handlers handlers_;
-  Worker worker_;
   Connected found_;  ///< the worker's while it is busy
   SourcePtr retry_timer_;
   std::unique_ptr<client::Subscription> subscription_;
@@ -67,6 +66,7 @@ class DaemonLink {
   std::chrono::milliseconds retry_delay_ = shortest_retry;
   std::chrono::steady_clock::time_point connected_at_;
   bool is_missed_ = false;  ///< that there is no daemon has been reported
+  Worker worker_;           ///< the last, because its job may be running until it is destroyed
 };
 
 }  // namespace corvane::bus

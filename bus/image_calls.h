@@ -37,12 +37,12 @@ class ImageCalls {
   void answer_next();
   void answer(sd_bus_message* call);
 
-  Worker worker_;
   SourcePtr answering_;
   std::deque<MessagePtr> waiting_;  ///< for the next request
   std::deque<MessagePtr> asked_;    ///< those that the current request answers
   client::Answer found_;            ///< the worker's while it is busy
   std::map<std::string, size_t, std::less<>> calls_of_;
+  Worker worker_;  ///< the last, because its job may be running until it is destroyed
 };
 
 }  // namespace corvane::bus
