@@ -44,11 +44,6 @@ start_bridge() {
   eventually busctl status "${object[0]}"
 }
 
-end() {
-  kill "$1"
-  wait "$1"
-}
-
 hears() { grep -qF -- "$1" "$work/heard"; }
 copy_images() { gdbus call --system -d "${object[0]}" -o "${object[1]}" -m $interface.CopyRegulatoryImages; }
 refuses_images() { expect 1 "*:com.norvane.corvaned.Error.$1: $2" copy_images; }
@@ -135,6 +130,8 @@ does_not_carry '{"a\u0000b": 1}' 'text with U+0000 or a noncharacter'
 does_not_carry '"\uFDD0"' 'text with U+0000 or a noncharacter'
 store "<data>$(head -c 33M /dev/zero | base64)</data>"
 refuses_images NotCarried 'the images have more than 31 MiB'
+store "<array>$(yes '<date>2001-01-01T00:00:00Z</date>' | head -n 1200000)</array>"
+refuses_images NotCarried 'the images have more than 31 MiB'
 store '<string>small</string>'
 
 step='another SIM card'
@@ -161,7 +158,8 @@ wait $!
 kill -CONT "$daemon"
 
 step='the daemon ends, and comes back'
-end "$daemon" || fail "the daemon ended with status $?"
+kill "$daemon"
+wait "$daemon" || fail "the daemon ended with status $?"
 eventually hears "{'Available': <false>"
 : >"$work/heard"
 start_daemon
@@ -169,11 +167,11 @@ eventually hears "{'Available': <true>"
 expect 0 '*small*' copy_images
 
 step='corvane-bus ends when it is told to, and with the bus'
-end "$bridge" || fail "status $?"
+kill "$bridge"
+wait "$bridge" || fail "status $?"
 start_bridge
-end "$bus"
+kill "$bus"
 wait "$bridge"
 [ $? -eq 1 ] || fail 'the end of the bus is not status 1'
 grep -qx 'corvane-bus: the system bus is gone' "$work/bridge" || fail 'it does not say why it ends'
-end "$daemon" || fail "the daemon ended with status $?"
 echo 'the daemon is on the bus'
