@@ -76,7 +76,6 @@ eventually hears 'is owned by'
 expect 0 'b false' busctl get-property "${object[@]}" $interface Available
 refuses_images NotAvailable 'the daemon does not answer: *No such file or directory'
 
-
 step='images that were read before a call do not answer it'
 socket=$CORVANE_ROOT/run/corvaned/com.norvane.corvaned
 "$source/tests/slow_daemon.py" "$socket" &
@@ -100,6 +99,7 @@ refuses_images NoImages 'no regulatory images are stored'
 
 step='the examples of the documents'
 store '<dict><key>conformity mark</key><data>iVA=</data></dict>'
+# Three commands, each with the line that it prints.
 grep -A1 '^    \$ ' "$source/docs/dbus.md" | sed 's/^    //' >"$work/examples"
 while read -r _ command && read -r output; do
   expect 0 "${output//[/\\[}" $command
