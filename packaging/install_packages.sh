@@ -6,7 +6,8 @@ set -euo pipefail
 
 libraries=(libasio-dev libabsl-dev libexpat1-dev libssl-dev libsystemd-dev libcli11-dev nlohmann-json3-dev)
 packages=(g++ cmake ninja-build "${libraries[@]}")
-tests=(libgtest-dev openssl dbus-daemon modemmanager ofono polkitd python3 systemd mypy pkgconf)
+tests=(libgtest-dev openssl dbus-daemon dbus-system-bus-common libglib2.0-bin modemmanager mypy ofono pkgconf polkitd
+       python3 systemd)
 case "$1" in
   run) ;;
   test) packages+=("${tests[@]}") ;;

@@ -69,7 +69,7 @@ make_upgrade() {
   local name unpacked=$work/unpacked
   mkdir -p "$work/upgrade"
   rm -f "$work"/upgrade/*
-  for name in corvaned corvanectl; do
+  for name in corvaned corvanectl corvane-bus; do
     rm -rf "$unpacked"
     dpkg-deb -R "$work/${name}_${version}_$architecture.deb" "$unpacked" || return 1
     sed -i "s/^Version: .*/Version: $version+upgrade/" "$unpacked/DEBIAN/control"
@@ -94,7 +94,9 @@ fetch_dependencies() {
   download || { in_folder "$base" apt-get -q update && download; }
 }
 
-download() { in_folder "$base" sh -c "$get --download-only install $packages $library_packages ofono"; }
+download() {
+  in_folder "$base" sh -c "$get --download-only install $packages $library_packages $bus_package ofono"
+}
 
 in_folder() {
   chroot "$1" env -i "${environment[@]}" "${@:2}"
@@ -197,12 +199,14 @@ sockets_are_right() {
 # After mere warnings systemd-analyze ends with status 0 as well.
 units_are_right() {
   local complaints
-  complaints=$(inside systemd-analyze verify --man=no corvaned.service corvaned.socket corvaned-admin.socket \
-    corvaned-notifications.socket 2>&1) && [ -z "$complaints" ] || { echo "$complaints" && return 1; }
+  complaints=$(inside systemd-analyze verify --man=no "$@" 2>&1) && [ -z "$complaints" ] ||
+    { echo "$complaints" && return 1; }
 }
 
-# The threshold is ten times the exposure.
-is_hardened() { inside systemd-analyze security --no-pager --threshold="$1" corvaned.service | tail -1; }
+# is_hardened EXPOSURE [UNIT]: ten times the exposure.
+is_hardened() {
+  inside systemd-analyze security --no-pager --threshold="$1" "${2:-corvaned.service}" | tail -1
+}
 
 runs_as_its_user() {
   local capabilities
@@ -327,6 +331,38 @@ saves_an_image() {
   [ "$output" = '/tmp/saved/image-1.png: image/png, 8 bytes' ] || { echo "$output"; return 1; }
 }
 
+# Installed late, because it starts a daemon that was stopped.
+bus_package_is_right() {
+  inside sh -c "$get install $bus_package" && is_bus_active && units_are_right corvane-bus.service &&
+    is_hardened 2 corvane-bus.service &&
+    [ "$(inside stat -c %U "/proc/$(property MainPID corvane-bus.service)")" = corvane-bus ]
+}
+
+is_bus_active() { [ "$(property ActiveState corvane-bus.service)" = active ]; }
+
+bus_call_starts_it() {
+  inside systemctl stop corvane-bus.service && ask_bus && is_bus_active
+}
+
+# ask_bus: whether somebody who is not root gets the images that were stored, over the bus.
+ask_bus() {
+  as_nobody busctl call com.norvane.corvaned /com/norvane/corvaned com.norvane.corvaned1 CopyRegulatoryImages |
+    grep '"Name" s "conformity mark"'
+}
+
+availability_follows_the_daemon() {
+  local heard=$work/heard
+  inside busctl monitor --json=short --match "type='signal',member='PropertiesChanged'" >"$heard" 2>&1 &
+  asking=$!
+  within 5 grep -q Monitoring "$heard" && inside systemctl restart corvaned.service &&
+    within 20 grep -q '"Available":{"type":"b","data":true}' "$heard" &&
+    grep -q '"Available":{"type":"b","data":false}' "$heard" && ask_bus
+  local result=$?
+  kill $asking
+  asking=''
+  return $result
+}
+
 # A refused start is not repeated, and a request then fails instead of waiting.
 refusal_is_final() {
   local drop_in=/run/systemd/system/corvaned.service.d result=0
@@ -387,7 +423,8 @@ purge_leaves_nothing() {
   inside mkdir /etc/corvaned
   write_plist /etc/corvaned/properties.plist '<key>ProductType</key><string>device</string>'
   inside sh -c 'rm /usr/local/bin/dialer /usr/local/bin/recorder'
-  inside sh -c "$get purge --autoremove corvaned corvanectl ofono $library_names" && inside id corvane &&
+  inside sh -c "$get purge --autoremove corvaned corvanectl corvane-bus ofono $library_names" &&
+    inside id corvane &&
     diff "$work/files_before" <(list_files)
 }
 
@@ -410,6 +447,7 @@ library_names='libcorvane0 libcorvane-dev python3-corvane gcc libc6-dev pkgconf'
 library_packages="/packages/libcorvane0_${version}_$architecture.deb \
   /packages/libcorvane-dev_${version}_$architecture.deb /packages/python3-corvane_${version}_all.deb \
   gcc libc6-dev pkgconf"
+bus_package="/packages/corvane-bus_${version}_$architecture.deb"
 make_upgrade >"$work/log" 2>&1 || fail_with_log 'the packages cannot be repacked'
 
 echo 'making a root, and booting it'
@@ -423,7 +461,8 @@ check 'lintian finds no errors and no warnings' \
 check 'the daemon is active within 5 s' within 5 is_active
 check 'state of a daemon that ran as root is taken over' state_is_taken_over
 check 'the sockets have their modes and their owner' sockets_are_right
-check 'the units are correct' units_are_right
+check 'the units are correct' units_are_right corvaned.service corvaned.socket corvaned-admin.socket \
+  corvaned-notifications.socket
 check 'the exposure is 0.9 at most' is_hardened 9
 check 'it runs as its own user with two capabilities' runs_as_its_user
 check 'its status is shown' status_in_words
@@ -444,6 +483,9 @@ check 'the client library installs' library_installs
 check 'a C program is built with it and runs' c_program_runs
 check 'a Python program runs' python_program_runs
 check 'a refusal to start is final, and can be put right' refusal_is_final
+check 'the package for the bus is installed, hardened, and runs as its own user' bus_package_is_right
+check 'a call on the bus starts it, and gets the images' bus_call_starts_it
+check 'the bus hears that the daemon goes and comes' availability_follows_the_daemon
 check 'every request is answered during an upgrade' upgrade_holds_requests
 check 'remove keeps state and log' remove_keeps_state
 check 'installed again, it has its state' install_finds_state

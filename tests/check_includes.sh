@@ -21,6 +21,7 @@ declare -A allowed=(
   [support]="daemon/log platform plist state"
   [daemon]="daemon/log device platform plist state support wire"
   [client]="plist wire"
+  [bus]="client plist wire"
   [tools]="client plist wire"
 )
 # The one file that names the folders below platform/.
@@ -43,7 +44,7 @@ while IFS=: read -r file line include; do
     faults=$((faults + 1))
   fi
 done < <(grep -rnE '^[[:space:]]*#[[:space:]]*include[[:space:]]*"' --include='*.h' --include='*.cpp' \
-           plist wire platform daemon state device support client tools 2>/dev/null | grep -v '_test\.cpp:')
+           plist wire platform daemon state device support client bus tools 2>/dev/null | grep -v '_test\.cpp:')
 
 if [ "$checked" -eq 0 ]; then
   echo "no includes found: this check looked in the wrong place"
