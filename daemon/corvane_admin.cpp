@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "daemon/answers.h"
 #include "daemon/connection_setup.h"
 #include "daemon/protocols.h"
 #include "device/regulatory_images.h"
@@ -20,11 +21,6 @@ constexpr char not_permitted[] =
     "the daemon may not look at this process: it needs CAP_SYS_PTRACE, and CAP_DAC_READ_SEARCH where only its "
     "owner may read the executable";
 
-ErrorObject store_error() {
-  if (!copy_product_version()) return operation_failed_because(no_version);
-  return CorvaneError::getError(CorvaneError::operation_failed);
-}
-
 bool may_look_at(int32_t pid) {
   char header[plist::entitlements_header_size];
   return sigq(pid, sigq_entitlements, header, sizeof header) == 0 || (errno != EACCES && errno != EPERM);
@@ -39,19 +35,16 @@ bool CorvaneAdmin::listener_shouldAcceptNewConnection(IpcListener&, IpcConnectio
 
 void CorvaneAdmin::storeRegulatoryImages_withCompletionBlock(plist::Value& images,
                                                              const CompletionBlock& completion) {
-  const bool stored = store_regulatory_images(images) == 0;
-  if (!completion) return;
-  if (stored) return completion(nullptr, nullptr);
-  const ErrorObject error = store_error();
-  completion(nullptr, &error);
+  if (store_regulatory_images(images) == 0) return answer_nothing(completion);
+  if (!copy_product_version()) return answer_failure_because(completion, no_version);
+  answer_failure(completion);
 }
 
 void CorvaneAdmin::copyEntitlementsForPID_withCompletionBlock(int32_t pid, const CompletionBlock& completion) {
   const auto entitlements = copy_entitlements_for_pid(pid);
   if (!completion) return;
   if (entitlements || may_look_at(pid)) return completion(entitlements.get(), nullptr);
-  const ErrorObject error = operation_failed_because(not_permitted);
-  completion(nullptr, &error);
+  answer_failure_because(completion, not_permitted);
 }
 
 }  // namespace corvane

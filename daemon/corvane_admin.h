@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "daemon/ark_methods.h"
 #include "daemon/completion_block.h"
 #include "platform/ipc_listener.h"
 
@@ -9,7 +10,7 @@ namespace corvane {
 
 /// The admin listener's delegate, and the object that its connections export: the methods that only the daemon's
 /// own user may call. Request queue.
-class CorvaneAdmin final : public IpcListenerDelegate, public ExportedObject {
+class CorvaneAdmin final : public IpcListenerDelegate, public ExportedObject, public ArkMethods {
  public:
   bool listener_shouldAcceptNewConnection(IpcListener& listener, IpcConnection& connection) override;
 

@@ -26,6 +26,9 @@ class CorvaneDaemon final : public IpcListenerDelegate, public ExportedObject {
   /// Answers the stored regulatory images as they were read, or no dictionary. Never an error.
   void copyRegulatoryImagesWithCompletionBlock(const CompletionBlock& completion);
 
+  /// Answers {"Version"}. Reads no file and logs nothing. Never an error.
+  void copyVersionWithCompletionBlock(const CompletionBlock& completion);
+
  private:
   std::atomic<void*> _dark{nullptr};
 };

@@ -85,6 +85,7 @@ int run_daemon() {
   set_radio_change_hook(store_changed_ark);
   ark = lockstart_local();
   daemon_object->setDark(ark.get());
+  admin_object->set_ark(ark.get());
 
   const auto admin_listener = create_listener(wire::admin_service, IpcAccess::owner);
   const auto listener = create_listener(wire::public_service, IpcAccess::everyone);

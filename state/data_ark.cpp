@@ -75,10 +75,29 @@ void notify_watches(data_ark& ark, ArkEvent event, const ComposedKey& key) {
   schedule(ark, event, key.domain_key());
 }
 
-void add_attributes(data_ark& ark, std::string_view key, uint16_t attributes) {
-  std::string owned_key(key);
-  plist::make_room(ark.attributes);
-  ark.attributes.try_emplace(std::move(owned_key)).first->second |= attributes;
+void replace_attributes(data_ark& ark, std::string_view key, uint16_t attributes) {
+  if (ark.attributes_of(key) == attributes) return;
+  if (attributes == 0) {
+    ark.attributes.erase(key);
+  } else {
+    std::string owned_key(key);
+    plist::make_room(ark.attributes);
+    ark.attributes.try_emplace(std::move(owned_key)).first->second = attributes;
+  }
+  ++ark.changes;
+}
+
+// -1, with nothing changed, where memory is out.
+template <class Change>
+int change_attributes(data_ark& ark, const String* domain, const String* key, Change change) {
+  try {
+    const ComposedKey composed(domain, key);
+    const unsigned changed = change(ark.attributes_of(composed.full()));
+    replace_attributes(ark, composed.full(), static_cast<uint16_t>(changed));
+    return 0;
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
 }
 
 // Answers whether the value differs from the previous one. Where it throws, nothing has changed.
@@ -110,6 +129,7 @@ int set(data_ark& ark, const ComposedKey& key, plist::Value* value, bool inherit
   if (!ark.values) ark.values = plist::MutableDictionary::create();
   const bool changed = store_value(ark, key, value, inherits);
   const bool dirties = changed && (ark.attributes_of(key.full()) & uncounted_attributes) == 0;
+  if (changed) ++ark.changes;
   if (dirties) ++ark.dirty;  // before the watches, for which memory may run out
   if (changed) notify_watches(ark, ArkEvent::change, key);
   notify_watches(ark, ArkEvent::set, key);
@@ -128,18 +148,12 @@ void set_number(const char* function, data_ark* ark, const String* domain, const
   data_ark_set(ark, domain, key, number.get());
 }
 
-void build_sorted_keys(data_ark& ark) {
-  auto sorted_keys = std::make_unique<absl::btree_set<std::string_view>>();
-  for (const plist::Dictionary::Entry& entry : ark.values->entries()) sorted_keys->insert(entry.key->view());
-  ark.sorted_keys = std::move(sorted_keys);
-}
-
 Ref<plist::Value> copy_domain(data_ark& ark, std::string_view prefix) {
-  if (ark.sorted_keys == nullptr) build_sorted_keys(ark);
-  const auto first = ark.sorted_keys->lower_bound(prefix);
+  const auto& keys = ark.keys_in_order();
+  const auto first = keys.lower_bound(prefix);
   auto last = first;
   size_t count = 0;
-  for (; last != ark.sorted_keys->end() && last->starts_with(prefix); ++last) ++count;
+  for (; last != keys.end() && last->starts_with(prefix); ++last) ++count;
 
   Ref<plist::MutableDictionary> domain = plist::MutableDictionary::create(count);
   for (auto next = first; next != last; ++next) {
@@ -219,6 +233,15 @@ int register_watch(Watches& watches, const String* domain, const String* key, co
 
 }  // namespace
 
+const absl::btree_set<std::string_view>& data_ark::keys_in_order() {
+  if (sorted_keys == nullptr) {
+    auto keys = std::make_unique<absl::btree_set<std::string_view>>();
+    for (const plist::Dictionary::Entry& entry : values->entries()) keys->insert(entry.key->view());
+    sorted_keys = std::move(keys);
+  }
+  return *sorted_keys;
+}
+
 void assert_ark_owner() {
   assert(platform().request_queue().is_current() && "the ark belongs to the request queue");
 }
@@ -271,6 +294,7 @@ int data_ark_remove(data_ark* ark, const String* domain, const String* key) {
   const bool transient = (ark->attributes_of(composed.full()) & transient_attributes) != 0;
   ark->attributes.erase(composed.full());
   if (!transient) ++ark->dirty;
+  ++ark->changes;
   post(*ark, ArkEvent::remove, composed.full());
   schedule(*ark, ArkEvent::remove, composed.full());
   return 0;
@@ -284,33 +308,45 @@ bool data_ark_exists(data_ark* ark, const String* domain, const String* key) {
 int data_ark_set_attribute(data_ark* ark, const String* domain, const String* key, unsigned index) {
   assert_ark_owner();
   if (index >= ark_attribute_count) return -1;
-  try {
-    add_attributes(*ark, ComposedKey(domain, key).full(), attribute_bit(index));
-    return 0;
-  } catch (const std::bad_alloc&) {
-    return -1;
-  }
+  return change_attributes(*ark, domain, key, [index](unsigned before) { return before | attribute_bit(index); });
 }
 
 bool data_ark_has_attribute(data_ark* ark, const String* domain, const String* key, unsigned index) {
   assert_ark_owner();
   if (index >= ark_attribute_count) return false;
-  return (ark->attributes_of(ComposedKey(domain, key).full()) & attribute_bit(index)) != 0;
+  return (data_ark_attributes(ark, domain, key) & attribute_bit(index)) != 0;
 }
 
 int data_ark_clear_attribute(data_ark* ark, const String* domain, const String* key, unsigned index) {
   assert_ark_owner();
   if (index >= ark_attribute_count) return -1;
-  const auto found = ark->attributes.find(ComposedKey(domain, key).full());
-  if (found == ark->attributes.end()) return 0;
-  found->second &= static_cast<uint16_t>(~attribute_bit(index));
-  if (found->second == 0) ark->attributes.erase(found);
-  return 0;
+  return change_attributes(*ark, domain, key, [index](unsigned before) { return before & ~attribute_bit(index); });
+}
+
+uint16_t data_ark_attributes(data_ark* ark, const String* domain, const String* key) {
+  assert_ark_owner();
+  return ark->attributes_of(ComposedKey(domain, key).full());
+}
+
+int data_ark_replace_attributes(data_ark* ark, const String* domain, const String* key, uint16_t attributes) {
+  assert_ark_owner();
+  if (attributes >> ark_attribute_count != 0) return -1;
+  return change_attributes(*ark, domain, key, [attributes](unsigned) { return attributes; });
+}
+
+uint64_t data_ark_change_count(data_ark* ark) {
+  assert_ark_owner();
+  return ark->changes;
 }
 
 uint32_t data_ark_dirty_count(data_ark* ark) {
   assert_ark_owner();
   return ark->dirty;
+}
+
+ArkStatus data_ark_status(data_ark* ark) {
+  assert_ark_owner();
+  return {ark->values ? ark->values->size() : 0, ark->dirty, ark->stores, ark->failed_stores, ark->was_unreadable};
 }
 
 int data_ark_watch(data_ark* ark, const String* domain, const String* key, Ref<String> notification_name,

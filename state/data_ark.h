@@ -1,8 +1,10 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "plist/value.h"
 
@@ -18,7 +20,8 @@
 /// queue does. Builds with assertions check that.
 ///
 /// Set, get, exists and remove take constant time on average, however many entries there are. The first copy of a
-/// domain sorts all keys; from then on adding or removing an entry also updates that order, in logarithmic time.
+/// domain or of a page sorts all keys; from then on adding or removing an entry also updates that order, in
+/// logarithmic time.
 ///
 /// Where memory is out, a function throws std::bad_alloc unless its description says something else.
 namespace corvane {
@@ -89,14 +92,54 @@ int data_ark_remove(data_ark* ark, const plist::String* domain, const plist::Str
 /// Whether there is such an entry.
 bool data_ark_exists(data_ark* ark, const plist::String* domain, const plist::String* key);
 
-/// Set and clear answer 0, or -1 for an index above 8. Set also answers -1 where memory is out. No key has an
-/// attribute above 8.
+/// Set and clear answer 0, or -1 for an index above 8 and where memory is out. No key has an attribute above 8.
 int data_ark_set_attribute(data_ark* ark, const plist::String* domain, const plist::String* key, unsigned index);
 bool data_ark_has_attribute(data_ark* ark, const plist::String* domain, const plist::String* key, unsigned index);
 int data_ark_clear_attribute(data_ark* ark, const plist::String* domain, const plist::String* key, unsigned index);
 
+/// The attributes of a key, one bit for each: that of index 0 is the lowest.
+uint16_t data_ark_attributes(data_ark* ark, const plist::String* domain, const plist::String* key);
+/// Gives the key just these attributes. 0, or -1 for one above 8 and where memory is out; then nothing has
+/// changed.
+int data_ark_replace_attributes(data_ark* ark, const plist::String* domain, const plist::String* key,
+                                uint16_t attributes);
+
+struct ArkEntry {
+  plist::Ref<plist::String> key;
+  plist::Ref<plist::Value> value;  ///< shared with the ark
+  uint16_t attributes;             ///< as `data_ark_attributes` answers them
+};
+
+struct ArkPage {
+  std::vector<ArkEntry> entries;
+  bool is_last = true;  ///< no entry comes behind these
+};
+
+/// The entries of a domain under the rest of their composed keys, in the order of the keys' bytes: those behind
+/// the key `after`, or from the first one on where that is null. `after` need not be there any more. Unlike
+/// elsewhere a null domain stands for the whole ark, and the keys are composed then. The page ends before it has
+/// more than `most_entries` or, by `estimate_size`, more than `most_bytes`; one entry of any size is always taken.
+///
+/// Takes the time to find a key in the order, and then time for its own entries only, however many others there
+/// are.
+ArkPage data_ark_copy_page(data_ark* ark, const plist::String* domain, const plist::String* after,
+                           size_t most_entries, size_t most_bytes);
+
+/// How many changes of values and attributes there were since the load, removals included. As long as it stays the
+/// same, so does what pages answer.
+uint64_t data_ark_change_count(data_ark* ark);
+
 /// How many changes were counted as unsaved since the load or the last store.
 uint32_t data_ark_dirty_count(data_ark* ark);
+
+struct ArkStatus {
+  size_t entries;
+  uint32_t unsaved;  ///< as `data_ark_dirty_count` answers
+  uint64_t stores;   ///< since the load, those that failed included
+  uint64_t failed_stores;
+  bool was_unreadable;  ///< at the load there was a file, but none that could be read
+};
+ArkStatus data_ark_status(data_ark* ark);
 
 /// Registers a system-wide notification for each event in `flags`, replacing the key's earlier one. The flags are
 /// handled in the order CHANGE, SET, REMOVE. 0, or -1 at the first that cannot be registered for lack of

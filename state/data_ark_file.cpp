@@ -51,11 +51,11 @@ bool rename_unreadable_file(int directory) {
   return true;
 }
 
-// Answers whether an unreadable file is still where the ark's file belongs.
-bool unreadable_file_stays() {
+void keep_unreadable_file(data_ark& ark) {
   const Descriptor directory(open_state_directory());
-  if (!directory.is_open()) return errno != ENOENT;
-  return may_be_regular_file(directory.number()) && !rename_unreadable_file(directory.number());
+  ark.was_unreadable = directory.is_open() ? may_be_regular_file(directory.number()) : errno != ENOENT;
+  if (!ark.was_unreadable) return;
+  ark.unreadable_in_place = !directory.is_open() || !rename_unreadable_file(directory.number());
 }
 
 void load_entries(data_ark& ark) {
@@ -64,7 +64,7 @@ void load_entries(data_ark& ark) {
   ark.values = plist::cast<plist::MutableDictionary>(value.get());
   if (ark.values) return;
   cv_log("data_ark_load", 0, "Could not load %s", path.text);
-  ark.unreadable_in_place = unreadable_file_stays();
+  keep_unreadable_file(ark);
 }
 
 // ---- storing ------------------------------------------------------------------------------------------
@@ -94,15 +94,17 @@ bool replace_file(const plist::Dictionary& entries, bool directory_is_linked) {
   return false;
 }
 
-void store_entries(data_ark& ark) {
+bool store_entries(data_ark& ark) {
   const Ref<plist::Dictionary> entries = persistent_entries(ark);
   const Descriptor directory(open_state_directory());
   const bool directory_is_linked = !directory.is_open() && errno == ELOOP;
   if (entries && entries->size() != 0) {
-    if (replace_file(*entries, directory_is_linked)) ark.unreadable_in_place = false;
+    if (!replace_file(*entries, directory_is_linked)) return false;
+    ark.unreadable_in_place = false;
   } else if (directory.is_open() && !ark.unreadable_in_place) {
     unlinkat(directory.number(), ark_file, 0);
   }
+  return entries.get() != nullptr;
 }
 
 }  // namespace
@@ -120,7 +122,8 @@ DataArk data_ark_load() {
 void data_ark_store(data_ark* ark) {
   assert_ark_owner();
   ark->dirty = 0;  // whether or not the store works
-  store_entries(*ark);
+  ++ark->stores;
+  if (!store_entries(*ark)) ++ark->failed_stores;
 }
 
 }  // namespace corvane

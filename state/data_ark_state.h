@@ -29,6 +29,7 @@ struct data_ark {
   /// Null until something was loaded or set. Whoever adds or removes an entry updates `sorted_keys` too.
   plist::Ref<plist::MutableDictionary> values;
   uint32_t dirty = 0;
+  uint64_t changes = 0;  ///< of values and attributes, whether or not they are counted as unsaved
 
   /// One bit for each attribute. A key without attributes is absent.
   ByComposedKey<uint16_t> attributes;
@@ -36,11 +37,17 @@ struct data_ark {
   std::array<ByComposedKey<const std::function<void()>*>, 3> callbacks;   ///< by ArkEvent
   std::deque<std::function<void()>> callback_copies;                      ///< its elements never move
 
-  /// The composed keys in order, built at the first copy of a domain. They point into the key objects of `values`.
+  /// The composed keys in order, built at the first copy of a domain or of a page. They point into the key objects
+  /// of `values`.
   std::unique_ptr<absl::btree_set<std::string_view>> sorted_keys;
 
+  uint64_t stores = 0, failed_stores = 0;
+  bool was_unreadable = false;  ///< at the load there was a file, but none that could be read
   /// The ark's file could be neither read nor renamed, and must not be deleted.
   bool unreadable_in_place = false;
+
+  /// `sorted_keys`, which are built where they are not there yet. Precondition: there are `values`.
+  const absl::btree_set<std::string_view>& keys_in_order();
 
   uint16_t attributes_of(std::string_view composed_key) const {
     if (attributes.empty()) return 0;

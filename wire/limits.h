@@ -64,6 +64,21 @@ constexpr ConnectionLimits connection_limits(uint64_t descriptors) {
 /// While a subscriber has more than this pending, it misses what is posted.
 inline constexpr size_t unread_notifications_limit = 64 * 1024;
 
+/// A page of the data ark ends before it has more entries or bytes than this, but takes one entry of any size.
+inline constexpr size_t ark_page_entries = 1000;
+inline constexpr size_t ark_page_size = 1u << 20;
+/// What one request may set in the data ark: so many entries, and so many bytes, with what occurs several times in
+/// a value counted each time.
+inline constexpr size_t ark_restore_entries = 1000;
+inline constexpr size_t ark_change_limit = size_t{64} << 20;
+/// The keys of the data ark that clients may watch, and the bytes of a composed one.
+inline constexpr size_t watched_keys_limit = 64;
+inline constexpr size_t watched_key_size = 512;
+
+/// The device properties that one request may ask for, and the bytes of a name.
+inline constexpr size_t device_properties_limit = 64;
+inline constexpr size_t device_property_name_size = 256;
+
 /// After this time the daemon tries again to bind a socket, and to accept a connection for which it had no
 /// descriptor.
 inline constexpr std::chrono::seconds bind_retry{5};
