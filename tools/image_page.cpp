@@ -26,7 +26,7 @@ constexpr std::string_view head = R"(<!DOCTYPE html>
 <head>
 <meta charset="utf-8">
 <meta http-equiv="Content-Security-Policy" content="default-src 'none'; img-src data:; base-uri 'none';
-  form-action 'none'; style-src 'sha256-E6Y6qumgmLQuYKkCshHBqJFFQCjE/pUE07z6d8841xw='">
+  form-action 'none'; style-src 'sha256-NFqRdVJCV/3O4qBC0ofkEn7rZcjz5qVoODbbMgzdoac='">
 <meta name="viewport" content="width=device-width, initial-scale=1">
 <meta name="color-scheme" content="light dark">
 <title>Regulatory images</title>
@@ -50,10 +50,11 @@ figure { margin: 0; display: flex; flex-direction: column; overflow: hidden; bac
   background: var(--mat); border-bottom: 1px solid var(--line); }
 .mat img { max-width: 100%; max-height: 100%; min-width: 2rem; min-height: 2rem; object-fit: contain;
   color: #63635e; font-size: 0.8125rem; }
-.mat p { margin: 0; text-align: center; color: #63635e; font-size: 0.875rem; }
+.note { background: none; }
+.note p { margin: 0; text-align: center; color: var(--quiet); font-size: 0.875rem; }
 figcaption { padding: 0.875rem 1rem 1rem; min-width: 0; overflow-wrap: anywhere; }
 h2 { margin: 0 0 0.5rem; font-size: 1rem; font-weight: 600; line-height: 1.35; }
-h2, .path { display: -webkit-box; -webkit-box-orient: vertical; -webkit-line-clamp: 4; overflow: hidden; }
+h2, dd { display: -webkit-box; -webkit-box-orient: vertical; -webkit-line-clamp: 4; overflow: hidden; }
 dl { margin: 0; display: grid; grid-template-columns: auto 1fr; gap: 0.125rem 0.75rem; font-size: 0.875rem; }
 dt { color: var(--quiet); }
 dd { margin: 0; min-width: 0; }
@@ -110,6 +111,13 @@ std::string_view text_beside(const FoundData& data, std::string_view key) {
   return text == nullptr ? std::string_view() : text->view();
 }
 
+// A browser may begin a new line behind each dot.
+std::string path_html(const std::string& path) {
+  std::string html;
+  for (const char c : escaped(path)) html += c == '.' ? std::string(".<wbr>") : std::string(1, c);
+  return html;
+}
+
 std::string row(const char* title, const std::string& text) {
   return std::string("<dt>") + title + "</dt><dd>" + text + "</dd>\n";
 }
@@ -119,17 +127,18 @@ bool is_shown(const FoundData& data) {
   return format.media_type != nullptr && (format.ending == std::string_view(".svg") || pixel_size(data.bytes));
 }
 
-std::string picture(const FoundData& data, std::string_view name) {
+std::string note(const FoundData& data) {
   const ImageFormat& format = image_format(data.bytes);
-  if (data.bytes.empty()) return "<p>No bytes</p>";
-  if (!is_shown(data)) {
-    const bool is_image = format.media_type != nullptr;
-    return std::string("<p>") + format.name + (is_image ? ", cut short or damaged" : ", not shown here") + "</p>";
-  }
-  std::string html =
-      std::string("<img alt=\"") + escaped(name) + "\" src=\"data:" + format.media_type + ";base64,";
+  if (data.bytes.empty()) return "No bytes";
+  return std::string(format.name) + (format.media_type == nullptr ? ", not shown here" : ", cut short or damaged");
+}
+
+std::string picture(const FoundData& data, std::string_view name) {
+  if (!is_shown(data)) return "<div class=\"mat note\"><p>" + note(data) + "</p></div>\n";
+  std::string html = "<div class=\"mat\"><img alt=\"" + escaped(name) + "\" src=\"data:";
+  html.append(image_format(data.bytes).media_type).append(";base64,");
   plist::append_base64(html, data.bytes);
-  return html + "\">";
+  return html + "\"></div>\n";
 }
 
 std::string sizes(const FoundData& data) {
@@ -143,12 +152,12 @@ std::string sizes(const FoundData& data) {
 std::string card(const FoundData& data) {
   const std::string path = joined(data.path);
   const std::string_view name = text_beside(data, "Name").empty() ? path : text_beside(data, "Name");
-  std::string html = "<figure>\n<div class=\"mat\">" + picture(data, name) + "</div>\n<figcaption>\n";
+  std::string html = "<figure>\n" + picture(data, name) + "<figcaption>\n";
   html += "<h2>" + escaped(name) + "</h2>\n<dl>\n";
   const std::string_view region = text_beside(data, "Region");
   if (!region.empty()) html += row("Region", escaped(region));
   html += row("Format", image_format(data.bytes).name) + row("Size", sizes(data));
-  html += "<dt>Path</dt><dd class=\"path\">" + escaped(path) + "</dd>\n";
+  html += "<dt>Path</dt><dd class=\"path\">" + path_html(path) + "</dd>\n";
   return html + "</dl>\n</figcaption>\n</figure>\n";
 }
 
