@@ -54,6 +54,13 @@ bool is_stored(uint16_t attributes) {
   return (attributes & (1u << ARK_NOT_STORED | 1u << ARK_ALSO_NOT_STORED)) == 0;
 }
 
+std::string compose(const ArkKey& key) {
+  const std::string domain(key.domain == nullptr ? "" : key.domain->view());
+  return domain + '-' + std::string(key.key == nullptr ? "" : key.key->view());
+}
+
+bool may_be_set(const ArkKey& key) { return compose(key).size() <= wire::ark_key_size; }
+
 Ref<plist::Dictionary> make_entry(Ref<plist::Value> value, uint16_t attributes) {
   const Ref<plist::MutableDictionary> entry = plist::MutableDictionary::create();
   entry->set(wire::value_key, std::move(value));
@@ -86,9 +93,8 @@ bool read_restored_entry(plist::Value* value, RestoredEntries& entries, size_t& 
   RestoredEntry entry{fields->get(wire::value_key), 0};
   if (key == nullptr || key->view().find('-') == std::string_view::npos || entry.value == nullptr) return false;
   if (!read_restored_attributes(fields->get(wire::attributes_key), entry.attributes)) return false;
-  size += key->view().size();
-  if (size > wire::ark_change_limit) return false;
-  size += estimate_size(*entry.value, wire::ark_change_limit - size);
+  if (key->view().size() > wire::ark_key_size) return false;
+  size += estimate_size(*entry.value, wire::ark_change_limit);
   entries.insert_or_assign(key->view(), entry);
   return size <= wire::ark_change_limit;
 }
@@ -165,8 +171,8 @@ void ArkMethods::copyArkValueForDomain_key_withCompletionBlock(const ArkKey& key
 void ArkMethods::setArkValue_forDomain_key_withCompletionBlock(plist::Value& value, const ArkKey& key,
                                                                const CompletionBlock& completion) {
   if (!has_ark(completion)) return;
-  if (estimate_size(value, wire::ark_change_limit) > wire::ark_change_limit)
-    return answer_bad_argument(completion);
+  const bool is_small_enough = estimate_size(value, wire::ark_change_limit) <= wire::ark_change_limit;
+  if (!may_be_set(key) || !is_small_enough) return answer_bad_argument(completion);
   const Ref<plist::Dictionary> before = copy_entry(key);
   if (data_ark_set(ark_, key.domain, key.key, &value) != 0) return answer_failure(completion);
   store_and_answer(data_ark_dirty_count(ark_) != 0, before.get(), completion);
@@ -185,7 +191,7 @@ void ArkMethods::setArkAttributes_forDomain_key_withCompletionBlock(const plist:
                                                                     const CompletionBlock& completion) {
   if (!has_ark(completion)) return;
   const std::optional<uint16_t> wanted = attributes_of(attributes);
-  if (!wanted) return answer_bad_argument(completion);
+  if (!wanted || !may_be_set(key)) return answer_bad_argument(completion);
   const uint16_t before = data_ark_attributes(ark_, key.domain, key.key);
   const Ref<plist::MutableDictionary> reply = plist::MutableDictionary::create();
   reply->set(wire::attributes_key, array_of(before));
@@ -229,8 +235,7 @@ void ArkMethods::restoreArkEntries_withCompletionBlock(const plist::Array& entri
 void ArkMethods::watchArkValueForDomain_key_withCompletionBlock(const ArkKey& key,
                                                                 const CompletionBlock& completion) {
   if (!has_ark(completion)) return;
-  const std::string domain(key.domain == nullptr ? "" : key.domain->view());
-  const std::string composed = domain + '-' + std::string(key.key->view());
+  const std::string composed = compose(key);
   if (key.key->view().empty() || composed.size() > wire::watched_key_size) return answer_bad_argument(completion);
   const bool is_new = !watched_.contains(composed);
   if (is_new && watched_.size() == wire::watched_keys_limit) {

@@ -22,17 +22,19 @@ class ArkMethods {
  public:
   /// The ark must outlive this; null where there is none. Before the first request.
   void set_ark(data_ark* ark) { ark_ = ark; }
+  data_ark* ark() const { return ark_; }
 
   /// Answers {"Value", "Attributes"}, or no dictionary where there is no such entry.
   void copyArkValueForDomain_key_withCompletionBlock(const ArkKey& key, const CompletionBlock& completion);
 
-  /// Set and remove answer the entry as it was before, or no dictionary where there was none.
+  /// Set and remove answer the entry as it was before, or no dictionary where there was none. Code 1 for a key or
+  /// a value that is too long to be set.
   void setArkValue_forDomain_key_withCompletionBlock(plist::Value& value, const ArkKey& key,
                                                      const CompletionBlock& completion);
   void removeArkValueForDomain_key_withCompletionBlock(const ArkKey& key, const CompletionBlock& completion);
 
   /// Gives the key just these attributes, and answers those before under "Attributes". Code 1 where they are not
-  /// different integers from 0 to 8.
+  /// different integers from 0 to 8, and for a key that is too long.
   void setArkAttributes_forDomain_key_withCompletionBlock(const plist::Array& attributes, const ArkKey& key,
                                                           const CompletionBlock& completion);
 

@@ -5,6 +5,7 @@
 #include "daemon/answers.h"
 #include "daemon/connection_setup.h"
 #include "daemon/protocols.h"
+#include "device/radio_report.h"
 #include "device/regulatory_images.h"
 #include "platform/code_signing.h"
 #include "plist/entitlements_blob.h"
@@ -38,6 +39,10 @@ void CorvaneAdmin::storeRegulatoryImages_withCompletionBlock(plist::Value& image
   if (store_regulatory_images(images) == 0) return answer_nothing(completion);
   if (!copy_product_version()) return answer_failure_because(completion, no_version);
   answer_failure(completion);
+}
+
+void CorvaneAdmin::copyRadioWithCompletionBlock(const CompletionBlock& completion) {
+  answer(completion, *copy_radio_report(ark()));
 }
 
 void CorvaneAdmin::copyEntitlementsForPID_withCompletionBlock(int32_t pid, const CompletionBlock& completion) {

@@ -4,13 +4,17 @@
 
 #include "daemon/ark_methods.h"
 #include "daemon/completion_block.h"
+#include "daemon/device_methods.h"
 #include "platform/ipc_listener.h"
 
 namespace corvane {
 
 /// The admin listener's delegate, and the object that its connections export: the methods that only the daemon's
 /// own user may call. Request queue.
-class CorvaneAdmin final : public IpcListenerDelegate, public ExportedObject, public ArkMethods {
+class CorvaneAdmin final : public IpcListenerDelegate,
+                           public ExportedObject,
+                           public ArkMethods,
+                           public DeviceMethods {
  public:
   bool listener_shouldAcceptNewConnection(IpcListener& listener, IpcConnection& connection) override;
 
@@ -21,6 +25,9 @@ class CorvaneAdmin final : public IpcListenerDelegate, public ExportedObject, pu
   /// Answers the entitlements of a running process. No dictionary where it has none, and where they cannot be
   /// read, which is logged. Never an error.
   void copyEntitlementsForPID_withCompletionBlock(int32_t pid, const CompletionBlock& completion);
+
+  /// Answers what `copy_radio_report` gives. Never an error.
+  void copyRadioWithCompletionBlock(const CompletionBlock& completion);
 };
 
 }  // namespace corvane

@@ -33,6 +33,19 @@ bool read_ark_key(const plist::Dictionary& request, ArkKey& key) {
   return read_optional(request, wire::domain_key, key.domain) && read_optional(request, wire::key_key, key.key);
 }
 
+// Calls a method that takes no arguments.
+template <auto method>
+void call(ExportedObject& object, const plist::Dictionary&, const CompletionBlock& completion) {
+  (as_admin(object).*method)(completion);
+}
+
+void copy_device_type(ExportedObject& object, const plist::Dictionary& request,
+                      const CompletionBlock& completion) {
+  const auto* names = plist::cast<plist::Array>(request.get(wire::properties_key));
+  if (names == nullptr) return answer_bad_argument(completion);
+  as_admin(object).copyDeviceTypeWithProperties_withCompletionBlock(*names, completion);
+}
+
 // Calls a method that takes nothing but the key of an entry.
 template <void (ArkMethods::*method)(const ArkKey& key, const CompletionBlock& completion)>
 void call_with_ark_key(ExportedObject& object, const plist::Dictionary& request,
@@ -105,6 +118,9 @@ const ExportedInterface& corvane_admin_protocol() {
          as_admin(object).copyEntitlementsForPID_withCompletionBlock(static_cast<int32_t>(pid->int64()),
                                                                      completion);
        }},
+      {wire::copy_device_type, copy_device_type},
+      {wire::copy_radio, call<&CorvaneAdmin::copyRadioWithCompletionBlock>},
+      {wire::copy_carrier_bundle, call<&CorvaneAdmin::copyCarrierBundleWithCompletionBlock>},
       {wire::copy_ark_value, call_with_ark_key<&ArkMethods::copyArkValueForDomain_key_withCompletionBlock>},
       {wire::set_ark_value, set_ark_value},
       {wire::remove_ark_value, call_with_ark_key<&ArkMethods::removeArkValueForDomain_key_withCompletionBlock>},

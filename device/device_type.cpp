@@ -112,6 +112,8 @@ bool device_is_slate_family() {
   return product_type != nullptr && product_type->view().starts_with(slate_family);
 }
 
+int32_t device_baseband_class() { return device_type().baseband_class; }
+
 bool baseband_class_above_one() { return device_type().baseband_class > 1; }
 
 bool baseband_class_above_two() { return device_type().baseband_class > 2; }

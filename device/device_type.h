@@ -31,6 +31,8 @@ bool device_is_fpga();
 bool device_has_telephony();
 /// Whether the product type begins with "Slate", in exactly these letters.
 bool device_is_slate_family();
+/// -1 where there is none.
+int32_t device_baseband_class();
 bool baseband_class_above_one();
 bool baseband_class_above_two();
 

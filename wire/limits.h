@@ -71,6 +71,8 @@ inline constexpr size_t ark_page_size = 1u << 20;
 /// a value counted each time.
 inline constexpr size_t ark_restore_entries = 1000;
 inline constexpr size_t ark_change_limit = size_t{64} << 20;
+/// The bytes of a composed key that a request may set: a log line tells each change.
+inline constexpr size_t ark_key_size = 1024;
 /// The keys of the data ark that clients may watch, and the bytes of a composed one.
 inline constexpr size_t watched_keys_limit = 64;
 inline constexpr size_t watched_key_size = 512;
