@@ -1,59 +1,7 @@
 #!/usr/bin/env bash
 # Drives corvanectl against a daemon on a simulated phone. Usage: corvanectl_test.sh BIN_DIR
-set -uo pipefail
-bin=$1
-source=$(realpath "$(dirname "$0")/..")
-work=$(realpath "$(mktemp -d)")
-daemon='' watcher='' sleeper=''
-failures=0
-trap 'kill $daemon $watcher $sleeper 2>/dev/null; rm -rf "$work"' EXIT
+source "$(dirname "$0")/support/corvanectl.sh"
 
-fail() {
-  printf 'FAILED: %s: %s\n' "$step" "$1" >&2
-  failures=$((failures + 1))
-}
-
-# expect STATUS OUTPUT ERRORS COMMAND...: how the command ends, with shell patterns for the whole of what it writes
-# to standard output and standard error.
-expect() {
-  local status=0 output errors
-  output=$("${@:4}" 2>"$work/errors") || status=$?
-  errors=$(cat "$work/errors")
-  if [ $status -ne "$1" ]; then fail "'${*:4}' ended with status $status, not $1: $output$errors"; fi
-  if [[ $output != $2 ]]; then fail "'${*:4}' wrote '$output', which is not '$2'"; fi
-  if [[ $errors != $3 ]]; then fail "'${*:4}' complained '$errors', which is not '$3'"; fi
-}
-
-# Waits for up to a minute; the test ends where that was in vain.
-eventually() {
-  local deadline=$((SECONDS + 60))
-  until "$@"; do
-    if [ $SECONDS -gt $deadline ]; then fail "waited in vain for '$*'" && exit 1; fi
-    sleep 0.1
-  done
-}
-
-corvanectl() { "$bin/corvanectl" "$@"; }
-without_input() { "$@" <&-; }
-without_output() { "$@" >&-; }
-without_errors() { "$@" 2>&-; }
-
-start_daemon() {
-  CORVANE_PLATFORM=$1 "$bin/corvaned" 2>"$work/daemon_errors" &
-  daemon=$!
-  eventually [ -S "$CORVANE_ROOT/run/corvaned/com.norvane.corvaned" ]
-}
-
-end_daemon() {
-  kill "$daemon"
-  wait "$daemon" || fail "the daemon ended with status $?: $(cat "$work/daemon_errors")"
-  daemon=''
-}
-
-export CORVANE_ROOT=$work/root CORVANE_PROFILE=$work/profile.plist
-mkdir -p "$CORVANE_ROOT"/private/var/mobile/Library/{Logs,Preferences} "$CORVANE_ROOT"/{run/corvaned,var}
-ln -s ../private/var/mobile "$CORVANE_ROOT/var/mobile"
-cp "$source/profiles/phone.plist" "$CORVANE_PROFILE"
 images=$source/profiles/images.plist
 stored=$CORVANE_ROOT/private/var/mobile/Library/cvd/regulatory_images/regulatory_images.plist
 
@@ -91,7 +39,7 @@ step='JSON that is set is the JSON that is shown'
 cp "$source/plist/testdata/ark.bin.plist" "$work/binary.plist"
 echo '<plist><dict/></plist>' >"$work/xml.plist"
 comes_back() {
-  expect 0 '' '' corvanectl profile --profile "$1" set --json Value "$2"
+  expect 0 '*' '' corvanectl profile --profile "$1" set --json Value "$2"
   local shown
   shown=$(corvanectl show --json "$1" | tr -d ' \n')
   if [[ $shown != *"\"Value\":$2"[,}]* ]]; then fail "$2 came back as $shown"; fi
@@ -122,40 +70,63 @@ step='editing a profile'
 ln -s xml.plist "$work/link.plist"
 chmod 640 "$work/xml.plist"
 export CORVANE_PROFILE=$work/link.plist
-expect 0 '' '' corvanectl profile set Made.On.TheWay yes
+expect 0 'set Made.On.TheWay in */link.plist' '' corvanectl profile set Made.On.TheWay yes
 expect 0 $'{\n  "Made": {\n    "On": {\n      "TheWay": "yes"\n*' '' corvanectl show "$work/xml.plist"
 expect 2 '' '*: "Value" is not a dictionary' corvanectl profile set Value.Key text
-expect 0 '' '' corvanectl profile unset Value
-expect 0 '' '' corvanectl profile unset Made.On
+expect 0 'removed Value in */link.plist' '' corvanectl profile unset Value
+expect 0 'there was no Value in */link.plist' '' corvanectl profile unset Value
+expect 0 '*' '' corvanectl profile unset Made.On
 expect 0 $'{\n  "Made": {}\n}' '' corvanectl show "$work/xml.plist"
 expect 0 '640 regular file' '' stat -c '%a %F' "$work/xml.plist"
 expect 0 '*symbolic link' '' stat -c %F "$work/link.plist"
 export CORVANE_PROFILE=$work/profile.plist
 
 step='the regulatory images'
-expect 0 '' '' corvanectl profile set --json Entitlements '{"4711": {"dial": true}}'
+expect 0 '*' '' corvanectl profile set --json Entitlements '{"4711": {"dial": true}}'
 start_daemon simulated
-expect 1 '' 'corvanectl: no regulatory images are stored' corvanectl images
-expect 0 '' '' corvanectl images --store "$images"
+expect 5 '' 'corvanectl: no regulatory images are stored' corvanectl images
+expect 0 'stored the images in */images.plist; data values: 2' '' corvanectl images --store "$images"
 expect 0 $'{\n  "ProductVersion": "9.1"\n  "RegulatoryImages": {\n*"Image": <139 bytes: *' '' corvanectl images
 expect 0 $'{\n "ProductVersion": "9.1",\n*"$data": "iVBOR*' '' corvanectl images --json
 expect 0 '<?xml *<key>ProductVersion</key>*' '' corvanectl images --xml
 mkdir "$work/saved"
 expect 0 $'*/RegulatoryImages-Images-0-Image.png\n*-1-Image.png' '' corvanectl images --save "$work/saved"
 
+step='a page of the images'
+page=$work/page.html
+mark='{"$data":"iVBORw0KGgoAAAANSUhEUgAAAEAAAAAw"}'
+hostile='"><script>alert(1)</script>'
+svg=$(printf '<?xml version="1.0"?><svg><script/></svg>' | base64)
+cp "$stored" "$work/stored.plist"
+expect 0 '*' '' corvanectl profile --profile "$stored" set --json RegulatoryImages "[
+  {\"Image\": $mark, \"Name\": \"${hostile//\"/\\\"}\", \"Region\": \"<EU>\"}, {\"Image\": {\"\$data\": \"$svg\"}},
+  {\"Image\": {\"\$data\": \"iVBORw==\"}, \"Name\": \"cut short\"}, {\"\$data\": \"AAEC\"}]"
+expect 0 "wrote $page" '' corvanectl images --page "$page"
+expect 0 '4' '' grep -c '<figure>' "$page"
+expect 0 '2' '' grep -c '<img ' "$page"
+expect 0 '*alt="&quot;&gt;&lt;script&gt;*src="data:image/png;base64,iVBOR*src="data:image/svg+xml;base64,*' '' cat "$page"
+expect 0 '*<dd>&lt;EU&gt;</dd>*64 &times; 48 pixels, 24 bytes*PNG, cut short or damaged*data, not shown here*' '' cat "$page"
+expect 1 '' '' grep -E '<script|src="[^d]|url\(|@import|https?:' "$page"
+style_hash=$(python3 -c 'import base64, hashlib, re, sys
+style = re.search("<style>(.*?)</style>", sys.stdin.read(), re.DOTALL).group(1)
+print(base64.b64encode(hashlib.sha256(style.encode()).digest()).decode())' <"$page")
+expect 0 "*default-src 'none'; img-src data:;*style-src 'sha256-$style_hash'*" '' cat "$page"
+expect 1 '' 'corvanectl: /proc/self/page: *' corvanectl images --page /proc/self/page
+mv "$work/stored.plist" "$stored"
+
 step='a request that the daemon cannot read'
 deep=$(printf '[%.0s' $(seq 120))$(printf ']%.0s' $(seq 120))
-expect 0 '' '' corvanectl profile --profile "$work/xml.plist" set --json Deep "$deep"
+expect 0 '*' '' corvanectl profile --profile "$work/xml.plist" set --json Deep "$deep"
 expect 1 '' 'corvanectl: the daemon answered error 1: Unexpeceted parameter' \
   corvanectl images --store "$work/xml.plist"
 
 step='saving below hostile keys'
 x300=$(printf 'x%.0s' $(seq 300)) x183=$(printf 'x%.0s' $(seq 183))
 png='{"$data":"iVBORw=="}' other='{"$data":"AA=="}'
-expect 0 '' '' corvanectl profile --profile "$stored" set --json RegulatoryImages "{
+expect 0 '*' '' corvanectl profile --profile "$stored" set --json RegulatoryImages "{
   \"../../up\":$png, \"..\":$other, \"a/b\":$other, \"a.b\":$other, \"a_b-2\":$other, \"line\nfeed\":$png,
   \"\":$other, \"$x300\":$other, \"$x300 and more\":$other, \"é\":[$png, {\"/\":$png}]}"
-expect 0 '' '' corvanectl profile --profile "$stored" set --json '' "$other"
+expect 0 '*' '' corvanectl profile --profile "$stored" set --json '' "$other"
 mkdir -p "$work/saved/deep/deeper"
 expect 0 '*' '' corvanectl images --save "$work/saved/deep/deeper"
 expect 0 "RegulatoryImages-.bin
@@ -174,20 +145,20 @@ expect 1 '' 'corvanectl: could not write *' corvanectl images --save /proc/self
 
 step='entitlements'
 expect 0 $'{\n  "dial": true\n}' '' corvanectl entitlements 4711
-expect 1 '' 'corvanectl: process 1 has no entitlements' corvanectl entitlements 1
+expect 5 '' 'corvanectl: process 1 has no entitlements' corvanectl entitlements 1
 
 step='closed descriptors'
 expect 1 '' 'corvanectl: standard output: Bad file descriptor' without_output corvanectl images
 expect 1 '' 'corvanectl: standard output: Bad file descriptor' without_output corvanectl entitlements 4711
 expect 1 '' '' without_input without_output without_errors corvanectl images
-expect 0 '' '' without_input without_output without_errors corvanectl images --store "$images"
+expect 0 'stored *' '' without_input without_errors corvanectl images --store "$images"
 expect 0 '*"ProductVersion"*' '' without_input without_errors corvanectl images
 
 step='notifications'
 "$bin/corvanectl" notifications >"$work/heard" 2>"$work/watcher_errors" &
 watcher=$!
 insert_sim_and_hear() {
-  corvanectl profile set Telephony.SIMIdentity "$RANDOM"
+  corvanectl profile set Telephony.SIMIdentity "$RANDOM" >/dev/null
   sleep 0.2
   grep -qxE '[0-9-]{10} [0-9:]{8}\.[0-9]{3} com\.norvane\.mobile\.keelhold\.phone_number_changed' "$work/heard"
 }

@@ -25,7 +25,8 @@ ArkPages::ArkPages(client::Connection& admin_connection, Domain domain)
 Ref<plist::Array> ArkPages::next() {
   if (is_last_) return nullptr;
   const Ref<plist::Dictionary> page =
-      reply_or(client::copy_ark_entries(connection_, domain_, after_), "the daemon answered no page of the ark");
+      reply_or([&] { return client::copy_ark_entries(connection_, domain_, after_); },
+               "the daemon answered no page of the ark");
   const int64_t changes = entry<plist::Number>(*page, wire::changes_key).int64();
   changed_ |= changes_.value_or(changes) != changes;
   changes_ = changes;

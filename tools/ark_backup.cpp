@@ -148,7 +148,7 @@ void send(client::Connection& connection, const Entries& entries) {
   for (size_t sent = 0; sent < entries.size();) {
     const Ref<plist::Array> request = next_request(entries, sent);
     try {
-      reply_of(client::restore_ark_entries(connection, request));
+      reply_of([&] { return client::restore_ark_entries(connection, request); });
     } catch (Failure& failure) {
       if (sent > 0) failure.text += "; entries set before: " + std::to_string(sent);
       throw;

@@ -65,7 +65,7 @@ std::string no_entry(const Options& options) { return "there is no entry " + opt
 void get(const Options& options) {
   client::Connection connection(wire::admin_service);
   const Ref<plist::Dictionary> reply =
-      reply_or(client::copy_ark_value(connection, options.ark_key()), no_entry(options));
+      reply_or([&] { return client::copy_ark_value(connection, options.ark_key()); }, no_entry(options));
   const plist::Value* value = reply->get(wire::value_key);
   if (value == nullptr) throw Failure{failed, "the daemon's answer has no value"};
   std::string text = formatted(*value, options.format);
@@ -86,13 +86,14 @@ void set(const Options& options) {
   const Ref<plist::Value> value =
       options.json ? from_json(options.value) : Ref<plist::Value>(plist::String::create(options.value));
   client::Connection connection(wire::admin_service);
-  tell_change("set", options, reply_of(client::set_ark_value(connection, options.ark_key(), value)).get());
+  tell_change("set", options,
+              reply_of([&] { return client::set_ark_value(connection, options.ark_key(), value); }).get());
 }
 
 void remove(const Options& options) {
   client::Connection connection(wire::admin_service);
   const Ref<plist::Dictionary> before =
-      reply_or(client::remove_ark_value(connection, options.ark_key()), no_entry(options));
+      reply_or([&] { return client::remove_ark_value(connection, options.ark_key()); }, no_entry(options));
   tell_change("removed", options, before.get());
 }
 
@@ -135,7 +136,7 @@ void list_json(const Options& options) {
 void show_attributes(const Options& options) {
   client::Connection connection(wire::admin_service);
   const Ref<plist::Dictionary> reply =
-      reply_or(client::copy_ark_value(connection, options.ark_key()), no_entry(options));
+      reply_or([&] { return client::copy_ark_value(connection, options.ark_key()); }, no_entry(options));
   const auto& attributes = entry<plist::Array>(*reply, wire::attributes_key);
   if (options.json) return print(to_json(attributes) + "\n");
   print(attributes.size() == 0 ? "none\n" : attributes_text(attributes) + "\n");
@@ -146,7 +147,8 @@ void set_attributes(const Options& options, bool has_key) {
   client::ArkKey key = options.ark_key();
   if (!has_key) key.key = std::nullopt;
   const Ref<plist::Dictionary> before =
-      reply_or(client::set_ark_attributes(connection, key, options.attributes), "the daemon answered nothing");
+      reply_or([&] { return client::set_ark_attributes(connection, key, options.attributes); },
+               "the daemon answered nothing");
   const std::string were = attributes_text(entry<plist::Array>(*before, wire::attributes_key));
   print("set the attributes of " + plist::printable(options.composed()) + "; they were " +
         (were.empty() ? "none" : were) + "\n");

@@ -3,7 +3,9 @@
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 #include <unistd.h>
 
 #include "plist/writer.h"
@@ -15,6 +17,13 @@ namespace corvane::tools {
 
 using client::Outcome;
 using plist::Ref;
+
+namespace {
+
+constexpr int most_tries = 40;
+constexpr std::chrono::milliseconds pause{50};
+
+}  // namespace
 
 void check(Outcome outcome, const std::string& detail) {
   switch (outcome) {
@@ -29,7 +38,12 @@ void check(Outcome outcome, const std::string& detail) {
   }
 }
 
-Ref<plist::Dictionary> reply_of(const client::Answer& answer) {
+Ref<plist::Dictionary> reply_of(const Call& call) {
+  client::Answer answer = call();
+  for (int tries = 1; answer.outcome == Outcome::closed && tries < most_tries; ++tries) {
+    std::this_thread::sleep_for(pause);
+    answer = call();
+  }
   check(answer.outcome, answer.detail);
   const wire::Response& response = answer.response;
   if (!response.failed) return response.reply;
@@ -37,8 +51,8 @@ Ref<plist::Dictionary> reply_of(const client::Answer& answer) {
                 "the daemon answered error " + std::to_string(response.code) + ": " + response.description};
 }
 
-Ref<plist::Dictionary> reply_or(const client::Answer& answer, const std::string& text) {
-  Ref<plist::Dictionary> reply = reply_of(answer);
+Ref<plist::Dictionary> reply_or(const Call& call, const std::string& text) {
+  Ref<plist::Dictionary> reply = reply_of(call);
   if (!reply) throw Failure{nothing_there, text};
   return reply;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,10 +35,15 @@ struct Failure {
 
 /// Throws the Failure of a call that did not end well.
 void check(client::Outcome outcome, const std::string& detail);
-/// The dictionary that the daemon answered, null where it answered none. Throws Failure for an error.
-plist::Ref<plist::Dictionary> reply_of(const client::Answer& answer);
+/// A call of one of the daemon's methods.
+using Call = std::function<client::Answer()>;
+
+/// The dictionary that the daemon answered, null where it answered none. Calls again, for up to two seconds, where
+/// the daemon closed the connection unanswered: that is what it does with more admin connections than it takes.
+/// Throws Failure, also for an error that the daemon answered.
+plist::Ref<plist::Dictionary> reply_of(const Call& call);
 /// The same, where no dictionary is the Failure `nothing_there` with this text.
-plist::Ref<plist::Dictionary> reply_or(const client::Answer& answer, const std::string& text);
+plist::Ref<plist::Dictionary> reply_or(const Call& call, const std::string& text);
 
 /// An entry of an answer that must be there. Throws Failure where it is missing or of another kind.
 template <class T>

@@ -31,16 +31,12 @@ struct Options {
   std::vector<std::string> properties;
 };
 
-void print_report(const plist::Dictionary& reply, bool json) {
-  print(json ? to_json(reply) + "\n" : report(reply, screen()));
-}
-
 // The time runs from connecting to the whole answer.
 void ping(bool json) {
   client::Connection connection(wire::public_service);
   const auto start = steady_clock::now();
   const Ref<plist::Dictionary> reply =
-      reply_or(client::copy_version(connection), "the daemon answered no version");
+      reply_or([&] { return client::copy_version(connection); }, "the daemon answered no version");
   const std::chrono::duration<double> time = steady_clock::now() - start;
   const auto& version = entry<plist::String>(*reply, wire::version_key);
   if (json) {
@@ -55,34 +51,69 @@ void ping(bool json) {
 
 void show_status(const Options& options) {
   client::Connection connection(wire::admin_service);
-  const Ref<plist::Dictionary> status = reply_or(client::copy_status(connection), "the daemon answered no status");
+  const Ref<plist::Dictionary> status =
+      reply_or([&] { return client::copy_status(connection); }, "the daemon answered no status");
   if (options.json) return print(to_json(*status) + "\n");
   print(options.openmetrics ? open_metrics(*status) : status_report(*status, screen()));
+}
+
+std::string joined(const plist::Array& texts) {
+  std::string line;
+  for (const Ref<plist::Value>& item : texts.items()) {
+    const auto* text = plist::cast<plist::String>(item.get());
+    if (text != nullptr) line += (line.empty() ? "" : "; ") + std::string(text->view());
+  }
+  return line;
 }
 
 // Tells on standard error, and in the exit status, which properties have no answer.
 void show_device(const Options& options) {
   client::Connection connection(wire::admin_service);
   const Ref<plist::Dictionary> reply =
-      reply_or(client::copy_device_type(connection, options.properties), "the daemon answered no device type");
-  print_report(*reply, options.json);
-  std::string missing;
-  for (const Ref<plist::Value>& line : entry<plist::Array>(*reply, wire::errors_key).items()) {
-    const auto* text = plist::cast<plist::String>(line.get());
-    if (text != nullptr) missing += (missing.empty() ? "" : "; ") + std::string(text->view());
+      reply_or([&] { return client::copy_device_type(connection, options.properties); },
+               "the daemon answered no device type");
+  const std::string missing = joined(entry<plist::Array>(*reply, wire::errors_key));
+  if (options.json) {
+    print(to_json(*reply) + "\n");
+  } else {
+    const Ref<plist::MutableDictionary> shown = plist::MutableDictionary::copy(*reply);
+    shown->remove(wire::errors_key);
+    if (options.properties.empty()) shown->remove(wire::properties_key);
+    print(report(*shown, screen()));
   }
   if (!missing.empty()) throw Failure{nothing_there, missing};
 }
 
+// For a person the value stands for a query that has one.
+Ref<plist::Value> without_value_key(const Ref<plist::Value>& query) {
+  const auto* result = plist::cast<plist::Dictionary>(query.get());
+  plist::Value* value = result == nullptr ? nullptr : result->get(wire::value_key);
+  return value == nullptr ? query : Ref<plist::Value>(value);
+}
+
+Ref<plist::Dictionary> for_a_person(const plist::Dictionary& radio) {
+  const Ref<plist::MutableDictionary> shown = plist::MutableDictionary::copy(radio);
+  if (const auto* queries = plist::cast<plist::Dictionary>(radio.get("Queries"))) {
+    const Ref<plist::MutableDictionary> results = plist::MutableDictionary::create();
+    for (const plist::Dictionary::Entry& query : queries->entries()) {
+      results->set(query.key, without_value_key(query.value));
+    }
+    shown->set("Queries", results);
+  }
+  return shown;
+}
+
 void show_radio(bool json) {
   client::Connection connection(wire::admin_service);
-  print_report(*reply_or(client::copy_radio(connection), "the daemon answered nothing about the radio"), json);
+  const Ref<plist::Dictionary> radio =
+      reply_or([&] { return client::copy_radio(connection); }, "the daemon answered nothing about the radio");
+  print(json ? to_json(*radio) + "\n" : report(*for_a_person(*radio), screen()));
 }
 
 void show_carrier(const Format& format) {
   client::Connection connection(wire::admin_service);
   const Ref<plist::Dictionary> reply =
-      reply_or(client::copy_carrier_bundle(connection), "there is no carrier bundle");
+      reply_or([&] { return client::copy_carrier_bundle(connection); }, "there is no carrier bundle");
   print(formatted(entry<plist::Dictionary>(*reply, wire::carrier_bundle_key), format));
 }
 

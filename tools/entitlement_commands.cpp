@@ -33,7 +33,7 @@ int32_t process_id(const std::string& text) {
 
 void show_entitlements(int32_t pid, const Format& format) {
   client::Connection connection(wire::admin_service);
-  const Ref<plist::Dictionary> entitlements = reply_or(client::copy_entitlements(connection, pid),
+  const Ref<plist::Dictionary> entitlements = reply_or([&] { return client::copy_entitlements(connection, pid); },
                                                        "process " + std::to_string(pid) + " has no entitlements");
   print(formatted(*entitlements, format));
 }

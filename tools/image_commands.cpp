@@ -25,7 +25,7 @@ struct Options {
 
 Ref<plist::Dictionary> ask_for_images() {
   client::Connection connection(wire::public_service);
-  return reply_or(client::copy_regulatory_images(connection), "no regulatory images are stored");
+  return reply_or([&] { return client::copy_regulatory_images(connection); }, "no regulatory images are stored");
 }
 
 void save_images(const std::string& folder) {
@@ -37,7 +37,7 @@ void save_images(const std::string& folder) {
 void store_images(const std::string& path) {
   const Ref<plist::Value> images = read_plist_file(path, plist::Containers::immutable).value;
   client::Connection connection(wire::admin_service);
-  reply_of(client::store_regulatory_images(connection, images));
+  reply_of([&] { return client::store_regulatory_images(connection, images); });
   size_t count = 0;
   for_each_data(*images, [&](const FoundData&) { ++count; });
   print("stored the images in " + path + "; data values: " + std::to_string(count) + "\n");

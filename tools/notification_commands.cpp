@@ -114,10 +114,20 @@ void show_notifications(const Options& options) {
 
 // ---- ark watch ----------------------------------------------------------------------------------------
 
-// The entry, or an empty dictionary where there is none.
-Ref<plist::Dictionary> entry_now(client::Connection& connection, const client::ArkKey& key) {
-  Ref<plist::Dictionary> reply = reply_of(client::copy_ark_value(connection, key));
+// The entry, or an empty dictionary where there is none. A connection of its own, because the daemon takes few on
+// its admin socket, and a watch may last for days.
+Ref<plist::Dictionary> entry_now(const client::ArkKey& key) {
+  client::Connection connection(wire::admin_service);
+  Ref<plist::Dictionary> reply = reply_of([&] { return client::copy_ark_value(connection, key); });
   return reply ? reply : Ref<plist::Dictionary>(plist::MutableDictionary::create());
+}
+
+// Registers the watch, and returns the name of its notification.
+std::string name_of_watch(const client::ArkKey& key) {
+  client::Connection connection(wire::admin_service);
+  const Ref<plist::Dictionary> watched = reply_or([&] { return client::watch_ark_value(connection, key); },
+                                                  "the daemon answered no name of a notification");
+  return std::string(entry<plist::String>(*watched, wire::notification_key).view());
 }
 
 void print_entry(const plist::Dictionary& ark_entry, bool json) {
@@ -131,17 +141,14 @@ void print_entry(const plist::Dictionary& ark_entry, bool json) {
 void watch(const Options& options) {
   const client::ArkKey key{options.domain, options.key};
   Following following(options);
-  client::Connection connection(wire::admin_service);
-  const Ref<plist::Dictionary> watched =
-      reply_or(client::watch_ark_value(connection, key), "the daemon answered no name of a notification");
-  const std::string name(entry<plist::String>(*watched, wire::notification_key).view());
-  Ref<plist::Dictionary> shown = entry_now(connection, key);
+  const std::string name = name_of_watch(key);
+  Ref<plist::Dictionary> shown = entry_now(key);
   print_entry(*shown, options.json);
   wire::Notification notification;
   for (int64_t printed = 0; options.count == 0 || printed < options.count;) {
     if (!following.next(notification)) return end_at_timeout(options, printed);
     if (notification.missed == 0 && notification.name != name) continue;
-    const Ref<plist::Dictionary> now = entry_now(connection, key);
+    const Ref<plist::Dictionary> now = entry_now(key);
     if (notification.missed > 0 && plist::equal(now.get(), shown.get())) continue;
     shown = now;
     print_entry(*shown, options.json);

@@ -33,7 +33,8 @@ void add_rows(Table& table, const std::string& name, const plist::Value& value) 
   } else if (array != nullptr && array->size() > 0) {
     for (const plist::Ref<plist::Value>& item : array->items()) add_rows(table, name, *item);
   } else {
-    table.add_row({name, value.is_container() ? "none" : plist::describe(&value)});
+    const std::string text = value.is_container() ? "none" : plist::describe(&value);
+    table.add_row({name, text.empty() ? "(empty)" : text});
   }
 }
 
