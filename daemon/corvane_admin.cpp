@@ -5,6 +5,7 @@
 #include "daemon/answers.h"
 #include "daemon/connection_setup.h"
 #include "daemon/protocols.h"
+#include "daemon/status.h"
 #include "device/radio_report.h"
 #include "device/regulatory_images.h"
 #include "platform/code_signing.h"
@@ -39,6 +40,15 @@ void CorvaneAdmin::storeRegulatoryImages_withCompletionBlock(plist::Value& image
   if (store_regulatory_images(images) == 0) return answer_nothing(completion);
   if (!copy_product_version()) return answer_failure_because(completion, no_version);
   answer_failure(completion);
+}
+
+void CorvaneAdmin::set_listeners(const IpcListener& public_listener, const IpcListener& admin_listener) {
+  public_listener_ = &public_listener;
+  admin_listener_ = &admin_listener;
+}
+
+void CorvaneAdmin::copyStatusWithCompletionBlock(const CompletionBlock& completion) {
+  answer(completion, *copy_status({public_listener_, admin_listener_, ark()}));
 }
 
 void CorvaneAdmin::copyRadioWithCompletionBlock(const CompletionBlock& completion) {

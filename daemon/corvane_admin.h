@@ -26,8 +26,19 @@ class CorvaneAdmin final : public IpcListenerDelegate,
   /// read, which is logged. Never an error.
   void copyEntitlementsForPID_withCompletionBlock(int32_t pid, const CompletionBlock& completion);
 
+  /// The listeners that the status tells of; they must outlive the request queue's thread. Before the first
+  /// request.
+  void set_listeners(const IpcListener& public_listener, const IpcListener& admin_listener);
+
+  /// Answers what `copy_status` gives. Never an error.
+  void copyStatusWithCompletionBlock(const CompletionBlock& completion);
+
   /// Answers what `copy_radio_report` gives. Never an error.
   void copyRadioWithCompletionBlock(const CompletionBlock& completion);
+
+ private:
+  const IpcListener* public_listener_ = nullptr;
+  const IpcListener* admin_listener_ = nullptr;
 };
 
 }  // namespace corvane

@@ -89,6 +89,7 @@ int run_daemon() {
 
   const auto admin_listener = create_listener(wire::admin_service, IpcAccess::owner);
   const auto listener = create_listener(wire::public_service, IpcAccess::everyone);
+  admin_object->set_listeners(*listener, *admin_listener);
   create_request_queue();
   admin_listener->set_delegate(*admin_object);
   listener->set_delegate(*daemon_object);

@@ -41,15 +41,21 @@ void encode(plist::MutableDictionary& response, plist::ByteChain& out) {
 
 bool MethodTable::deliver(ExportedObject& object, const Message& message, plist::ByteChain& response) const {
   if (message.kind != Message::raw_data) return false;
+  ++counts_.answered;
   Ref<plist::String> selector = plist::String::create("");
   try {
     encode(*answer(object, message, selector), response);
   } catch (const std::bad_alloc&) {
     // The memory that the request took is free again by now.
     cv_log("deliver", 0, "out of memory");
+    count_error(CorvaneError::operation_failed);
     encode_failure(selector, response);
   }
   return true;
+}
+
+void MethodTable::count_error(int32_t code) const {
+  ++(code == CorvaneError::unexpected_parameter ? counts_.bad_arguments : counts_.failures);
 }
 
 const MethodTable::Method* MethodTable::find(const plist::String* selector) const {
@@ -70,12 +76,15 @@ Ref<plist::MutableDictionary> MethodTable::answer(ExportedObject& object, const 
   const Method* method = find(asked);
   if (method == nullptr) {
     const char* reason = request ? "no such request" : "unreadable request";
+    count_error(CorvaneError::unexpected_parameter);
     set_error(*response, reason, CorvaneError::getError(CorvaneError::unexpected_parameter));
     return response;
   }
   method->call(object, *request, [&](plist::Dictionary* reply, const ErrorObject* error) {
     if (reply != nullptr) response->set(wire::reply_key, reply);
-    if (error != nullptr) set_error(*response, selector->c_string(), *error);
+    if (error == nullptr) return;
+    count_error(error->code);
+    set_error(*response, selector->c_string(), *error);
   });
   return response;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <initializer_list>
 #include <string_view>
 #include <vector>
@@ -26,13 +27,23 @@ class MethodTable final : public ExportedInterface {
 
   bool deliver(ExportedObject& object, const Message& message, plist::ByteChain& response) const override;
 
+  /// The requests that were answered so far. Request queue.
+  struct Counts {
+    uint64_t answered = 0;  ///< those with an error included
+    uint64_t bad_arguments = 0;
+    uint64_t failures = 0;
+  };
+  const Counts& counts() const { return counts_; }
+
  private:
+  void count_error(int32_t code) const;
   const Method* find(const plist::String* selector) const;
   // `selector` becomes that of the request, where it has one.
   plist::Ref<plist::MutableDictionary> answer(ExportedObject& object, const Message& message,
                                               plist::Ref<plist::String>& selector) const;
 
   const std::vector<Method> methods_;
+  mutable Counts counts_;
 };
 
 }  // namespace corvane

@@ -6,7 +6,6 @@
 #include "daemon/answers.h"
 #include "daemon/corvane_admin.h"
 #include "daemon/corvane_daemon.h"
-#include "daemon/method_table.h"
 #include "wire/messages.h"
 
 namespace corvane {
@@ -89,7 +88,7 @@ void restore_ark_entries(ExportedObject& object, const plist::Dictionary& reques
 
 }  // namespace
 
-const ExportedInterface& corvane_protocol() {
+const MethodTable& corvane_protocol() {
   static const MethodTable protocol{
       {wire::copy_regulatory_images,
        [](ExportedObject& object, const plist::Dictionary&, const CompletionBlock& completion) {
@@ -103,7 +102,7 @@ const ExportedInterface& corvane_protocol() {
   return protocol;
 }
 
-const ExportedInterface& corvane_admin_protocol() {
+const MethodTable& corvane_admin_protocol() {
   static const MethodTable protocol{
       {wire::store_regulatory_images,
        [](ExportedObject& object, const plist::Dictionary& request, const CompletionBlock& completion) {
@@ -118,6 +117,7 @@ const ExportedInterface& corvane_admin_protocol() {
          as_admin(object).copyEntitlementsForPID_withCompletionBlock(static_cast<int32_t>(pid->int64()),
                                                                      completion);
        }},
+      {wire::copy_status, call<&CorvaneAdmin::copyStatusWithCompletionBlock>},
       {wire::copy_device_type, copy_device_type},
       {wire::copy_radio, call<&CorvaneAdmin::copyRadioWithCompletionBlock>},
       {wire::copy_carrier_bundle, call<&CorvaneAdmin::copyCarrierBundleWithCompletionBlock>},

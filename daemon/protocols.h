@@ -1,12 +1,12 @@
 #pragma once
 
-#include "platform/ipc_listener.h"
+#include "daemon/method_table.h"
 
 namespace corvane {
 
 /// `CorvaneProtocol`, the methods of CorvaneDaemon.
-const ExportedInterface& corvane_protocol();
+const MethodTable& corvane_protocol();
 /// `CorvaneAdminProtocol`, the methods of CorvaneAdmin.
-const ExportedInterface& corvane_admin_protocol();
+const MethodTable& corvane_admin_protocol();
 
 }  // namespace corvane

@@ -29,6 +29,7 @@ constexpr std::string_view withheld_keys[] = {
 };
 
 RadioChangeHook radio_change_hook = nullptr;
+RadioCounts counts;  // request queue
 
 // ---- baseband class 1 and below -----------------------------------------------------------------------
 
@@ -160,9 +161,12 @@ bool lookup_baseband_info_new(data_ark* ark) {
 }
 
 void handle_sim_notification(data_ark* ark, const String* name) {
+  ++counts.events;
   if (!baseband_class_above_one() && name != nullptr && name->view() == telvo_sim_inserted)
     post_phone_number_changed();
-  if (lookup_baseband_info(ark) && radio_change_hook != nullptr) radio_change_hook(ark);
+  if (!lookup_baseband_info(ark)) return;
+  ++counts.changes;
+  if (radio_change_hook != nullptr) radio_change_hook(ark);
 }
 
 }  // namespace
@@ -196,6 +200,8 @@ void sim_notification_callback(TelephonyCentre*, void* observer, const String* n
 }
 
 void set_radio_change_hook(RadioChangeHook hook) { radio_change_hook = hook; }
+
+RadioCounts radio_counts() { return counts; }
 
 Ref<plist::MutableDictionary> copyBasebandStatus() {
   constexpr char function[] = "copyBasebandStatus";

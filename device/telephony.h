@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 
 #include "platform/telephony.h"
@@ -33,6 +34,13 @@ void sim_notification_callback(TelephonyCentre* centre, void* observer, const pl
 /// What is done with the ark after a look-up that reported a change. Set once, at start-up.
 using RadioChangeHook = void (*)(data_ark* ark);
 void set_radio_change_hook(RadioChangeHook hook);
+
+/// What was done since start-up.
+struct RadioCounts {
+  uint64_t events = 0;   ///< notifications of the telephony service that were handled
+  uint64_t changes = 0;  ///< look-ups that reported a change
+};
+RadioCounts radio_counts();
 
 /// The firmware's security information, owned and mutable; empty where the query failed or had none, null
 /// where there is no connection.

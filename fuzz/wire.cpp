@@ -1,5 +1,6 @@
 // A client's stream on a real connection of the public or the admin service: what comes back must be one
 // well-formed response for each request of the raw-data kind up to the first thing that is no frame, in order.
+// What was changed in the data ark is stored by then.
 
 #include <algorithm>
 #include <cstdint>
@@ -20,6 +21,7 @@
 #include "plist/big_endian.h"
 #include "plist/entitlements_blob.h"
 #include "plist/reader.h"
+#include "state/data_ark.h"
 #include "tests/support/test_platform.h"
 #include "wire/limits.h"
 #include "wire/messages.h"
@@ -95,7 +97,9 @@ void expect_response(const wire::Frame& frame, std::string_view request) {
 
 void exchange(std::string_view stream, bool admin, bool peeks, size_t chunk) {
   static CorvaneDaemon daemon;
-  static CorvaneAdmin administrator;
+  const DataArk ark = data_ark_load();
+  CorvaneAdmin administrator;  // a new one, which watches nothing yet
+  administrator.set_ark(ark.get());
   int sockets[2];
   ENSURE(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, sockets) == 0);
   Client client(sockets[1]);
@@ -119,7 +123,8 @@ void exchange(std::string_view stream, bool admin, bool peeks, size_t chunk) {
   client.end();
   while (turn() || !connection.is_finished()) {
   }
-  ENSURE(connection.fault() == nullptr || !connection.wants_output());
+  ENSURE(!connection.fault() || !connection.wants_output());
+  ENSURE(data_ark_dirty_count(ark.get()) == 0);
   connection.close();
   ENSURE(connection.held_output() == 0 && answers.bytes() == 0);
   const std::vector<std::string_view> due = due_requests(stream, limit);
@@ -134,7 +139,9 @@ void start_anew() {
   static const bool has_folder = mkdir(folder.c_str(), 0700) == 0;
   ENSURE(has_folder);
   unlink((folder + "/regulatory_images/regulatory_images.plist").c_str());
+  unlink((folder + "/data_ark.plist").c_str());
   platform.take_lines();
+  platform.posted.clear();
   platform.properties["ProductVersion"] = plist::String::create("9.1");
   platform.entitlements_blob =
       plist::make_entitlements_blob("<plist version=\"1.0\"><dict><key>radio</key><true/></dict></plist>");

@@ -3,6 +3,7 @@
 #include "platform/code_signing.h"
 #include "platform/device_properties.h"
 #include "platform/hardware_registry.h"
+#include "platform/status.h"
 #include "platform/telephony.h"
 
 namespace corvane {
@@ -16,6 +17,9 @@ class Device {
   virtual HardwareRegistry& registry() = 0;
   virtual Telephony& telephony() = 0;
   virtual CodeSigning& code_signing() = 0;
+
+  /// Any thread.
+  virtual DeviceStatus status() = 0;
 };
 
 }  // namespace corvane

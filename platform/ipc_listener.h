@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "platform/connection_counts.h"
 #include "plist/value.h"
 #include "plist/writer.h"
 
@@ -73,6 +74,8 @@ class IpcListener {
   /// From now on clients can connect. A name that cannot be registered is reported and tried again every few
   /// seconds.
   virtual void resume() = 0;
+  /// Request queue.
+  virtual ConnectionCounts counts() const = 0;
 };
 
 }  // namespace corvane

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "plist/value.h"
 
@@ -24,6 +25,13 @@ class Logger {
   virtual void enable_disk_copy(Handle* handle, const char* path, int files, size_t bytes) = 0;
   /// The level configured for a logger name at this moment, or `no_level`.
   virtual int configured_level(const char* name) = 0;
+  /// How an open log is doing.
+  struct Status {
+    bool disk_copy_works = false;    ///< the disk took the line that was written last
+    uint64_t dropped_on_stderr = 0;  ///< lines since start-up
+  };
+  virtual Status status(Handle* handle) = 0;
+
   /// Writes one line. `format` is "%@", which prints the argument as it is.
   virtual void write(Handle* handle, int level, const char* tag, const char* format,
                      const plist::String& argument) = 0;

@@ -18,6 +18,8 @@ class RunLoop;
 class IpcListener;
 class Telephony;
 class WorkQueue;
+struct DeviceStatus;
+struct ProcessStatus;
 enum class IpcAccess;
 
 /// What the daemon asks of its system, one accessor per facility. `main` installs the one platform before
@@ -42,9 +44,13 @@ class Platform {
   /// Work for the one serial queue that touches the daemon's state.
   virtual WorkQueue& request_queue() = 0;
 
-  /// A listener for a named local service; it accepts nobody before it is resumed. Throws std::system_error where the
-  /// system refuses.
+  /// A listener for a named local service; it accepts nobody before it is resumed. Throws std::system_error where
+  /// the system refuses.
   virtual std::unique_ptr<IpcListener> create_listener(std::string_view service_name, IpcAccess access) = 0;
+
+  /// What the daemon's process takes, and what its device is. Any thread.
+  virtual ProcessStatus process_status() = 0;
+  virtual DeviceStatus device_status() = 0;
 
   /// The folder below which all of the daemon's paths lie: absolute, fully resolved, no slash at its end;
   /// empty where that is the real root.

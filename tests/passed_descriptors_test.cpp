@@ -36,6 +36,8 @@ TEST(PassedDescriptors, AreNeverWaitedForOnAKernelThatCannotRefuseThem) {
     EXPECT_EQ(honest.ask("r"), refusal("r"));
   }
   EXPECT_EQ(RawClient(root.socket(wire::public_service)).ask("r"), refusal("r"));
+  EXPECT_NE(RawClient(root.socket(wire::admin_service)).ask(wire::copy_status).find("\"descriptors\": 4"),
+            std::string::npos);
   EXPECT_EQ(daemon.end(SIGTERM), 0);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
 }

@@ -48,6 +48,12 @@ TEST_F(Service, GivesBackTheImagesThatWereStored) {
   for (RawClient* reader : {&second, &asker_}) EXPECT_TRUE(plist::equal(reader->response().get(), expected.get()));
 }
 
+TEST_F(Service, TellsItsVersionWithoutALogLine) {
+  const testing::Lines log = daemon_.log();
+  EXPECT_NE(asker_.ask(wire::copy_version).find(R"({"Reply": {"Version": "0)"), std::string::npos);
+  EXPECT_EQ(daemon_.log(), log);
+}
+
 TEST_F(Service, OffersEachMethodOnItsOwnSocketOnly) {
   EXPECT_EQ(asker_.ask(wire::store_regulatory_images), refusal(wire::store_regulatory_images));
   EXPECT_EQ(operator_.ask(copy_images), refusal(copy_images));

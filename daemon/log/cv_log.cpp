@@ -37,7 +37,13 @@ CVLog& CVLog::getSharedInstance() {
 
 CVLog::CVLog() : _logHandle(platform().logger().open(logger_name, 3)) {
   if (_logHandle == nullptr) return;
-  platform().logger().enable_disk_copy(_logHandle, system_path(disk_log).c_str(), 2, 65536);
+  platform().logger().enable_disk_copy(_logHandle, disk_copy_path().c_str(), 2, 65536);
+}
+
+std::string CVLog::disk_copy_path() { return system_path(disk_log); }
+
+Logger::Status CVLog::status() {
+  return _logHandle == nullptr ? Logger::Status() : platform().logger().status(_logHandle);
 }
 
 void CVLog::logMessage_CopyToSyslog(const plist::String& message, int copy_to_syslog) {

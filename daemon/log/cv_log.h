@@ -1,6 +1,7 @@
 #pragma once
 
 #include <span>
+#include <string>
 #include <type_traits>
 
 #include "daemon/log/format.h"
@@ -39,6 +40,11 @@ class CVLog {
   /// Writes a finished line at the configured level, which is asked for each time, or at the one that the
   /// flag chooses. Dropped when the platform logger refused a handle.
   void logMessage_CopyToSyslog(const plist::String& message, int copy_to_syslog);
+
+  /// The newest file of the disk copy.
+  static std::string disk_copy_path();
+  /// How the log is doing; nothing works where the platform logger refused a handle.
+  Logger::Status status();
 
  private:
   CVLog();

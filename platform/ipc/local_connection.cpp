@@ -43,12 +43,12 @@ void LocalConnection::close() {
 }
 
 // The responses already due are still sent.
-void LocalConnection::stop_input(const char* fault) {
+void LocalConnection::stop_input(std::optional<CloseReason> fault) {
   input_open_ = false;
   fault_ = fault;
 }
 
-void LocalConnection::fail(const char* fault) {
+void LocalConnection::fail(std::optional<CloseReason> fault) {
   failed_ = true;
   fault_ = fault;
 }
@@ -68,7 +68,7 @@ bool LocalConnection::wants_input() const {
 ssize_t LocalConnection::read_some(std::span<char> buffer) {
   if (environment_.closer != nullptr) {
     const Peeked peeked = peek_for_descriptors(socket_, buffer.data(), buffer.size());
-    if (peeked.has_descriptors) fail("it passed descriptors");
+    if (peeked.has_descriptors) fail(CloseReason::descriptors);
     if (peeked.count <= 0 || peeked.has_descriptors) return peeked.count;
     buffer = buffer.first(static_cast<size_t>(peeked.count));
   }
@@ -84,7 +84,7 @@ void LocalConnection::receive() {
 }
 
 void LocalConnection::received(size_t count) {
-  if (count == 0) return stop_input(nullptr);
+  if (count == 0) return stop_input(std::nullopt);
   filled_buffer_ = count == input_buffer().size();
   reader_.commit(count);
 }
@@ -100,10 +100,10 @@ bool LocalConnection::has_request() {
     case wire::FrameReader::Status::incomplete:
       return false;
     case wire::FrameReader::Status::bad_header:
-      stop_input("it sent something other than a frame");
+      stop_input(CloseReason::bad_frame);
       return false;
     case wire::FrameReader::Status::too_long:
-      stop_input("it announced a request over the size limit");
+      stop_input(CloseReason::too_long);
       return false;
   }
   return false;
@@ -135,7 +135,7 @@ bool LocalConnection::send() {
   message.msg_iov = buffers_.data();
   message.msg_iovlen = gather();
   const ssize_t count = sendmsg(socket_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-  if (count < 0 && !is_temporary(errno)) fail(nullptr);
+  if (count < 0 && !is_temporary(errno)) fail(std::nullopt);
   if (count > 0) drop_sent(static_cast<size_t>(count));
   return count > 0;
 }
@@ -197,8 +197,8 @@ void LocalConnection::update_deadlines(bool over_budget) {
 }
 
 void LocalConnection::tick() {
-  if (request_ticks_ > 0 && --request_ticks_ == 0) fail("its request did not arrive whole in time");
-  if (write_ticks_ > 0 && --write_ticks_ == 0) fail("it did not read its answers");
+  if (request_ticks_ > 0 && --request_ticks_ == 0) fail(CloseReason::timeout);
+  if (write_ticks_ > 0 && --write_ticks_ == 0) fail(CloseReason::not_reading);
 }
 
 }  // namespace corvane

@@ -81,8 +81,8 @@ class LocalConnection final : public IpcConnection {
   bool wants_output() const { return unsent_ != 0; }
   /// The socket is to be closed: nothing more can come or go, or the client broke a rule.
   bool is_finished() const { return failed_ || (!input_open_ && !request_ && unsent_ == 0); }
-  /// The rule that the client broke, for the log; null where it broke none.
-  const char* fault() const { return fault_; }
+  /// The rule that the client broke, if any.
+  std::optional<CloseReason> fault() const { return fault_; }
   /// The bytes of answers that wait for the client, in the daemon and in the kernel.
   size_t held_output() const { return unsent_ + in_kernel_; }
   /// The bytes of memory that the connection takes: its request, its answers, those shared with others not
@@ -105,8 +105,8 @@ class LocalConnection final : public IpcConnection {
     size_t own_size() const { return header.size() + own.size(); }
   };
   ssize_t read_some(std::span<char> buffer);
-  void stop_input(const char* fault);
-  void fail(const char* fault);
+  void stop_input(std::optional<CloseReason> fault);
+  void fail(std::optional<CloseReason> fault);
   void drop_sent(size_t count);
   size_t gather();
 
@@ -130,7 +130,7 @@ class LocalConnection final : public IpcConnection {
   size_t in_kernel_ = 0;  ///< at least what the kernel holds; exact when it was just measured
 
   bool failed_ = false;
-  const char* fault_ = nullptr;
+  std::optional<CloseReason> fault_;
   int request_ticks_ = 0;  ///< left until a request must have come whole; 0: none is awaited
   int write_ticks_ = 0;    ///< left until the client must have taken a byte; 0: none is due
 };

@@ -9,6 +9,7 @@
 #include <asio/post.hpp>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <malloc.h>
 #include <new>
@@ -20,6 +21,22 @@
 namespace corvane {
 
 using std::chrono::steady_clock;
+
+namespace {
+
+// For the log, by CloseReason. Refusing and evicting have lines of their own.
+constexpr std::array<const char*, close_reason_names.size()> faults{
+    nullptr,
+    nullptr,
+    "its request did not arrive whole in time",
+    "it did not read its answers",
+    "it sent something other than a frame",
+    "it announced a request over the size limit",
+    "it passed descriptors",
+    "out of memory",
+};
+
+}  // namespace
 
 /// A connection, and what the listener keeps of it.
 struct LocalListener::Client : ShareTable::Entry {
@@ -61,6 +78,13 @@ void LocalListener::resume() {
   queue_.submit([this] { listening_.open(); });
 }
 
+ConnectionCounts LocalListener::counts() const {
+  ConnectionCounts counts = counts_;
+  counts.open = shares_.size();
+  counts.limit = policy_.connection_limit;
+  return counts;
+}
+
 void LocalListener::rearm() {
   listening_.rearm();
   if (!clients_.empty()) start_ticking();
@@ -87,6 +111,7 @@ void LocalListener::admit(int socket) {
     run(client, [&] { set_up(client, peer); });
   } catch (const std::bad_alloc&) {
     report("out of memory: a new connection was closed");
+    counts_.count(CloseReason::out_of_memory);
     close_socket(socket, closer);
   }
   drop_closed();
@@ -95,13 +120,14 @@ void LocalListener::admit(int socket) {
 void LocalListener::set_up(Client& client, PeerIdentity peer) {
   if (!make_room(peer)) {
     refused_report_("refused a connection to %s: too many connections", listening_.path().c_str());
-    return close(client, nullptr);
+    return close(client, CloseReason::refused);
   }
   shares_.add(client, peer);
+  ++counts_.accepted;
   const bool accepted = delegate_->listener_shouldAcceptNewConnection(*this, client.connection);
   std::error_code refused;
   client.events.assign(client.connection.socket(), refused);
-  if (!accepted || refused) close(client, nullptr);
+  if (!accepted || refused) close(client, std::nullopt);
 }
 
 bool LocalListener::make_room(PeerIdentity peer) {
@@ -109,20 +135,25 @@ bool LocalListener::make_room(PeerIdentity peer) {
   const ShareTable::Admission admission = shares_.admission_of(peer);
   if (admission.verdict == ShareTable::Verdict::evict) {
     evicted_report_("evicted a connection of the user with the most: all %zu are taken", policy_.connection_limit);
-    close(static_cast<Client&>(*admission.evicted), nullptr);
+    close(static_cast<Client&>(*admission.evicted), CloseReason::evicted);
   }
   return admission.verdict != ShareTable::Verdict::refuse;
 }
 
 void LocalListener::make_room_for_descriptors() {
   if (!policy_.shares) return;
-  if (ShareTable::Entry* first = shares_.first_to_evict()) close(static_cast<Client&>(*first), nullptr);
+  if (ShareTable::Entry* first = shares_.first_to_evict())
+    close(static_cast<Client&>(*first), CloseReason::evicted);
   drop_closed();
 }
 
-void LocalListener::close(Client& client, const char* fault) {
+void LocalListener::close(Client& client, std::optional<CloseReason> reason) {
   if (client.list == &closed_) return;
-  if (fault != nullptr) closed_report_("closed a connection: %s", fault);
+  if (reason) {
+    counts_.count(*reason);
+    const char* fault = faults[static_cast<size_t>(*reason)];
+    if (fault != nullptr) closed_report_("closed a connection: %s", fault);
+  }
   client.events.release();  // its handlers are called soon
   client.connection.close();
   memory_ -= std::exchange(client.counted_memory, 0);
@@ -238,7 +269,7 @@ void LocalListener::serve(Client& client) {
     count_memory(client);
     if (client.list != &served_) move_to(served_, client);
   } catch (const std::bad_alloc&) {
-    close(client, "out of memory");
+    close(client, CloseReason::out_of_memory);
   }
 }
 
@@ -264,7 +295,7 @@ void LocalListener::run(Client& client, Step step) {
     step();
     if (client.list != &closed_) settle(client);
   } catch (const std::bad_alloc&) {
-    close(client, "out of memory");
+    close(client, CloseReason::out_of_memory);
   }
 }
 

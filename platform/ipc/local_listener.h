@@ -6,6 +6,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "platform/ipc/listening_socket.h"
@@ -40,6 +41,7 @@ class LocalListener final : public IpcListener {
 
   void set_delegate(IpcListenerDelegate& delegate) override { delegate_ = &delegate; }
   void resume() override;
+  ConnectionCounts counts() const override;
 
  private:
   struct Policy {
@@ -57,7 +59,7 @@ class LocalListener final : public IpcListener {
   bool make_room(PeerIdentity peer);
   void make_room_for_descriptors();
   void set_up(Client& client, PeerIdentity peer);
-  void close(Client& client, const char* fault);
+  void close(Client& client, std::optional<CloseReason> reason);
   void drop_closed();
 
   void await_events(Client& client);
@@ -104,6 +106,7 @@ class LocalListener final : public IpcListener {
   bool posted_ = false;                                 ///< the event loop will
   bool ticking_ = false;
 
+  ConnectionCounts counts_;  ///< without the open connections and their limit
   RateLimitedReport refused_report_;
   RateLimitedReport evicted_report_;
   RateLimitedReport closed_report_;

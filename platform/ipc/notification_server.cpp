@@ -43,7 +43,8 @@ class NotificationServer::Subscriber : public ShareTable::Entry, public std::ena
   void watch_for_disconnect();
   /// Whether the connection is closed. Closes it where the subscriber has disconnected, or had sent urgent data.
   bool is_disconnected();
-  void send(const std::string& frame);
+  /// Whether it will get the frame, or else misses it.
+  bool send(const std::string& frame);
   void close();
 
  private:
@@ -70,14 +71,15 @@ void NotificationServer::Subscriber::watch_for_disconnect() {
   });
 }
 
-void NotificationServer::Subscriber::send(const std::string& frame) {
+bool NotificationServer::Subscriber::send(const std::string& frame) {
   if (pending_.size() > wire::unread_notifications_limit) {
     ++missed_;
-    return;
+    return false;
   }
   if (missed_ != 0) pending_ += frame_of(*wire::make_missed(std::exchange(missed_, 0)));
   pending_ += frame;
   write_pending();
+  return true;
 }
 
 void NotificationServer::Subscriber::write_pending() {
@@ -122,7 +124,15 @@ void NotificationServer::resume() {
   queue_.submit([this] { listening_.open(); });
 }
 
+NotificationCounts NotificationServer::counts() const {
+  NotificationCounts counts = counts_;
+  counts.subscribers.open = shares_.size();
+  counts.subscribers.limit = connection_limits().subscribers;
+  return counts;
+}
+
 void NotificationServer::post(const plist::String& name) {
+  ++counts_.posted;
   try {
     send_to_all(name);
   } catch (const std::bad_alloc&) {
@@ -135,7 +145,7 @@ void NotificationServer::send_to_all(const plist::String& name) {
   drop_disconnected();
   if (subscribers_.empty()) return;
   const std::string frame = frame_of(*wire::make_notification(name));
-  for (const auto& subscriber : subscribers_) subscriber->send(frame);
+  for (const auto& subscriber : subscribers_) counts_.missed += subscriber->send(frame) ? 0 : 1;
 }
 
 void NotificationServer::admit(int accepted) {
@@ -152,6 +162,7 @@ void NotificationServer::admit(int accepted) {
   const auto subscriber = std::make_shared<Subscriber>(std::move(socket), closer);
   shares_.add(*subscriber, peer);
   subscribers_.push_back(subscriber);
+  ++counts_.subscribers.accepted;
   subscriber->watch_for_disconnect();
 }
 
@@ -159,7 +170,9 @@ bool NotificationServer::make_room(PeerIdentity peer) {
   const ShareTable::Admission admission = shares_.admission_of(peer);
   if (admission.verdict == ShareTable::Verdict::admit) return true;
   refused_report_("closed a subscriber: all %zu places are taken", shares_.size());
-  if (admission.verdict == ShareTable::Verdict::refuse) return false;
+  const bool is_refused = admission.verdict == ShareTable::Verdict::refuse;
+  counts_.subscribers.count(is_refused ? CloseReason::refused : CloseReason::evicted);
+  if (is_refused) return false;
   static_cast<Subscriber&>(*admission.evicted).close();
   drop_disconnected();
   return true;

@@ -28,6 +28,7 @@ class NotificationServer final : public Notifications {
   void resume() override;
   /// A notification for which memory runs out is lost to the subscribers that have not got it yet.
   void post(const plist::String& name) override;
+  NotificationCounts counts() const override;
 
  private:
   class Subscriber;
@@ -42,6 +43,7 @@ class NotificationServer final : public Notifications {
   ListeningSocket listening_;
   ShareTable shares_;
   std::list<std::shared_ptr<Subscriber>> subscribers_;
+  NotificationCounts counts_;  ///< without the open connections and their limit
   RateLimitedReport refused_report_;
 };
 

@@ -20,6 +20,7 @@ class LinuxDevice final : public Device {
   HardwareRegistry& registry() override { return registry_; }
   Telephony& telephony() override { return telephony_; }
   CodeSigning& code_signing() override { return code_signing_; }
+  DeviceStatus status() override { return {"linux", telephony_.is_connected(), telephony_.has_bus()}; }
 
  private:
   static constexpr char sys[] = "/sys";

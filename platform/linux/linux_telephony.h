@@ -28,6 +28,10 @@ class LinuxTelephony final : public Telephony, public TelephonyCentre {
   /// The properties must outlive this. Throws std::system_error where the system refuses an event loop.
   explicit LinuxTelephony(DeviceProperties& properties);
 
+  /// Whether the service can be asked, and whether there is a system bus. Any thread.
+  bool is_connected() { return snapshot()->connected; }
+  bool has_bus() const { return bus_.is_connected(); }
+
   TelephonyCentre* default_centre() override { return this; }
   std::unique_ptr<TelvoServerConnection> connect(void (*callback)()) override;
   TelvoRadioStatus copy_radio_status() override { return snapshot()->radio; }

@@ -106,6 +106,7 @@ int SystemBus::open() {
   const auto on_connected = [](sd_bus_message*, void* self, sd_bus_error*) {
     auto& system_bus = *static_cast<SystemBus*>(self);
     system_bus.is_missed_ = false;
+    system_bus.is_connected_ = true;
     if (!run_in_callback([&] { system_bus.handlers_.connected(*system_bus.bus_); })) system_bus.lose(-ENOMEM);
     return 0;
   };
@@ -126,6 +127,7 @@ int SystemBus::open() {
 
 // One line for each time that a bus is missed, however often it is tried again.
 void SystemBus::lose(int error) {
+  is_connected_ = false;
   if (!std::exchange(is_missed_, true)) {
     report("no system bus: %s; the radio is unknown until there is one", std::strerror(-error));
   }

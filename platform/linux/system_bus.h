@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -76,6 +77,9 @@ class SystemBus {
   /// descriptors.
   void start(RunLoop& run_loop, Handlers handlers);
 
+  /// Any thread.
+  bool is_connected() const { return is_connected_; }
+
   /// For timers.
   sd_event& loop() { return *loop_; }
 
@@ -92,6 +96,7 @@ class SystemBus {
   Handlers handlers_;
   BusPtr bus_;
   bool is_started_ = false;
+  std::atomic<bool> is_connected_{false};
   bool is_missed_ = false;  ///< that there is no bus has been reported
 };
 

@@ -40,7 +40,9 @@ void StandardError::write(std::string_view line) {
   text += line;
   const size_t written = write_at_once(text);
   if (written >= count_size) dropped_ = 0;
-  if (written < text.size()) ++dropped_;
+  if (written == text.size()) return;
+  ++dropped_;
+  ++dropped_lines_;
 }
 
 size_t StandardError::write_at_once(std::string_view text) {

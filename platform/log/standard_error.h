@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string_view>
 #include <sys/types.h>
@@ -23,6 +24,8 @@ class StandardError {
 
   /// `line` ends in a line feed.
   void write(std::string_view line);
+  /// How many were dropped so far, those already told included.
+  uint64_t dropped_lines() const { return dropped_lines_; }
 
  private:
   enum class Kind { socket, regular_file, pipe_or_device };
@@ -32,7 +35,8 @@ class StandardError {
 
   Kind kind_ = Kind::pipe_or_device;
   std::optional<Descriptor> own_;  ///< a non-blocking description of the same pipe or device
-  size_t dropped_ = 0;
+  size_t dropped_ = 0;             ///< and not told yet
+  uint64_t dropped_lines_ = 0;
   bool in_line_ = false;  ///< the last line that got through has no line feed
 };
 

@@ -20,6 +20,7 @@ constexpr size_t longest_line_without_disk = 64 * 1024;
 class Logger::Handle {
  public:
   std::optional<DiskCopy> disk;
+  bool disk_works = false;  ///< it took the last line
 };
 
 SystemLogger::SystemLogger(Preferences& preferences, bool copy_to_stderr, std::string system_log)
@@ -59,13 +60,18 @@ int SystemLogger::configured_level(const char* name) {
   }
 }
 
+Logger::Status SystemLogger::status(Handle* handle) {
+  const std::lock_guard lock(mutex_);
+  return {handle->disk_works, standard_error_ ? standard_error_->dropped_lines() : 0};
+}
+
 void SystemLogger::write(Handle* handle, int level, const char* tag, const char*, const plist::String& argument) {
   try {
     const std::lock_guard lock(mutex_);
     const size_t limit = handle->disk ? handle->disk->longest_line() : longest_line_without_disk;
     const LogLine line(level, tag, argument.view(), limit);
-    const bool on_disk = handle->disk && handle->disk->append(line.whole());
-    if (level <= LOG_NOTICE || !on_disk) system_log_.write(level, line.without_head());
+    handle->disk_works = handle->disk && handle->disk->append(line.whole());
+    if (level <= LOG_NOTICE || !handle->disk_works) system_log_.write(level, line.without_head());
     if (standard_error_) standard_error_->write(line.whole());
   } catch (const std::bad_alloc&) {
     // The line is lost, and there is no memory to tell anybody.

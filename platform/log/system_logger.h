@@ -30,6 +30,7 @@ class SystemLogger final : public Logger {
   /// Precondition: `files` >= 2.
   void enable_disk_copy(Handle* handle, const char* path, int files, size_t bytes) override;
   int configured_level(const char* name) override;
+  Status status(Handle* handle) override;
   void write(Handle* handle, int level, const char* tag, const char* format,
              const plist::String& argument) override;
 

@@ -58,6 +58,7 @@ class SimulatedDevice final : public Device {
   HardwareRegistry& registry() override { return registry_; }
   Telephony& telephony() override { return telephony_; }
   CodeSigning& code_signing() override { return code_signing_; }
+  DeviceStatus status() override { return {"simulated", telephony_.is_connected(), std::nullopt}; }
 
  private:
   explicit SimulatedDevice(std::unique_ptr<Profile> profile)

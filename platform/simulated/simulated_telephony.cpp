@@ -133,6 +133,11 @@ Ref<plist::Value> SimulatedTelephony::copy_entry(std::string_view key) { return 
 
 TelephonyCentre* SimulatedTelephony::default_centre() { return has_centre(snapshot()) ? this : nullptr; }
 
+bool SimulatedTelephony::is_connected() {
+  const Ref<plist::Dictionary> now = snapshot();
+  return now && !is_set(now, "NoConnection");
+}
+
 std::unique_ptr<TelvoServerConnection> SimulatedTelephony::connect(void (*)()) {
   Ref<plist::Dictionary> now = snapshot();
   if (!now || is_set(now, "NoConnection")) return nullptr;

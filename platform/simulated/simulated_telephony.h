@@ -22,6 +22,9 @@ class SimulatedTelephony final : public Telephony, public TelephonyCentre {
   /// The profile must outlive this.
   explicit SimulatedTelephony(Profile& profile);
 
+  /// Whether the service can be asked. Any thread.
+  bool is_connected();
+
   TelephonyCentre* default_centre() override;
   std::unique_ptr<TelvoServerConnection> connect(void (*callback)()) override;
   TelvoRadioStatus copy_radio_status() override;

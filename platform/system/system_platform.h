@@ -10,6 +10,7 @@
 #include "platform/platform.h"
 #include "platform/process/event_loops.h"
 #include "platform/process/preferences.h"
+#include "platform/process/process_monitor.h"
 #include "platform/process/service_manager.h"
 #include "platform/process/start_up.h"
 #include "platform/process/system_clock.h"
@@ -36,10 +37,13 @@ class SystemPlatform final : public Platform {
   WorkQueue& main_queue() override { return main_loop_; }
   WorkQueue& request_queue() override { return request_queue_; }
   std::unique_ptr<IpcListener> create_listener(std::string_view service_name, IpcAccess access) override;
+  ProcessStatus process_status() override { return process_monitor_.status(); }
+  DeviceStatus device_status() override { return device_->status(); }
   const std::string& root() const override { return root_; }
 
  private:
   const std::string root_;
+  const ProcessMonitor process_monitor_;
   SystemFiles files_;
   SystemClock clock_;
   PreferenceFiles preferences_;

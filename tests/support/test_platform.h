@@ -19,6 +19,7 @@
 #include "platform/platform.h"
 #include "platform/preferences.h"
 #include "platform/run_loop.h"
+#include "platform/status.h"
 #include "platform/telephony.h"
 
 namespace corvane::testing {
@@ -95,6 +96,8 @@ class TestPlatform final : public Platform,
   WorkQueue& main_queue() override { return main_queue_; }
   WorkQueue& request_queue() override { return request_queue_; }
   std::unique_ptr<IpcListener> create_listener(std::string_view, IpcAccess) override { return nullptr; }
+  ProcessStatus process_status() override { return {}; }
+  DeviceStatus device_status() override { return {}; }
   const std::string& root() const override { return root_; }
 
  private:
@@ -125,6 +128,7 @@ class TestPlatform final : public Platform,
     disk_copies.push_back(std::string(path) + " " + std::to_string(files) + " " + std::to_string(bytes));
   }
   int configured_level(const char*) override { return level; }
+  Status status(Handle*) override { return {}; }
   void write(Handle* handle, int level, const char* tag, const char* format, const plist::String& line) override;
 
   int open(const char* path, int flags, mode_t mode, int) override {
@@ -153,6 +157,7 @@ class TestPlatform final : public Platform,
 
   void resume() override {}
   void post(const plist::String& name) override { posted.emplace_back(name.view()); }
+  NotificationCounts counts() const override { return {}; }
 
   Queue main_queue_;
   Queue request_queue_;
