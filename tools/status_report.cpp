@@ -1,9 +1,78 @@
 #include "tools/status_report.h"
 
+#include <set>
+#include <string_view>
+#include <vector>
+
+#include "plist/describe.h"
 #include "tools/report.h"
+
+// The services are one table, with a column for each of them. The rest is shown as it comes.
 
 namespace corvane::tools {
 
-std::string status_report(const plist::Dictionary& status, const Screen& screen) { return report(status, screen); }
+using plist::cast;
+
+namespace {
+
+constexpr std::string_view services_key = "Services";
+
+std::string text_of(const plist::Dictionary* dictionary, std::string_view key) {
+  const plist::Value* value = dictionary == nullptr ? nullptr : dictionary->get(key);
+  return value == nullptr ? "-" : plist::describe(value);
+}
+
+// The keys of the columns' dictionaries, where they hold something else than a dictionary.
+std::set<std::string_view> leaf_keys(const std::vector<const plist::Dictionary*>& columns) {
+  std::set<std::string_view> keys;
+  for (const plist::Dictionary* column : columns) {
+    if (column == nullptr) continue;
+    for (const plist::Dictionary::Entry& entry : column->entries()) {
+      if (!entry.value->is_container()) keys.insert(entry.key->view());
+    }
+  }
+  return keys;
+}
+
+void add_rows(Table& table, const std::string& prefix, const std::vector<const plist::Dictionary*>& columns) {
+  for (const std::string_view key : leaf_keys(columns)) {
+    std::vector<std::string> row{prefix + std::string(key)};
+    for (const plist::Dictionary* column : columns) row.push_back(text_of(column, key));
+    table.add_row(row);
+  }
+}
+
+std::vector<const plist::Dictionary*> inner(const std::vector<const plist::Dictionary*>& columns,
+                                            std::string_view key) {
+  std::vector<const plist::Dictionary*> found;
+  for (const plist::Dictionary* column : columns) {
+    found.push_back(column == nullptr ? nullptr : cast<plist::Dictionary>(column->get(key)));
+  }
+  return found;
+}
+
+std::string services_table(const plist::Dictionary& services, const Screen& screen) {
+  std::vector<std::string> titles{"Services"};
+  std::vector<const plist::Dictionary*> columns;
+  for (const char* name : {"Public", "Admin", "Notifications"}) {
+    titles.emplace_back(name);
+    columns.push_back(cast<plist::Dictionary>(services.get(name)));
+  }
+  Table table(titles);
+  add_rows(table, "", columns);
+  add_rows(table, "Closed: ", inner(columns, "Closed"));
+  add_rows(table, "Error ", inner(columns, "Errors"));
+  return table.text(screen);
+}
+
+}  // namespace
+
+std::string status_report(const plist::Dictionary& status, const Screen& screen) {
+  const auto* services = cast<plist::Dictionary>(status.get(services_key));
+  if (services == nullptr) return report(status, screen);
+  const auto others = plist::MutableDictionary::copy(status);
+  others->remove(services_key);
+  return report(*others, screen) + "\n" + services_table(*services, screen);
+}
 
 }  // namespace corvane::tools
