@@ -1,5 +1,4 @@
-# The tests of corvanectl source this, with BIN_DIR as their argument. It has how they run corvanectl, and how they run
-# a daemon on a simulated phone, below a root of its own.
+# What the tests of corvanectl share: how they run it, and a daemon on a simulated phone below a root of its own.
 set -uo pipefail
 bin=$1
 source=$(realpath "$(dirname "$0")/..")
