@@ -131,13 +131,17 @@ refuses_entry '{"Key": "-Key", "Value": 1, "Attributes": [3, 3]}' 'no such attri
 step='a dump while the ark changes'
 # Each restore sets the ark's first and last key together, and so they have the same value in every dump.
 write_pairs() {
-  local n=0
+  local n
+  for n in 1 2; do
+    sed "s/N/$n/" <<'XML' >"$work/pair$n.plist"
+<plist><dict><key>Entries</key><array>
+  <dict><key>Key</key><string>-A</string><key>Value</key><integer>N</integer></dict>
+  <dict><key>Key</key><string>z-Z</string><key>Value</key><integer>N</integer></dict>
+</array></dict></plist>
+XML
+  done
   until [ -e "$work/enough" ]; do
-    n=$((n + 1))
-    python3 -c 'import plistlib, sys
-pair = [{"Key": key, "Value": int(sys.argv[1])} for key in ("-A", "z-Z")]
-plistlib.dump({"Entries": pair}, sys.stdout.buffer)' "$n" >"$work/pair.plist"
-    ark restore "$work/pair.plist" >/dev/null || return 1
+    for n in 1 2; do ark restore "$work/pair$n.plist" >/dev/null || return 1; done
   done
 }
 write_pairs &
@@ -145,7 +149,7 @@ writer=$!
 has_pair() { [ "$(ark list | grep -cE '^(-A|z-Z) ')" -eq 2 ]; }
 eventually has_pair
 dumped=0
-for _ in {1..20}; do
+for _ in {1..40}; do
   ark dump "$work/dump" >/dev/null 2>&1 || continue
   dumped=$((dumped + 1))
   values=$(corvanectl show --json "$work/dump" | grep -A 1 -E '"Key": "(-A|z-Z)"' | grep '"Value"' | sort -u)
