@@ -59,9 +59,7 @@ for value in '{"a":[1,{"$data":"AAEC"}]}' '{"$date":-0.0}' '{"$dict":{"$set":[]}
   comes_back "$value"
 done
 expect 0 'removed d-Key; it was true' '' ark remove --domain d Key
-expect 5 '' '*no entry d-Key' ark get --domain d Key
 file_has_the_ark
-expect 2 '' 'corvanectl: not JSON: *' ark set --json Key nul
 
 step='attributes'
 expect 0 'set the attributes of -Key; they were none' '' ark attributes Key --set 5,0
@@ -69,7 +67,6 @@ expect 0 $'"line\\\\nfeed"\nattributes: 0, 5 (change uncounted)' '' ark get Key
 expect 0 'set the attributes of t-; they were none' '' ark attributes --domain t --set 1
 expect 0 'set t-Key; it is new' '' ark set --domain t Key 'in memory only'
 expect 0 $'\\[\n 1\n]' '' ark attributes --domain t --json Key
-expect 1 '' '' grep -q 'in memory only' "$ark_file"
 file_has_the_ark
 expect 0 '*they were 1 (not stored)' '' ark attributes --domain t Key --none
 expect 0 '*they were 0, 5 (change uncounted)' '' ark attributes Key --none
@@ -78,7 +75,6 @@ step='the list'
 whole=$'KEY    ATTRIBUTES  VALUE\n-Key               "line\\\\nfeed"\nt-Key              "in memory only"'
 expect 0 "$whole" '' ark list
 expect 0 $'KEY *\nKey *"in memory only"' '' ark list --domain t
-expect 0 'there are no entries' '' ark list --domain none
 
 step='a list on a narrow terminal'
 expect 0 '*' '' ark set --domain a-rather-long-domain Key '日本の適合マーク、日本の適合マーク'
@@ -108,7 +104,6 @@ expect 0 'set from */dump: 2500; left alone, because the file does not have them
 expect 0 'set from */dump: 2502; *: 0' '' ark restore "$work/dump"
 if [ "$(ark list --json)" != "$before" ]; then fail 'the ark is not what was dumped'; fi
 file_has_the_ark
-expect 1 '' 'corvanectl: /dev/null: not a regular file' ark dump /dev/null
 expect 2 '' '*: not a dump of the ark' ark restore "$CORVANE_PROFILE"
 
 step='a dump with one bad entry changes nothing'
@@ -126,7 +121,7 @@ PYTHON
 }
 refuses_entry '{"Key": "no hyphen", "Value": 1}' 'no composed key'
 refuses_entry '{"Key": "-Key"}' 'no value'
-refuses_entry '{"Key": "-Key", "Value": 1, "Attributes": [3, 3]}' 'no such attributes'
+refuses_entry '{"Key": "-Key", "Value": 1, "Attributes": [3, 3]}' 'attributes are different numbers from 0 to 8'
 
 step='a dump while the ark changes'
 # Each restore sets the ark's first and last key together, and so they have the same value in every dump.

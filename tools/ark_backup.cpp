@@ -105,7 +105,7 @@ const char* fault_of(const plist::Value& item) {
   if (key == nullptr || key->view().find('-') == std::string_view::npos) return "no composed key";
   if (dictionary->get(wire::value_key) == nullptr) return "no value";
   const plist::Value* attributes = dictionary->get(wire::attributes_key);
-  if (attributes != nullptr && !are_attributes(attributes)) return "no such attributes";
+  if (attributes != nullptr && !are_attributes(attributes)) return "attributes are different numbers from 0 to 8";
   return nullptr;
 }
 
