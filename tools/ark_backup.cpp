@@ -17,8 +17,8 @@
 #include "wire/methods.h"
 
 // A dump is a dictionary whose "Entries" are what restoreArkEntries: takes: composed keys with values and
-// attributes. A dump holds one moment's ark in memory. A restore looks at the whole file before it sends the first
-// request, because the requests before one that fails stay done.
+// attributes. A restore looks at the whole file before it sends the first request, because what the requests
+// before a failed one have set stays set.
 
 namespace corvane::tools {
 

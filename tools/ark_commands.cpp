@@ -21,7 +21,7 @@ using plist::Ref;
 
 namespace {
 
-// The columns that a line about a change gives to a value.
+// How much of a value stands in the line about its change.
 constexpr size_t value_width = 60;
 
 struct Options {

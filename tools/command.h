@@ -1,8 +1,6 @@
 #pragma once
 
 #include <functional>
-#include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -68,10 +66,11 @@ void print_binary(std::string_view bytes);
 /// Writes a file as a whole (see `replace_file`). Throws Failure.
 void write_output(const std::string& path, std::string_view bytes, mode_t mode);
 
+/// Adds `--json`.
 void add_json(CLI::App& command, bool& json);
-/// `--json` and `--xml`.
+/// Adds `--json` and `--xml`.
 void add_format(CLI::App& command, Format& format);
-/// An argument or option that must not be empty.
+/// Adds an argument or option that must not be empty.
 CLI::Option* add_text(CLI::App& command, const char* name, std::string& text, const char* help);
 
 }  // namespace corvane::tools

@@ -13,7 +13,7 @@ namespace corvane::tools {
 
 namespace {
 
-// The daemon reads no longer property-list files.
+// The daemon does not read a property-list file that is longer.
 constexpr size_t regular_file_limit = size_t{1} << 32;
 // A pipe or a device does not say how long it is, and may have no end.
 constexpr size_t stream_limit = 128 << 20;

@@ -10,10 +10,10 @@ namespace corvane::tools {
 struct ImageFormat {
   const char* name;        ///< for a person
   const char* ending;      ///< of a file's name
-  const char* media_type;  ///< null where browsers show no such image in a page (RFC 6838)
+  const char* media_type;  ///< null where browsers do not show it as an image (RFC 6838)
 };
 
-/// Never null: what is not recognised is "data", with the ending ".bin".
+/// What is not recognised is "data", with the ending ".bin".
 const ImageFormat& image_format(std::string_view bytes);
 
 struct PixelSize {

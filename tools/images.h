@@ -13,7 +13,7 @@ namespace corvane::tools {
 struct FoundData {
   std::string_view bytes;
   const std::vector<std::string>& path;  ///< the keys and positions that lead to it
-  const plist::Dictionary* owner;        ///< the dictionary that holds it itself, or null
+  const plist::Dictionary* owner;        ///< the dictionary that it is an entry of; null in an array or set
 };
 
 /// Calls `visit` for each data value in `value`. Keys of a dictionary come in their order as text.

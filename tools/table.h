@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-/// Text for the terminal: tables that are aligned by what the terminal shows, and cut to its width.
+/// Text for the terminal: tables with aligned columns that fit its width.
 namespace corvane::tools {
 
 /// What standard output shows.
@@ -23,7 +23,7 @@ size_t display_width(std::string_view text);
 /// Text whose display width is at most `width`, which is 3 or more. What was cut ends with "...".
 std::string cut_to_width(std::string_view text, size_t width);
 
-/// The text as a heading: bold, where the screen has colours.
+/// The text in bold, where the screen has colours.
 std::string heading(const std::string& text, const Screen& screen);
 
 /// Rows of cells. Control characters in cells are escaped.
