@@ -33,7 +33,6 @@ expect 3 '' 'corvanectl: no daemon: *.admin: *' corvanectl ark list
 start_daemon simulated
 
 step='a user who may not ask'
-# Root may use any socket, unless it gives up that capability.
 unprivileged() {
   if [ "$EUID" -ne 0 ]; then "$@"; else setpriv --bounding-set=-dac_override,-dac_read_search "$@"; fi
 }
@@ -104,7 +103,6 @@ expect 0 'set from */dump: 2500; left alone, because the file does not have them
 expect 0 'set from */dump: 2502; *: 0' '' ark restore "$work/dump"
 if [ "$(ark list --json)" != "$before" ]; then fail 'the ark is not what was dumped'; fi
 file_has_the_ark
-expect 2 '' '*: not a dump of the ark' ark restore "$CORVANE_PROFILE"
 
 step='a dump with one bad entry changes nothing'
 refuses_entry() {
@@ -120,7 +118,6 @@ PYTHON
   if [ "$(ark list --json)" != "$before" ]; then fail 'a bad dump has changed the ark'; fi
 }
 refuses_entry '{"Key": "no hyphen", "Value": 1}' 'no composed key'
-refuses_entry '{"Key": "-Key"}' 'no value'
 refuses_entry '{"Key": "-Key", "Value": 1, "Attributes": [3, 3]}' 'attributes are different numbers from 0 to 8'
 
 step='a dump while the ark changes'
@@ -141,8 +138,6 @@ XML
 }
 write_pairs &
 writer=$!
-has_pair() { [ "$(ark list | grep -cE '^(-A|z-Z) ')" -eq 2 ]; }
-eventually has_pair
 dumped=0
 for _ in {1..40}; do
   ark dump "$work/dump" >/dev/null 2>&1 || continue
@@ -164,13 +159,23 @@ wait_for_line "$work/watched" '{}'
 wait_for_line "$work/watched_until_the_end" '(no value)'
 expect 0 '*' '' ark set W one
 wait_for_line "$work/watched" one
-expect 0 '*' '' ark set W one
 expect 0 '*' '' ark set --json W '{"$data":"AA=="}'
 wait_for_line "$work/watched" AA==
-expect 0 '*' '' ark remove W
+expect 0 '*' '' ark set W two
 wait $counted || fail 'three changes were not seen'
-expect 0 $'{}\n*"Value":"one"}\n{"Attributes":\[],"Value":{"$data":"AA=="}}\n{}' '' cat "$work/watched"
-expect 1 '*no value?' 'corvanectl: in time came 0 of 1' ark watch W --count 1 --timeout 0.2
+expect 0 $'{}\n*"Value":"one"}\n{"Attributes":\[],"Value":{"$data":"AA=="}}\n*"Value":"two"}' '' cat "$work/watched"
+expect 1 '* "two"' 'corvanectl: in time came 0 of 1' ark watch W --count 1 --timeout 0.2
+
+step='all places on the admin socket are taken for a second'
+python3 - "$admin_socket" >"$work/held" <<'PYTHON' &
+import socket, sys, time
+held = [socket.socket(socket.AF_UNIX) for _ in range(8)]
+for connection in held: connection.connect(sys.argv[1])
+print("held", flush=True)
+time.sleep(1)
+PYTHON
+wait_for_line "$work/held" held
+expect 0 '"two"' '' ark get W
 
 step='eight clients and a new SIM'
 set_thirty() {
@@ -200,7 +205,6 @@ expect 0 '*: the daemon closed the connection' '' tail -n 1 "$work/watched_until
 step='the ark of the next daemon'
 start_daemon simulated
 file_has_the_ark
-expect 0 '"8 30"' '' ark get --domain client8 Key30
 
 [ $failures -eq 0 ] || exit 1
 echo 'the ark is what corvanectl has made it'

@@ -8,7 +8,6 @@ stored=$CORVANE_ROOT/private/var/mobile/Library/cvd/regulatory_images/regulatory
 step='wrong usage'
 expect 0 'corvanectl [0-9]*.[0-9]*.[0-9]*' '' corvanectl --version
 expect 2 '' 'corvanectl: A subcommand is required' corvanectl
-expect 2 '' 'corvanectl: unknown argument: --bogus' corvanectl --bogus
 expect 2 '' 'corvanectl: unknown argument: bogus' corvanectl bogus
 expect 2 '' 'corvanectl: *--json excludes --xml' corvanectl show --json --xml "$images"
 expect 2 '' 'corvanectl: --save: must not be empty' corvanectl images --save ''
@@ -75,7 +74,6 @@ expect 0 'set Made.On.TheWay in */link.plist' '' corvanectl profile set Made.On.
 expect 0 $'{\n  "Made": {\n    "On": {\n      "TheWay": "yes"\n*' '' corvanectl show "$work/xml.plist"
 expect 2 '' '*: "Value" is not a dictionary' corvanectl profile set Value.Key text
 expect 0 'removed Value in */link.plist' '' corvanectl profile unset Value
-expect 0 'there was no Value in */link.plist' '' corvanectl profile unset Value
 expect 0 '*' '' corvanectl profile unset Made.On
 expect 0 $'{\n  "Made": {}\n}' '' corvanectl show "$work/xml.plist"
 expect 0 '640 regular file' '' stat -c '%a %F' "$work/xml.plist"
@@ -157,7 +155,6 @@ style_hash=$(python3 -c 'import base64, hashlib, re, sys
 style = re.search("<style>(.*?)</style>", sys.stdin.read(), re.DOTALL).group(1)
 print(base64.b64encode(hashlib.sha256(style.encode()).digest()).decode())' <"$page")
 expect 0 "*default-src 'none'; img-src data:;*style-src 'sha256-$style_hash'*" '' cat "$page"
-expect 1 '' 'corvanectl: /proc/self/page: *' corvanectl images --page /proc/self/page
 mv "$work/stored.plist" "$stored"
 
 step='a request that the daemon cannot read'
