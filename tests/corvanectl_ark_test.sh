@@ -150,7 +150,7 @@ wait $writer || fail 'a pair could not be set'
 if [ $dumped -eq 0 ]; then fail 'no dump was made between two changes'; fi
 
 step='watch'
-wait_for_line() { eventually grep -qF -- "$2" "$1"; }
+wait_for_line() { eventually grep -qsF -- "$2" "$1"; }
 ark watch --json --count 3 W >"$work/watched" &
 counted=$!
 ark watch --domain w Key --timeout 600 >"$work/watched_until_the_end" 2>&1 &
