@@ -109,6 +109,7 @@ NotificationServer::NotificationServer(std::string path, int handed_over, Reques
       listening_(std::move(path), 0666, handed_over, queue.context(),
                  {nullptr, [this](int socket) { admit(socket); }, [] {}}),
       shares_(connection_limits().subscribers) {
+  counts_.subscribers.limit = connection_limits().subscribers;
   queue_.rearm_with([this] { listening_.rearm(); });
 }
 
@@ -127,7 +128,6 @@ void NotificationServer::resume() {
 NotificationCounts NotificationServer::counts() const {
   NotificationCounts counts = counts_;
   counts.subscribers.open = shares_.size();
-  counts.subscribers.limit = connection_limits().subscribers;
   return counts;
 }
 

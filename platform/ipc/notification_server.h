@@ -43,7 +43,7 @@ class NotificationServer final : public Notifications {
   ListeningSocket listening_;
   ShareTable shares_;
   std::list<std::shared_ptr<Subscriber>> subscribers_;
-  NotificationCounts counts_;  ///< without the open connections and their limit
+  NotificationCounts counts_;  ///< without the open connections
   RateLimitedReport refused_report_;
 };
 
