@@ -71,7 +71,11 @@ void expect_printable(const plist::Value& value) {
   std::string text = tools::to_text(value);
   std::erase(text, '\n');
   ENSURE(!text.empty() && plist::printable(text) == text);
-  ENSURE(plist::equal(tools::from_json(tools::to_json(value)).get(), &value));
+  const std::string line = tools::to_json_line(value);
+  ENSURE(line.find('\n') == line.npos);
+  for (const std::string& json : {tools::to_json(value), line}) {
+    ENSURE(plist::equal(tools::from_json(json).get(), &value));
+  }
 }
 
 void ask(const std::string& root) {

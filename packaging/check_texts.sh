@@ -45,7 +45,7 @@ commands=$(commands_of)
 
 same 'bash: the commands' "$commands $(options_of)" "$(offered_by_bash)"
 same 'the manual: the commands' "$commands" "$(sed -n 's/^\.SS //p' "$manual")"
-same 'zsh: the commands' "$commands $(commands_of profile)" \
+same 'zsh: the commands' "$commands $(commands_of ark) $(commands_of profile)" \
   "$(sed -nE "s/^ +'([a-z]+):.*/\1/p" packaging/completions/_corvanectl)"
 
 all_options=$(options_of)

@@ -1,79 +1,27 @@
 #!/usr/bin/env bash
 # Drives corvanectl against a daemon on a simulated phone. Usage: corvanectl_test.sh BIN_DIR
-set -uo pipefail
-bin=$1
-source=$(realpath "$(dirname "$0")/..")
-work=$(realpath "$(mktemp -d)")
-daemon='' watcher='' sleeper=''
-failures=0
-trap 'kill $daemon $watcher $sleeper 2>/dev/null; rm -rf "$work"' EXIT
+source "$(dirname "$0")/support/corvanectl.sh"
 
-fail() {
-  printf 'FAILED: %s: %s\n' "$step" "$1" >&2
-  failures=$((failures + 1))
-}
-
-# expect STATUS OUTPUT ERRORS COMMAND...: how the command ends, with shell patterns for the whole of what it writes
-# to standard output and standard error.
-expect() {
-  local status=0 output errors
-  output=$("${@:4}" 2>"$work/errors") || status=$?
-  errors=$(cat "$work/errors")
-  if [ $status -ne "$1" ]; then fail "'${*:4}' ended with status $status, not $1: $output$errors"; fi
-  if [[ $output != $2 ]]; then fail "'${*:4}' wrote '$output', which is not '$2'"; fi
-  if [[ $errors != $3 ]]; then fail "'${*:4}' complained '$errors', which is not '$3'"; fi
-}
-
-# Waits for up to a minute; the test ends where that was in vain.
-eventually() {
-  local deadline=$((SECONDS + 60))
-  until "$@"; do
-    if [ $SECONDS -gt $deadline ]; then fail "waited in vain for '$*'" && exit 1; fi
-    sleep 0.1
-  done
-}
-
-corvanectl() { "$bin/corvanectl" "$@"; }
-without_input() { "$@" <&-; }
-without_output() { "$@" >&-; }
-without_errors() { "$@" 2>&-; }
-
-start_daemon() {
-  CORVANE_PLATFORM=$1 "$bin/corvaned" 2>"$work/daemon_errors" &
-  daemon=$!
-  eventually [ -S "$CORVANE_ROOT/run/corvaned/com.norvane.corvaned" ]
-}
-
-end_daemon() {
-  kill "$daemon"
-  wait "$daemon" || fail "the daemon ended with status $?: $(cat "$work/daemon_errors")"
-  daemon=''
-}
-
-export CORVANE_ROOT=$work/root CORVANE_PROFILE=$work/profile.plist
-mkdir -p "$CORVANE_ROOT"/private/var/mobile/Library/{Logs,Preferences} "$CORVANE_ROOT"/{run/corvaned,var}
-ln -s ../private/var/mobile "$CORVANE_ROOT/var/mobile"
-cp "$source/profiles/phone.plist" "$CORVANE_PROFILE"
 images=$source/profiles/images.plist
 stored=$CORVANE_ROOT/private/var/mobile/Library/cvd/regulatory_images/regulatory_images.plist
 
 step='wrong usage'
 expect 0 'corvanectl [0-9]*.[0-9]*.[0-9]*' '' corvanectl --version
 expect 2 '' 'corvanectl: A subcommand is required' corvanectl
-expect 2 '' 'corvanectl: unknown argument: --bogus' corvanectl --bogus
 expect 2 '' 'corvanectl: unknown argument: bogus' corvanectl bogus
-expect 2 '' 'corvanectl: unknown argument: bogus' corvanectl profile bogus
 expect 2 '' 'corvanectl: *--json excludes --xml' corvanectl show --json --xml "$images"
-expect 2 '' 'corvanectl: --store: must not be empty' corvanectl images --store ''
 expect 2 '' 'corvanectl: --save: must not be empty' corvanectl images --save ''
-expect 2 '' 'corvanectl: --sign: must not be empty' corvanectl entitlements --sign '' "$images"
-expect 2 '' 'corvanectl: --profile: must not be empty' corvanectl profile --profile '' unset Key
 expect 2 '' 'corvanectl: 12a: not a process id' corvanectl entitlements 12a
 
 step='no daemon'
 expect 3 '' "corvanectl: no daemon: $CORVANE_ROOT/run/*" corvanectl images
 expect 3 '' 'corvanectl: no daemon: *.admin: No such file or directory' corvanectl images --store "$images"
 expect 3 '' 'corvanectl: no daemon: *' corvanectl notifications
+
+step='a binary copy of a property list'
+corvanectl show --binary "$images" >"$work/images.binary"
+expect 0 'bplist00' '' head -c 8 "$work/images.binary"
+expect 0 '' '' cmp <(corvanectl show --xml "$images") <(corvanectl show --xml "$work/images.binary")
 
 step='files that cannot be shown'
 expect 2 '' 'corvanectl: /dev/null: no element found at byte 0' corvanectl show /dev/null
@@ -91,7 +39,7 @@ step='JSON that is set is the JSON that is shown'
 cp "$source/plist/testdata/ark.bin.plist" "$work/binary.plist"
 echo '<plist><dict/></plist>' >"$work/xml.plist"
 comes_back() {
-  expect 0 '' '' corvanectl profile --profile "$1" set --json Value "$2"
+  expect 0 '*' '' corvanectl profile --profile "$1" set --json Value "$2"
   local shown
   shown=$(corvanectl show --json "$1" | tr -d ' \n')
   if [[ $shown != *"\"Value\":$2"[,}]* ]]; then fail "$2 came back as $shown"; fi
@@ -122,40 +70,106 @@ step='editing a profile'
 ln -s xml.plist "$work/link.plist"
 chmod 640 "$work/xml.plist"
 export CORVANE_PROFILE=$work/link.plist
-expect 0 '' '' corvanectl profile set Made.On.TheWay yes
+expect 0 'set Made.On.TheWay in */link.plist' '' corvanectl profile set Made.On.TheWay yes
 expect 0 $'{\n  "Made": {\n    "On": {\n      "TheWay": "yes"\n*' '' corvanectl show "$work/xml.plist"
 expect 2 '' '*: "Value" is not a dictionary' corvanectl profile set Value.Key text
-expect 0 '' '' corvanectl profile unset Value
-expect 0 '' '' corvanectl profile unset Made.On
+expect 0 'removed Value in */link.plist' '' corvanectl profile unset Value
+expect 0 '*' '' corvanectl profile unset Made.On
 expect 0 $'{\n  "Made": {}\n}' '' corvanectl show "$work/xml.plist"
 expect 0 '640 regular file' '' stat -c '%a %F' "$work/xml.plist"
 expect 0 '*symbolic link' '' stat -c %F "$work/link.plist"
 export CORVANE_PROFILE=$work/profile.plist
 
 step='the regulatory images'
-expect 0 '' '' corvanectl profile set --json Entitlements '{"4711": {"dial": true}}'
+expect 0 '*' '' corvanectl profile set --json Entitlements '{"4711": {"dial": true}}'
 start_daemon simulated
-expect 1 '' 'corvanectl: no regulatory images are stored' corvanectl images
-expect 0 '' '' corvanectl images --store "$images"
+expect 5 '' 'corvanectl: no regulatory images are stored' corvanectl images
+expect 0 'stored the images in */images.plist; data values: 2' '' corvanectl images --store "$images"
 expect 0 $'{\n  "ProductVersion": "9.1"\n  "RegulatoryImages": {\n*"Image": <139 bytes: *' '' corvanectl images
 expect 0 $'{\n "ProductVersion": "9.1",\n*"$data": "iVBOR*' '' corvanectl images --json
 expect 0 '<?xml *<key>ProductVersion</key>*' '' corvanectl images --xml
 mkdir "$work/saved"
 expect 0 $'*/RegulatoryImages-Images-0-Image.png\n*-1-Image.png' '' corvanectl images --save "$work/saved"
 
+step='is it well'
+log=$CORVANE_ROOT/var/mobile/Library/Logs/corvaned/corvaned.log
+lines_before=$(wc -l <"$log")
+expect 0 'corvaned [0-9]*.[0-9]*.[0-9]* answered in [0-9]*.[0-9][0-9][0-9] ms' '' corvanectl ping
+expect 0 $'{\n "Seconds": [0-9]*,\n "Version": "*"\n}' '' corvanectl ping --json
+expect 0 "$lines_before *" '' wc -l "$log"
+expect 0 $'Platform  simulated\n*\nServices *Public *Admin *\n*Closed: too long *0 *0 *0\n*' '' corvanectl status
+expect 0 '*"DiskCopyWorks": true,*' '' corvanectl status --json
+
+step='metrics'
+# metric NAME-WITH-LABELS: its value now.
+metric() { corvanectl status --openmetrics | grep -F -- "$1 " | sed 's/.* //'; }
+requests=$(metric 'corvaned_requests_total{service="public"}')
+errors=$(metric 'corvaned_request_errors_total{service="admin",code="1"}')
+expect 0 '*' '' corvanectl images
+expect 1 '' '*error 1*' corvanectl device $(seq 65)
+expect 0 "$((requests + 1))" '' metric 'corvaned_requests_total{service="public"}'
+expect 0 "$((errors + 1))" '' metric 'corvaned_request_errors_total{service="admin",code="1"}'
+cat >"$work/check_metrics.py" <<'PYTHON'
+import re, sys
+types, seen = {}, None
+for line in sys.stdin.read().splitlines():
+    if line.startswith("# HELP "): seen = line.split(" ", 3)[2]
+    elif line.startswith("# TYPE "):
+        name, kind = line.split(" ")[2:]
+        assert name == seen and name not in types and (kind == "counter") == name.endswith("_total"), line
+        types[name] = kind
+    else:
+        label = r'[a-z]+="(?:[^"\\\n]|\\["\\n])*"'
+        sample = re.fullmatch(r"([a-z_]+)(?:\{%s(?:,%s)*\})? [0-9]+" % (label, label), line)
+        assert sample and sample[1] == seen, line
+assert len(types) > 20, types
+PYTHON
+expect 0 '' '' eval 'corvanectl status --openmetrics | python3 "$work/check_metrics.py"'
+
+step='what the daemon knows of the device'
+expect 0 $'DeviceType\nBasebandClass  1\n*ProductType    Pocket9,1\n*' '' corvanectl device
+expect 5 $'*ProductVersion  9.1' 'corvanectl: No This; No That' corvanectl device ProductVersion This That
+expect 0 $'*PhoneNumber     +15550100123\n*Queries\nBootloaderVersion  *5.02.00\n*' '' corvanectl radio
+expect 5 '' 'corvanectl: there is no carrier bundle' corvanectl carrier
+bundle="$CORVANE_ROOT/private/var/mobile/Library/Carrier Bundle.bundle"
+mkdir "$bundle"
+echo '<plist><dict><key>CarrierName</key><string>Example</string></dict></plist>' >"$bundle/Info.plist"
+expect 0 $'{\n "CarrierName": "Example"\n}' '' corvanectl carrier --json
+
+step='a page of the images'
+page=$work/page.html
+mark='{"$data":"iVBORw0KGgoAAAANSUhEUgAAAEAAAAAw"}'
+hostile='"><script>alert(1)</script>'
+svg=$(printf '<?xml version="1.0"?><svg><script/></svg>' | base64)
+cp "$stored" "$work/stored.plist"
+expect 0 '*' '' corvanectl profile --profile "$stored" set --json RegulatoryImages "[
+  {\"Image\": $mark, \"Name\": \"${hostile//\"/\\\"}\", \"Region\": \"<EU>\"},
+  {\"Image\": {\"\$data\": \"$svg\"}},
+  {\"Image\": {\"\$data\": \"iVBORw==\"}, \"Name\": \"cut short\"}, {\"\$data\": \"AAEC\"}]"
+expect 0 "wrote $page" '' corvanectl images --page "$page"
+expect 0 '2' '' grep -c '<img ' "$page"
+expect 0 '*alt="&quot;&gt;&lt;script&gt;*src="data:image/png;base64,iVBOR*"data:image/svg+xml;*' '' cat "$page"
+expect 0 '*<dd>&lt;EU&gt;</dd>*64 &times; 48 pixels, 24 bytes*cut short or damaged*not shown here*' '' cat "$page"
+expect 1 '' '' grep -E '<script|src="[^d]|url\(|@import|https?:' "$page"
+style_hash=$(python3 -c 'import base64, hashlib, re, sys
+style = re.search("<style>(.*?)</style>", sys.stdin.read(), re.DOTALL).group(1)
+print(base64.b64encode(hashlib.sha256(style.encode()).digest()).decode())' <"$page")
+expect 0 "*default-src 'none'; img-src data:;*style-src 'sha256-$style_hash'*" '' cat "$page"
+mv "$work/stored.plist" "$stored"
+
 step='a request that the daemon cannot read'
 deep=$(printf '[%.0s' $(seq 120))$(printf ']%.0s' $(seq 120))
-expect 0 '' '' corvanectl profile --profile "$work/xml.plist" set --json Deep "$deep"
+expect 0 '*' '' corvanectl profile --profile "$work/xml.plist" set --json Deep "$deep"
 expect 1 '' 'corvanectl: the daemon answered error 1: Unexpeceted parameter' \
   corvanectl images --store "$work/xml.plist"
 
 step='saving below hostile keys'
 x300=$(printf 'x%.0s' $(seq 300)) x183=$(printf 'x%.0s' $(seq 183))
 png='{"$data":"iVBORw=="}' other='{"$data":"AA=="}'
-expect 0 '' '' corvanectl profile --profile "$stored" set --json RegulatoryImages "{
+expect 0 '*' '' corvanectl profile --profile "$stored" set --json RegulatoryImages "{
   \"../../up\":$png, \"..\":$other, \"a/b\":$other, \"a.b\":$other, \"a_b-2\":$other, \"line\nfeed\":$png,
   \"\":$other, \"$x300\":$other, \"$x300 and more\":$other, \"é\":[$png, {\"/\":$png}]}"
-expect 0 '' '' corvanectl profile --profile "$stored" set --json '' "$other"
+expect 0 '*' '' corvanectl profile --profile "$stored" set --json '' "$other"
 mkdir -p "$work/saved/deep/deeper"
 expect 0 '*' '' corvanectl images --save "$work/saved/deep/deeper"
 expect 0 "RegulatoryImages-.bin
@@ -174,20 +188,20 @@ expect 1 '' 'corvanectl: could not write *' corvanectl images --save /proc/self
 
 step='entitlements'
 expect 0 $'{\n  "dial": true\n}' '' corvanectl entitlements 4711
-expect 1 '' 'corvanectl: process 1 has no entitlements' corvanectl entitlements 1
+expect 5 '' 'corvanectl: process 1 has no entitlements' corvanectl entitlements 1
 
 step='closed descriptors'
 expect 1 '' 'corvanectl: standard output: Bad file descriptor' without_output corvanectl images
 expect 1 '' 'corvanectl: standard output: Bad file descriptor' without_output corvanectl entitlements 4711
 expect 1 '' '' without_input without_output without_errors corvanectl images
-expect 0 '' '' without_input without_output without_errors corvanectl images --store "$images"
+expect 0 'stored *' '' without_input without_errors corvanectl images --store "$images"
 expect 0 '*"ProductVersion"*' '' without_input without_errors corvanectl images
 
 step='notifications'
 "$bin/corvanectl" notifications >"$work/heard" 2>"$work/watcher_errors" &
 watcher=$!
 insert_sim_and_hear() {
-  corvanectl profile set Telephony.SIMIdentity "$RANDOM"
+  corvanectl profile set Telephony.SIMIdentity "$RANDOM" >/dev/null
   sleep 0.2
   grep -qxE '[0-9-]{10} [0-9:]{8}\.[0-9]{3} com\.norvane\.mobile\.keelhold\.phone_number_changed' "$work/heard"
 }

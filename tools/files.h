@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 namespace corvane::tools {
 
@@ -17,6 +18,11 @@ bool open_standard_descriptors();
 
 /// The whole of a file: a regular one of up to 4 GiB, or up to 128 MiB from a pipe or a device. Throws FileFault.
 std::string read_file(const std::string& path);
+
+/// Makes or replaces a regular file as a whole: a complete temporary file is renamed over it, so that a reader
+/// finds the old content or the new. Both are on stable storage when it returns. A symbolic link stays a link to
+/// the file. Throws FileFault, and then the file is as it was.
+void replace_file(const std::string& path, std::string_view bytes, mode_t mode);
 
 /// Returns whether all bytes were written; errno has the reason if not.
 bool write_all(int descriptor, std::string_view bytes);

@@ -7,7 +7,8 @@
 #include <map>
 #include <set>
 #include <stdexcept>
-#include <string_view>
+
+#include "tools/image_format.h"
 
 namespace corvane::tools {
 
@@ -17,64 +18,76 @@ namespace {
 
 constexpr size_t name_limit = 200;
 
-struct Format {
-  std::string_view first_bytes;
-  const char* ending;
-};
+class Walk {
+ public:
+  explicit Walk(const std::function<void(const FoundData&)>& visit) : visit_(visit) {}
 
-constexpr Format formats[] = {
-    {"\x89PNG", ".png"}, {"\xff\xd8\xff", ".jpg"}, {"GIF8", ".gif"}, {"%PDF", ".pdf"},
-    {"<svg", ".svg"},    {"<?xml", ".xml"},        {"BM", ".bmp"},
-};
-
-const char* ending_for(std::string_view bytes) {
-  for (const Format& format : formats) {
-    if (bytes.starts_with(format.first_bytes)) return format.ending;
+  // As deep as a property list may be, which the readers bound.
+  void enter(const plist::Value& value, const plist::Dictionary* owner) {
+    if (const auto* data = cast<plist::Data>(&value)) return visit_({data->bytes(), path_, owner});
+    if (const auto* dictionary = cast<plist::Dictionary>(&value)) return enter_entries(*dictionary);
+    if (const auto* array = cast<plist::Array>(&value)) return enter_items(array->items());
+    if (const auto* set = cast<plist::Set>(&value)) return enter_items(set->items());
   }
-  return ".bin";
-}
+
+ private:
+  void enter_entries(const plist::Dictionary& dictionary) {
+    std::map<std::string_view, const plist::Value*> sorted;
+    for (const plist::Dictionary::Entry& entry : dictionary.entries()) {
+      sorted.emplace(entry.key->view(), entry.value.get());
+    }
+    for (const auto& [key, value] : sorted) step(std::string(key), *value, &dictionary);
+  }
+
+  void enter_items(std::span<const plist::Ref<plist::Value>> items) {
+    for (size_t i = 0; i < items.size(); ++i) step(std::to_string(i), *items[i], nullptr);
+  }
+
+  void step(std::string part, const plist::Value& value, const plist::Dictionary* owner) {
+    path_.push_back(std::move(part));
+    enter(value, owner);
+    path_.pop_back();
+  }
+
+  const std::function<void(const FoundData&)>& visit_;
+  std::vector<std::string> path_;
+};
 
 // The name is made of keys, which hold whatever somebody stored; only characters that are safe in a file name
 // stay.
-std::string safe_file_name(const std::string& name) {
-  std::string result = name;
-  for (char& c : result) {
+std::string safe_file_name(std::string name) {
+  for (char& c : name) {
     const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
     if (!plain && c != '-' && c != '_') c = '_';
   }
-  return result.empty() ? "_" : result;
+  return name.empty() ? "_" : name;
 }
 
-// Cuts the name at once, so that a long key above many values is not copied for each of them.
-std::string joined(const std::string& name, std::string_view part) {
-  const std::string start = name.empty() ? name : name + "-";
-  return (start + std::string(part.substr(0, name_limit))).substr(0, name_limit);
+// Cuts at each step, so that long keys above many values are not copied for each of them.
+std::string joined(const std::vector<std::string>& path) {
+  std::string name;
+  for (const std::string& part : path) {
+    if (!name.empty()) name += '-';
+    name = (name + part.substr(0, name_limit)).substr(0, name_limit);
+  }
+  return name;
 }
 
 class Saver {
  public:
   explicit Saver(const std::string& folder) : folder_(folder) {}
 
-  void visit(const plist::Value& value, const std::string& name) {
-    if (const auto* data = cast<plist::Data>(&value)) return save(data->bytes(), name);
-    if (const auto* dictionary = cast<plist::Dictionary>(&value)) {
-      for (const plist::Dictionary::Entry& entry : dictionary->entries()) {
-        visit(*entry.value, joined(name, entry.key->view()));
-      }
-    } else if (const auto* array = cast<plist::Array>(&value)) {
-      visit_items(array->items(), name);
-    } else if (const auto* set = cast<plist::Set>(&value)) {
-      visit_items(set->items(), name);
-    }
+  void save(const FoundData& data) {
+    const std::string path = folder_ + "/" + unused_name(joined(data.path), image_format(data.bytes).ending);
+    std::ofstream file(path, std::ios::binary);
+    file.write(data.bytes.data(), static_cast<std::streamsize>(data.bytes.size())).flush();
+    if (!file) throw std::runtime_error("could not write " + path + ": " + std::strerror(errno));
+    paths.push_back(path);
   }
 
   std::vector<std::string> paths;
 
  private:
-  void visit_items(std::span<const plist::Ref<plist::Value>> items, const std::string& name) {
-    for (size_t i = 0; i < items.size(); ++i) visit(*items[i], joined(name, std::to_string(i)));
-  }
-
   // The second value of a name gets the number 2.
   std::string unused_name(const std::string& name, const char* ending) {
     const std::string stem = safe_file_name(name);
@@ -86,14 +99,6 @@ class Saver {
     return candidate;
   }
 
-  void save(std::string_view bytes, const std::string& name) {
-    const std::string path = folder_ + "/" + unused_name(name, ending_for(bytes));
-    std::ofstream file(path, std::ios::binary);
-    file.write(bytes.data(), static_cast<std::streamsize>(bytes.size())).flush();
-    if (!file) throw std::runtime_error("could not write " + path + ": " + std::strerror(errno));
-    paths.push_back(path);
-  }
-
   const std::string folder_;
   std::set<std::string> names_;
   std::map<std::string, int> last_numbers_;
@@ -101,9 +106,13 @@ class Saver {
 
 }  // namespace
 
+void for_each_data(const plist::Value& value, const std::function<void(const FoundData&)>& visit) {
+  Walk(visit).enter(value, nullptr);
+}
+
 std::vector<std::string> save_data_values(const plist::Value& value, const std::string& folder) {
   Saver saver(folder);
-  saver.visit(value, "");
+  for_each_data(value, [&](const FoundData& data) { saver.save(data); });
   return saver.paths;
 }
 

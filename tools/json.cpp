@@ -46,7 +46,8 @@ json data(const plist::Data& value) {
 
 json date(const plist::Date& value) {
   const std::string text = plist::date_text(value);
-  const bool is_exact = !text.empty() && std::floor(value.seconds()) == value.seconds();
+  const bool is_negative_zero = value.seconds() == 0 && std::signbit(value.seconds());
+  const bool is_exact = !text.empty() && std::floor(value.seconds()) == value.seconds() && !is_negative_zero;
   return {{"$date", is_exact ? json(text) : json(value.seconds())}};
 }
 
@@ -170,5 +171,7 @@ plist::Ref<plist::Value> from_json(const std::string& text) {
 }
 
 std::string to_json(const plist::Value& value) { return tree(value).dump(1); }
+
+std::string to_json_line(const plist::Value& value) { return tree(value).dump(); }
 
 }  // namespace corvane::tools

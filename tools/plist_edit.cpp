@@ -2,13 +2,11 @@
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <stdlib.h>
+#include <stdexcept>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
 
-#include "plist/writer.h"
+#include "tools/plist_file.h"
 
 namespace corvane::tools {
 
@@ -18,38 +16,6 @@ using plist::Ref;
 namespace {
 
 [[noreturn]] void fail(const std::string& path, const std::string& why) { throw FileFault(path, why); }
-
-std::string encode(const std::string& path, const plist::Value& value, plist::Encoding encoding) {
-  std::string bytes;
-  Ref<plist::String> fault;
-  if (encoding == plist::Encoding::xml) {
-    fault = plist::encode_xml(value, bytes);
-  } else {
-    plist::ByteChain chain;
-    fault = plist::encode_binary(value, chain, SIZE_MAX);
-    for (const std::string_view piece : chain.pieces()) bytes += piece;
-  }
-  if (fault) fail(path, std::string(fault->view()));
-  return bytes;
-}
-
-// Renames a temporary file over it, so that a reader finds the old content or the new, and nothing else.
-void replace(const std::string& path, std::string_view bytes) {
-  std::error_code error;
-  const std::string target = std::filesystem::canonical(path, error);
-  struct stat status {};
-  if (error || stat(target.c_str(), &status) != 0) fail(path, std::strerror(errno));
-  std::string temporary = target + ".XXXXXX";
-  const int descriptor = mkstemp(temporary.data());
-  if (descriptor < 0) fail(path, std::strerror(errno));
-  const bool written = write_all(descriptor, bytes) && fchmod(descriptor, status.st_mode & 07777) == 0;
-  const int write_error = errno;
-  close(descriptor);
-  if (written && rename(temporary.c_str(), target.c_str()) == 0) return;
-  const int reason = written ? errno : write_error;
-  unlink(temporary.c_str());
-  fail(path, std::strerror(reason));
-}
 
 std::vector<std::string_view> keys_of(std::string_view key_path) {
   std::vector<std::string_view> keys;
@@ -84,16 +50,18 @@ Edit begin_edit(const std::string& path, std::string_view key_path, bool create_
 }
 
 void end_edit(const std::string& path, const Edit& edit) {
-  replace(path, encode(path, *edit.file.value, edit.file.encoding));
+  std::string bytes;
+  try {
+    bytes = encode_plist(*edit.file.value, edit.file.encoding);
+  } catch (const std::invalid_argument& fault) {
+    fail(path, fault.what());
+  }
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) fail(path, std::strerror(errno));
+  replace_file(path, bytes, status.st_mode & 07777);
 }
 
 }  // namespace
-
-plist::Decoded read_plist_file(const std::string& path, plist::Containers containers) {
-  plist::Decoded decoded = plist::decode(plist::Data::create(read_file(path)), containers);
-  if (decoded.error) fail(path, std::string(decoded.error->view()));
-  return decoded;
-}
 
 void set_entry(const std::string& path, std::string_view key_path, Ref<plist::Value> value) {
   const Edit edit = begin_edit(path, key_path, true);
@@ -101,9 +69,11 @@ void set_entry(const std::string& path, std::string_view key_path, Ref<plist::Va
   end_edit(path, edit);
 }
 
-void unset_entry(const std::string& path, std::string_view key_path) {
+bool unset_entry(const std::string& path, std::string_view key_path) {
   const Edit edit = begin_edit(path, key_path, false);
-  if (edit.dictionary != nullptr && edit.dictionary->remove(edit.last_key)) end_edit(path, edit);
+  if (edit.dictionary == nullptr || !edit.dictionary->remove(edit.last_key)) return false;
+  end_edit(path, edit);
+  return true;
 }
 
 }  // namespace corvane::tools

@@ -56,4 +56,12 @@ std::string to_text(const plist::Value& value) {
   return out;
 }
 
+std::string to_line(const plist::Value& value) {
+  const auto* string = cast<plist::String>(&value);
+  if (string == nullptr) return plist::describe(&value);
+  std::string out;
+  plist::append_quoted(out, string->view());
+  return out;
+}
+
 }  // namespace corvane::tools

@@ -10,4 +10,7 @@ namespace corvane::tools {
 /// quoted, with nothing in them that a terminal acts on.
 std::string to_text(const plist::Value& value);
 
+/// The same in one line.
+std::string to_line(const plist::Value& value);
+
 }  // namespace corvane::tools

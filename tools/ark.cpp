@@ -1,0 +1,39 @@
+#include "tools/ark.h"
+
+#include <CLI/CLI.hpp>
+
+#include <utility>
+
+#include "tools/command.h"
+#include "wire/methods.h"
+
+namespace corvane::tools {
+
+using plist::Ref;
+
+void add_domain(CLI::App& command, Domain& domain, const char* help) {
+  command.add_option("--domain", domain, help)->type_name("DOMAIN");
+}
+
+std::string composed_key(const Domain& domain, std::string_view key) {
+  return domain.value_or("").append("-").append(key);
+}
+
+ArkPages::ArkPages(client::Connection& admin_connection, Domain domain)
+    : connection_(admin_connection), domain_(std::move(domain)) {}
+
+Ref<plist::Array> ArkPages::next() {
+  if (is_last_) return nullptr;
+  const Ref<plist::Dictionary> page =
+      reply_or([&] { return client::copy_ark_entries(connection_, domain_, after_); },
+               "the daemon answered no page of the ark");
+  const int64_t changes = entry<plist::Number>(*page, wire::changes_key).int64();
+  changed_ |= changes_.value_or(changes) != changes;
+  changes_ = changes;
+  const auto* next = plist::cast<plist::String>(page->get(wire::next_key));
+  is_last_ = next == nullptr;
+  if (next != nullptr) after_ = next->view();
+  return const_cast<plist::Array*>(&entry<plist::Array>(*page, wire::entries_key));
+}
+
+}  // namespace corvane::tools

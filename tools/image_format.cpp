@@ -1,0 +1,87 @@
+#include "tools/image_format.h"
+
+#include <cstddef>
+
+namespace corvane::tools {
+
+namespace {
+
+struct Signature {
+  std::string_view first_bytes;
+  ImageFormat format;
+};
+
+constexpr Signature signatures[] = {
+    {"\x89PNG", {"PNG", ".png", "image/png"}},  {"\xff\xd8\xff", {"JPEG", ".jpg", "image/jpeg"}},
+    {"GIF8", {"GIF", ".gif", "image/gif"}},     {"BM", {"BMP", ".bmp", "image/bmp"}},
+    {"<svg", {"SVG", ".svg", "image/svg+xml"}}, {"%PDF", {"PDF", ".pdf", nullptr}},
+    {"<?xml", {"XML", ".xml", nullptr}},
+};
+constexpr ImageFormat svg = {"SVG", ".svg", "image/svg+xml"};
+constexpr ImageFormat unknown = {"data", ".bin", nullptr};
+
+// An XML declaration and comments may stand before the image's own element.
+constexpr size_t svg_search_limit = 4096;
+
+// Bytes as a number; 0 where they are not all there, which is no size of an image.
+uint32_t number_at(std::string_view bytes, size_t offset, size_t length, bool big_endian) {
+  if (offset + length > bytes.size()) return 0;
+  uint32_t number = 0;
+  for (size_t i = 0; i < length; ++i) {
+    const size_t place = big_endian ? i : length - 1 - i;
+    number = number << 8 | static_cast<unsigned char>(bytes[offset + place]);
+  }
+  return number;
+}
+
+std::optional<PixelSize> size_of(uint32_t width, uint32_t height) {
+  if (width == 0 || height == 0) return std::nullopt;
+  return PixelSize{width, height};
+}
+
+// Whether a JPEG segment starts a frame: markers C0 to CF, but for those of tables.
+bool starts_frame(unsigned marker) {
+  return marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
+}
+
+// Goes from segment to segment (ITU-T T.81, annex B) up to the one that starts the frame.
+std::optional<PixelSize> jpeg_size(std::string_view bytes) {
+  for (size_t at = 2; number_at(bytes, at, 1, true) == 0xFF;) {
+    const unsigned marker = number_at(bytes, at + 1, 1, true);
+    if (starts_frame(marker)) return size_of(number_at(bytes, at + 7, 2, true), number_at(bytes, at + 5, 2, true));
+    const uint32_t length = number_at(bytes, at + 2, 2, true);
+    if (length < 2) break;
+    at += 2 + length;
+  }
+  return std::nullopt;
+}
+
+// A negative height means that the rows begin at the top.
+std::optional<PixelSize> bmp_size(std::string_view bytes) {
+  const auto height = static_cast<int32_t>(number_at(bytes, 22, 4, false));
+  return size_of(number_at(bytes, 18, 4, false),
+                 height < 0 ? 0 - static_cast<uint32_t>(height) : static_cast<uint32_t>(height));
+}
+
+}  // namespace
+
+const ImageFormat& image_format(std::string_view bytes) {
+  for (const Signature& signature : signatures) {
+    if (!bytes.starts_with(signature.first_bytes)) continue;
+    const bool is_svg = bytes.starts_with("<?xml") && bytes.substr(0, svg_search_limit).find("<svg") != bytes.npos;
+    return is_svg ? svg : signature.format;
+  }
+  return unknown;
+}
+
+std::optional<PixelSize> pixel_size(std::string_view bytes) {
+  if (bytes.starts_with("\x89PNG\r\n\x1a\n")) {
+    return size_of(number_at(bytes, 16, 4, true), number_at(bytes, 20, 4, true));
+  }
+  if (bytes.starts_with("GIF8")) return size_of(number_at(bytes, 6, 2, false), number_at(bytes, 8, 2, false));
+  if (bytes.starts_with("\xff\xd8\xff")) return jpeg_size(bytes);
+  if (bytes.starts_with("BM")) return bmp_size(bytes);
+  return std::nullopt;
+}
+
+}  // namespace corvane::tools
