@@ -1,5 +1,9 @@
 #include "plist/leaf_table.h"
 
+#include <absl/hash/hash.h>
+
+#include <bit>
+
 namespace corvane::plist {
 
 namespace {
@@ -9,6 +13,22 @@ namespace {
 constexpr size_t long_from = 256;
 
 constexpr size_t recent_strings = 64;
+
+uint64_t bits_of(const Number& number) {
+  return number.is_integer() ? number.uint64() : std::bit_cast<uint64_t>(number.real());
+}
+
+// Equal for equal leaves. A leaf whose mark is another's too is compared with it.
+uint32_t mark_of(const Value& leaf) {
+  uint64_t content = 0;
+  if (leaf.kind() == Kind::string) {
+    const std::string_view text = static_cast<const String&>(leaf).view();
+    content = text.empty() ? 0 : text.size() << 8 | static_cast<uint8_t>(text.back());
+  } else if (leaf.kind() == Kind::number) {
+    content = bits_of(static_cast<const Number&>(leaf));
+  }
+  return static_cast<uint32_t>(content << 3) | static_cast<uint32_t>(leaf.kind());
+}
 
 bool is_long(const Value& leaf) {
   if (const auto* string = cast<String>(&leaf)) return string->view().size() >= long_from;
@@ -21,9 +41,17 @@ bool is_long(const Value& leaf) {
 uint32_t LeafTable::number_of(const Value& leaf, uint32_t next) {
   if (next > few && recent_.empty()) enter_the_few();
   if (next > few || is_long(leaf)) return number_in_tables(leaf, next);
-  uint32_t known = 0;
-  while (known < next && !equal(objects_[known], &leaf)) ++known;
-  return known;
+  return number_among_few(leaf, next);
+}
+
+uint32_t LeafTable::number_among_few(const Value& leaf, uint32_t next) {
+  const Value* const* objects = objects_.data();
+  const uint32_t mark = mark_of(leaf);
+  for (uint32_t known = 0; known < next; ++known) {
+    if (marks_[known] == mark && equal(objects[known], &leaf)) return known;
+  }
+  marks_[next] = mark;
+  return next;
 }
 
 void LeafTable::enter_the_few() {
@@ -35,9 +63,24 @@ void LeafTable::enter_the_few() {
 }
 
 uint32_t LeafTable::number_in_tables(const Value& leaf, uint32_t next) {
-  if (leaf.kind() == Kind::string) return number_of_string(*cast<String>(&leaf), next);
-  if (leaf.kind() == Kind::data) return number_of_data(*cast<Data>(&leaf), next);
-  return number_of_content(leaf, hash(leaf), next);
+  switch (leaf.kind()) {
+    case Kind::string:
+      return number_of_string(static_cast<const String&>(leaf), next);
+    case Kind::data:
+      return number_of_data(static_cast<const Data&>(leaf), next);
+    case Kind::number:
+      return number_of_content(leaf, absl::Hash<uint64_t>()(bits_of(static_cast<const Number&>(leaf))), next);
+    case Kind::boolean:
+      return number_of_boolean(static_cast<const Boolean&>(leaf), next);
+    default:
+      return number_of_content(leaf, hash(leaf), next);
+  }
+}
+
+uint32_t LeafTable::number_of_boolean(const Boolean& boolean, uint32_t next) {
+  uint32_t& known = booleans_[boolean.value() ? 1 : 0];
+  if (known == unknown) known = next;
+  return known;
 }
 
 uint32_t LeafTable::number_of_content(const Value& leaf, uint64_t hash, uint32_t next) {
@@ -48,7 +91,7 @@ uint32_t LeafTable::number_of_content(const Value& leaf, uint64_t hash, uint32_t
 
 uint32_t LeafTable::number_of_string(const String& string, uint32_t next) {
   if (string.view().size() >= long_from) return number_of_long_string(string, next);
-  Recent& recent = recent_[reinterpret_cast<uintptr_t>(&string) / 32 % recent_.size()];
+  Recent& recent = recent_[reinterpret_cast<uintptr_t>(&string) / 32 % recent_strings];
   if (recent.string != &string) recent = {&string, number_of_content(string, BytesHash()(string.view()), next)};
   return recent.number;
 }

@@ -2,7 +2,9 @@
 
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
+#include <absl/container/inlined_vector.h>
 
+#include <array>
 #include <cstdint>
 #include <string_view>
 #include <vector>
@@ -16,8 +18,10 @@ namespace corvane::plist {
 /// their numbers, and enters a new one there before the next call.
 class LeafTable {
  public:
-  explicit LeafTable(const std::vector<const Value*>& objects)
-      : objects_(objects), leaves_(0, Hash{}, Same{&objects}) {}
+  /// As many as most responses have need no allocation.
+  using Objects = absl::InlinedVector<const Value*, 16>;
+
+  explicit LeafTable(const Objects& objects) : objects_(objects), leaves_(0, Hash{}, Same{&objects}) {}
 
   /// Up to `count` more leaves may follow: the table grows at once, not step by step.
   void expect(size_t count) {
@@ -28,10 +32,9 @@ class LeafTable {
   uint32_t number_of(const Value& leaf, uint32_t next);
 
  private:
-  using Objects = std::vector<const Value*>;
-
   /// Up to this many objects are compared one by one with a short leaf, which costs less than a table.
   static constexpr size_t few = 16;
+  static constexpr uint32_t unknown = static_cast<uint32_t>(-1);
 
   /// The hash is kept, so that the table grows without touching the leaves, and a search touches few.
   struct Slot {
@@ -71,14 +74,18 @@ class LeafTable {
     uint32_t number = 0;
   };
 
+  uint32_t number_among_few(const Value& leaf, uint32_t next);
   void enter_the_few();
   uint32_t number_in_tables(const Value& leaf, uint32_t next);
   uint32_t number_of_string(const String& string, uint32_t next);
   uint32_t number_of_long_string(const String& string, uint32_t next);
+  uint32_t number_of_boolean(const Boolean& boolean, uint32_t next);
   uint32_t number_of_data(const Data& data, uint32_t next);
   uint32_t number_of_content(const Value& leaf, uint64_t hash, uint32_t next);
 
   const Objects& objects_;
+  std::array<uint32_t, few + 1> marks_{};  // of the first leaves; different where leaves are not equal, as a rule
+  std::array<uint32_t, 2> booleans_{unknown, unknown};
   absl::flat_hash_set<Slot, Hash, Same> leaves_;
   std::vector<Recent> recent_;  // empty while there are few objects
   ByIdentity long_ones_;
