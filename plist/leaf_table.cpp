@@ -30,6 +30,12 @@ uint32_t mark_of(const Value& leaf) {
   return static_cast<uint32_t>(content << 3) | static_cast<uint32_t>(leaf.kind());
 }
 
+// Nearly all leaves are strings.
+bool equal_leaves(const Value& a, const Value& b) {
+  if (a.kind() != Kind::string || b.kind() != Kind::string) return equal(&a, &b);
+  return static_cast<const String&>(a).view() == static_cast<const String&>(b).view();
+}
+
 bool is_long(const Value& leaf) {
   if (const auto* string = cast<String>(&leaf)) return string->view().size() >= long_from;
   const auto* data = cast<Data>(&leaf);
@@ -48,7 +54,7 @@ uint32_t LeafTable::number_among_few(const Value& leaf, uint32_t next) {
   const Value* const* objects = objects_.data();
   const uint32_t mark = mark_of(leaf);
   for (uint32_t known = 0; known < next; ++known) {
-    if (marks_[known] == mark && equal(objects[known], &leaf)) return known;
+    if (marks_[known] == mark && equal_leaves(*objects[known], leaf)) return known;
   }
   marks_[next] = mark;
   return next;
@@ -84,9 +90,29 @@ uint32_t LeafTable::number_of_boolean(const Boolean& boolean, uint32_t next) {
 }
 
 uint32_t LeafTable::number_of_content(const Value& leaf, uint64_t hash, uint32_t next) {
-  make_room(leaves_);
-  const Sought sought{static_cast<uint32_t>(hash), &leaf};
-  return leaves_.lazy_emplace(sought, [&](const auto& emplace) { emplace(Slot{sought.hash, next}); })->number;
+  make_room_for(1);
+  const auto kept_hash = static_cast<uint32_t>(hash);
+  const size_t mask = slots_.size() - 1;
+  size_t at = kept_hash & mask;
+  for (; slots_[at].number != unknown; at = (at + 1) & mask) {
+    if (slots_[at].hash == kept_hash && equal_leaves(*objects_[slots_[at].number], leaf)) return slots_[at].number;
+  }
+  slots_[at] = {kept_hash, next};
+  ++used_;
+  return next;
+}
+
+void LeafTable::make_room_for(size_t more) {
+  if (2 * (used_ + more) <= slots_.size()) return;
+  std::vector<Slot> larger(std::bit_ceil(2 * (used_ + more) + 1), Slot{0, unknown});
+  const size_t mask = larger.size() - 1;
+  for (const Slot slot : slots_) {
+    if (slot.number == unknown) continue;
+    size_t at = slot.hash & mask;
+    while (larger[at].number != unknown) at = (at + 1) & mask;
+    larger[at] = slot;
+  }
+  slots_.swap(larger);
 }
 
 uint32_t LeafTable::number_of_string(const String& string, uint32_t next) {
