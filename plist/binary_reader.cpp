@@ -30,6 +30,9 @@ constexpr size_t header_size = 8;
 constexpr size_t trailer_size = 32;
 constexpr size_t slice_from = 4096;
 
+// About what a value takes besides its content.
+constexpr size_t usual_value_size = 40;
+
 // A usual message has no more: for them no tables are allocated.
 constexpr size_t usual_objects = 16;
 constexpr size_t usual_containers = 4;
@@ -133,7 +136,10 @@ class BinaryReader {
 
 Decoded BinaryReader::read() {
   Ref<Value> value;
-  if (read_trailer()) value = read_value(top_, 1, share_);
+  if (read_trailer()) {
+    const ValueBlocks blocks(size_ + memo_.size() * usual_value_size);
+    value = read_value(top_, 1, share_);
+  }
   return {std::move(value), std::move(error_), Encoding::binary};
 }
 
