@@ -83,8 +83,8 @@ Ref<plist::MutableDictionary> MethodTable::answer(ExportedObject& object, const 
     if (reply != nullptr) response->set(reply_key, reply);
     if (error != nullptr) set_error(*response, selector->c_string(), *error);
   };
-  method->call(object, *request,
-               std::cref(complete));  // a reference fits a completion block, which then allocates nothing
+  // A completion block that holds only a reference allocates nothing.
+  method->call(object, *request, std::cref(complete));
   return response;
 }
 

@@ -1,3 +1,8 @@
+// A block begins with the count of the values in it. While it is being filled the count is higher, by a number
+// that no block reaches, so that values which are freed meanwhile do not free the block. A value finds its block
+// by the distance that it keeps. Whoever destroys a tree counts the values of a block first, and subtracts them
+// together.
+
 #include "plist/value_blocks.h"
 
 #include <algorithm>
