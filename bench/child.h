@@ -21,8 +21,8 @@ class Child {
   /// Its standard error can be silenced.
   explicit Child(std::vector<std::string> arguments, const std::map<std::string, std::string>& environment = {},
                  bool quiet = false) {
-    auto* shared = static_cast<Clock::time_point*>(
-        mmap(nullptr, sizeof(Clock::time_point), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    auto* shared = static_cast<steady_clock::time_point*>(mmap(
+        nullptr, sizeof(steady_clock::time_point), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     must(shared != MAP_FAILED, "mmap");
     pid_ = fork();
     must(pid_ >= 0, "fork");
@@ -33,7 +33,7 @@ class Child {
       for (std::string& argument : arguments) list.push_back(argument.data());
       list.push_back(nullptr);
       if (quiet) dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
-      *shared = Clock::now();
+      *shared = steady_clock::now();
       execv(list[0], list.data());
       _exit(127);
     }
@@ -49,11 +49,11 @@ class Child {
 
   pid_t pid() const { return pid_; }
   /// When exec was called.
-  Clock::time_point started() const { return *started_; }
+  steady_clock::time_point started() const { return *started_; }
 
  private:
   pid_t pid_ = -1;
-  Clock::time_point* started_ = nullptr;
+  steady_clock::time_point* started_ = nullptr;
 };
 
 }  // namespace corvane::bench

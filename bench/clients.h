@@ -19,9 +19,9 @@ namespace corvane::bench {
 /// Waits until the operation succeeds.
 template <class Operation>
 void until(Operation operation, const char* what) {
-  const auto start = Clock::now();
+  const auto start = steady_clock::now();
   while (!operation()) {
-    must(Clock::now() - start < std::chrono::seconds(20), what);
+    must(steady_clock::now() - start < std::chrono::seconds(20), what);
     usleep(50);
   }
 }

@@ -216,9 +216,9 @@ class Bench {
   void decoding(const std::string& row, const char* what, Make make) {
     double made = 0;
     size_t count = 0;
-    const auto start = Clock::now();
-    for (; Clock::now() - start < slice_; ++count) {
-      const auto one = Clock::now();
+    const auto start = steady_clock::now();
+    for (; steady_clock::now() - start < slice_; ++count) {
+      const auto one = steady_clock::now();
       const auto tree = make();
       keep(tree);
       made += nanoseconds_since(one);

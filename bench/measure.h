@@ -12,8 +12,8 @@
 /// so within a second.
 namespace corvane::bench {
 
-using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 [[noreturn]] inline void die(const std::string& what) {
   std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, what.c_str());
@@ -31,14 +31,14 @@ inline void figure(const std::string& row, const std::string& what, const char* 
               what.c_str(), unit, value);
 }
 
-inline double nanoseconds_since(Clock::time_point start) {
-  return std::chrono::duration<double, std::nano>(Clock::now() - start).count();
+inline double nanoseconds_since(steady_clock::time_point start) {
+  return std::chrono::duration<double, std::nano>(steady_clock::now() - start).count();
 }
 
 /// Nanoseconds for one of `count` operations that `all` does together.
 template <class Operation>
 double time_of(size_t count, Operation all) {
-  const auto start = Clock::now();
+  const auto start = steady_clock::now();
   all();
   return nanoseconds_since(start) / static_cast<double>(count);
 }
@@ -46,10 +46,10 @@ double time_of(size_t count, Operation all) {
 /// Nanoseconds for one operation, of as many as `slice` has room for; at least one.
 template <class Operation>
 double time_of_each(milliseconds slice, Operation operation) {
-  const auto start = Clock::now();
+  const auto start = steady_clock::now();
   size_t done = 0;
   // Reading the clock would count as a part of short operations, so it is read ever more rarely.
-  for (size_t batch = 1; Clock::now() - start < slice; batch += batch / 4 + 1) {
+  for (size_t batch = 1; steady_clock::now() - start < slice; batch += batch / 4 + 1) {
     for (size_t i = 0; i < batch; ++i) operation();
     done += batch;
   }

@@ -32,7 +32,7 @@ struct Waits {
 void ask_until(const std::atomic<bool>& over, const std::string& root, Waits& waits) {
   client::Connection connection(wire::public_service, root);
   while (!over) {
-    const auto start = Clock::now();
+    const auto start = steady_clock::now();
     const client::Answer answer = client::copy_regulatory_images(connection);
     waits.microseconds.push_back(nanoseconds_since(start) / 1e3);
     if (answer.outcome != client::Outcome::answered || !answer.response.reply) ++waits.failed;
@@ -64,7 +64,7 @@ void round(size_t changes) {
   Waits waits[client_count];
   std::vector<std::thread> clients;
   for (Waits& each : waits) clients.emplace_back([&] { ask_until(over, root, each); });
-  const auto start = Clock::now();
+  const auto start = steady_clock::now();
   std::string last;
   for (size_t i = 1; i <= changes; ++i) {
     last = std::to_string(i);

@@ -2,12 +2,16 @@
 //
 //   trip_peer echo SOCKET SIZE FILE   answers every SIZE bytes with the contents of FILE, which it holds
 //   trip_peer file SOCKET SIZE FILE   opens and reads FILE for every SIZE bytes, and sends that
+//   trip_peer fair SOCKET SIZE FILE   the same with every call on FILE that the daemon makes for a request
 //   trip_peer bus SOCKET SIZE         sd-bus, peer to peer: answers a call with SIZE bytes
 //   trip_peer on-bus SOCKET SIZE      the same as a service of the dbus-daemon at SOCKET
 
+#include <charconv>
+#include <cstring>
 #include <deque>
 #include <fcntl.h>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -52,6 +56,26 @@ Bytes read_whole(const char* path) {
     must(count > 0, "read");
     have += static_cast<size_t>(count);
   }
+  close(descriptor);
+  return all;
+}
+
+/// The daemon's calls on its file in their order: it checks where the descriptor leads, and looks once for the
+/// type and once for the size.
+Bytes read_checked(const char* path) {
+  const int descriptor = open(path, O_RDONLY | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  must(descriptor >= 0, "open");
+  char link[32] = "/proc/self/fd/";
+  *std::to_chars(link + std::strlen(link), std::end(link) - 1, descriptor).ptr = '\0';
+  char actual_path[1024];
+  const ssize_t length = readlink(link, actual_path, sizeof actual_path);
+  must(length > 0 && std::string_view(actual_path, static_cast<size_t>(length)) == path, "readlink");
+  struct stat status;
+  must(fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode), "fstat");
+  must(fstat(descriptor, &status) == 0, "fstat");
+  const auto size = static_cast<size_t>(status.st_size);
+  Bytes all{std::shared_ptr<char[]>(new char[size]), size};
+  must(read(descriptor, all.bytes.get(), size) == status.st_size, "read");
   close(descriptor);
   return all;
 }
@@ -191,6 +215,8 @@ int run(const std::string& kind, const std::string& path, size_t size, const cha
     serve_bytes(path, size, [&] { return answer; });
   } else if (kind == "file") {
     serve_bytes(path, size, [&] { return read_whole(file); });
+  } else if (kind == "fair") {
+    serve_bytes(path, size, [&] { return read_checked(file); });
   } else {
     serve_calls(path, size, kind == "on-bus");
   }

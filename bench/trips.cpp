@@ -83,14 +83,16 @@ class Contest {
   Contest(std::string name, size_t images_size, const std::string* bus) : name_(std::move(name)) {
     if (images_size != 0) daemon_.store(images_size);
     begin(images_size);
-    if (images_size >= 1 << 20) add_reader();
+    if (images_size != 0) add_bytes("fair limit", "fair", daemon_.file());
+    if (images_size >= 1 << 20) add_bytes("read and send", "file", daemon_.file());
     if (bus != nullptr) add_buses(*bus);
   }
   /// For growth: the file is written, and there are no buses.
   Contest(std::string name, size_t images_size) : name_(std::move(name)) {
     daemon_.write(images_size);
     begin(images_size);
-    add_reader();
+    add_bytes("read and send", "file", daemon_.file());
+    add_bytes("fair limit", "fair", daemon_.file());
   }
 
   const std::string& name() const { return name_; }
@@ -104,14 +106,14 @@ class Contest {
     must(bench::images_size(answer_) == images_size, "the size of the daemon's images");
     std::ofstream(daemon_.at("answer"), std::ios::binary) << answer_;
     subjects_.push_back({"daemon", bytes(daemon_.socket(), answer_.size())});
-    add_bytes("echo", daemon_.at("answer"), answer_.size());
+    add_bytes("echo", "echo", daemon_.at("answer"));
   }
-  void add_reader() { add_bytes("file", daemon_.file(), fs::file_size(daemon_.file())); }
-  void add_bytes(const char* kind, const std::string& file, size_t size) {
+  /// A peer that sends what is in the file.
+  void add_bytes(const char* name, const char* kind, const std::string& file) {
     const std::string socket = daemon_.at(kind);
     peers_.emplace_back(
         std::vector<std::string>{program("trip_peer"), kind, socket, std::to_string(request_.size()), file});
-    subjects_.push_back({kind == std::string("file") ? "read and send" : kind, bytes(socket, size)});
+    subjects_.push_back({name, bytes(socket, fs::file_size(file))});
   }
   void add_buses(const std::string& bus) {
     const size_t size = answer_.size();
@@ -155,7 +157,7 @@ struct Trips {
 
 void ask_until(Client& client, const std::atomic<bool>& over, std::vector<double>& microseconds) {
   do {
-    const auto start = Clock::now();
+    const auto start = steady_clock::now();
     client.ask();
     microseconds.push_back(nanoseconds_since(start) / 1e3);
   } while (!over);
@@ -172,7 +174,7 @@ Trips ask(const Subject& subject, size_t count) {
   std::vector<std::thread> threads;
   std::atomic<bool> over = false;
   Trips trips;
-  const auto start = Clock::now();
+  const auto start = steady_clock::now();
   for (size_t i = 1; i < count; ++i) threads.emplace_back([&, i] { ask_until(*clients[i], over, waits[i]); });
   std::thread clock([&] {
     std::this_thread::sleep_for(slice);
@@ -190,10 +192,10 @@ Trips ask(const Subject& subject, size_t count) {
 double pipelined(const Subject& subject) {
   const auto client = subject.connect();
   client->ask();
-  const auto start = Clock::now();
+  const auto start = steady_clock::now();
   client->send(64);
   size_t done = 0;
-  for (; Clock::now() - start < slice; done += 32) {
+  for (; steady_clock::now() - start < slice; done += 32) {
     client->receive(32);
     client->send(32);
   }
@@ -210,9 +212,9 @@ Trips ask_in_turn(const Subject& subject, size_t count) {
     clients.back()->ask();
   }
   Trips trips;
-  const auto start = Clock::now();
-  for (size_t next = 0; Clock::now() - start < slice; ++next) {
-    const auto asked = Clock::now();
+  const auto start = steady_clock::now();
+  for (size_t next = 0; steady_clock::now() - start < slice; ++next) {
+    const auto asked = steady_clock::now();
     clients[next % count]->ask();
     trips.microseconds.push_back(nanoseconds_since(asked) / 1e3);
   }

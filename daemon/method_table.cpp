@@ -1,5 +1,7 @@
 #include "daemon/method_table.h"
 
+#include <functional>
+
 #include "daemon/log/cv_log.h"
 #include "daemon/request.h"
 #include "daemon/response.h"
@@ -11,6 +13,10 @@ namespace corvane {
 using plist::Ref;
 
 namespace {
+
+// Made at program start, because each response has them.
+const Ref<plist::String> reply_key = plist::String::create(wire::reply_key);
+const Ref<plist::String> no_selector = plist::String::create("");
 
 void set_error(plist::MutableDictionary& response, const char* reason, const ErrorObject& error) {
   response.set(wire::error_object_key, wire::make_error_object(error.domain, error.code, error.user_info));
@@ -42,7 +48,7 @@ void encode(plist::MutableDictionary& response, plist::ByteChain& out) {
 bool MethodTable::deliver(ExportedObject& object, const Message& message, plist::ByteChain& response) const {
   if (message.kind != Message::raw_data) return false;
   ++counts_.answered;
-  Ref<plist::String> selector = plist::String::create("");
+  Ref<plist::String> selector = no_selector;
   try {
     encode(*answer(object, message, selector), response);
   } catch (const std::bad_alloc&) {
@@ -80,12 +86,14 @@ Ref<plist::MutableDictionary> MethodTable::answer(ExportedObject& object, const 
     set_error(*response, reason, CorvaneError::getError(CorvaneError::unexpected_parameter));
     return response;
   }
-  method->call(object, *request, [&](plist::Dictionary* reply, const ErrorObject* error) {
-    if (reply != nullptr) response->set(wire::reply_key, reply);
+  const auto complete = [&](plist::Dictionary* reply, const ErrorObject* error) {
+    if (reply != nullptr) response->set(reply_key, reply);
     if (error == nullptr) return;
     count_error(error->code);
     set_error(*response, selector->c_string(), *error);
-  });
+  };
+  // A completion block that holds only a reference allocates nothing.
+  method->call(object, *request, std::cref(complete));
   return response;
 }
 

@@ -10,9 +10,16 @@ namespace corvane {
 
 using plist::Ref;
 
+namespace {
+
+// Made at program start, because each response has it.
+const Ref<plist::String> request_key = plist::String::create(wire::request_key);
+
+}  // namespace
+
 Ref<plist::MutableDictionary> create_response(Ref<plist::Value> request) {
   Ref<plist::MutableDictionary> response = create_dict();
-  response->set(wire::request_key, std::move(request));
+  response->set(request_key, std::move(request));
   return response;
 }
 

@@ -27,9 +27,15 @@ inline uint64_t load_big_endian(const char* bytes, size_t size) {
   return load_big_endian<8>(bytes) >> (64 - 8 * size);
 }
 
-/// Writes the low `size` bytes of `value`.
+/// Writes the low `size` bytes of `value`, 1 to 8.
 inline void store_big_endian(char* to, uint64_t value, size_t size) {
-  for (size_t i = size; i-- > 0; value >>= 8) to[i] = static_cast<char>(value & 0xFF);
+  if (size == 1) {
+    *to = static_cast<char>(value);
+    return;
+  }
+  value <<= 64 - 8 * size;
+  if (std::endian::native == std::endian::little) value = __builtin_bswap64(value);
+  std::memcpy(to, &value, size);
 }
 
 /// Appends the low `size` bytes of `value`.

@@ -11,11 +11,12 @@
 
 #include "plist/binary_reader.h"
 
+#include <absl/container/inlined_vector.h>
+
 #include <algorithm>
 #include <bit>
 #include <cmath>
 #include <limits>
-#include <vector>
 
 #include "plist/big_endian.h"
 #include "plist/comparing.h"
@@ -28,6 +29,13 @@ namespace {
 constexpr size_t header_size = 8;
 constexpr size_t trailer_size = 32;
 constexpr size_t slice_from = 4096;
+
+// About what a value takes besides its content.
+constexpr size_t usual_value_size = 40;
+
+// A usual message has no more: for them no tables are allocated.
+constexpr size_t usual_objects = 16;
+constexpr size_t usual_containers = 4;
 
 class BinaryReader {
  public:
@@ -116,11 +124,11 @@ class BinaryReader {
   size_t objects_end_ = 0;  // where the offset table begins
   uint64_t top_ = 0;
 
-  std::vector<Known> memo_;       // objects that were built, by number
-  std::vector<Extent> extents_;   // of the containers among them
-  uint64_t visits_ = 1;           // the top object's
-  uint64_t visited_content_ = 0;  // bytes in leaves, each counted at every visit
-  uint64_t content_ = 0;          // bytes in leaves, each counted once
+  absl::InlinedVector<Known, usual_objects> memo_;         // objects that were built, by number
+  absl::InlinedVector<Extent, usual_containers> extents_;  // of the containers among them
+  uint64_t visits_ = 1;                                    // the top object's
+  uint64_t visited_content_ = 0;                           // bytes in leaves, each counted at every visit
+  uint64_t content_ = 0;                                   // bytes in leaves, each counted once
   uint64_t compared_ = 0;
   unsigned deepest_ = 0;  // depth of the deepest container since the one being read began
   Ref<String> error_;
@@ -128,7 +136,10 @@ class BinaryReader {
 
 Decoded BinaryReader::read() {
   Ref<Value> value;
-  if (read_trailer()) value = read_value(top_, 1, share_);
+  if (read_trailer()) {
+    const ValueBlocks blocks(size_ + memo_.size() * usual_value_size);
+    value = read_value(top_, 1, share_);
+  }
   return {std::move(value), std::move(error_), Encoding::binary};
 }
 

@@ -16,11 +16,11 @@ namespace {
 // Up to this many entries a scan beats a hash table and saves its memory.
 constexpr size_t scan_limit = 8;
 
-// Memory for a container with room for elements behind it, in one piece.
+// The bytes of elements behind a container.
 template <class Element, class Container>
-void* allocate_with(size_t capacity) {
+size_t size_of_elements(size_t capacity) {
   static_assert(sizeof(Container) % alignof(Element) == 0);
-  return ::operator new(ElementList<Element>::size_with(sizeof(Container), capacity));
+  return ElementList<Element>::size_with(0, capacity);
 }
 
 }  // namespace
@@ -28,7 +28,7 @@ void* allocate_with(size_t capacity) {
 // ---- array --------------------------------------------------------------------------------------------
 
 Ref<MutableArray> MutableArray::create(size_t capacity) {
-  return Ref<MutableArray>::adopt(new (allocate_with<Ref<Value>, MutableArray>(capacity)) MutableArray(capacity));
+  return make<MutableArray>(size_of_elements<Ref<Value>, MutableArray>(capacity), capacity);
 }
 
 Ref<Array> MutableArray::freeze(Ref<MutableArray> array) {
@@ -82,8 +82,7 @@ bool Set::contains(const Value& value, uint64_t value_hash) const {
 }
 
 Ref<MutableSet> MutableSet::create(size_t capacity) {
-  void* memory = allocate_with<Ref<Value>, MutableSet>(capacity);
-  auto set = Ref<MutableSet>::adopt(new (memory) MutableSet(capacity));
+  Ref<MutableSet> set = make<MutableSet>(size_of_elements<Ref<Value>, MutableSet>(capacity), capacity);
   set->hashes_.reserve(capacity);
   return set;
 }
@@ -160,8 +159,7 @@ Value* Dictionary::get(std::string_view key) const {
 }
 
 Ref<MutableDictionary> MutableDictionary::create(size_t capacity) {
-  void* memory = allocate_with<Entry, MutableDictionary>(capacity);
-  return Ref<MutableDictionary>::adopt(new (memory) MutableDictionary(capacity));
+  return make<MutableDictionary>(size_of_elements<Entry, MutableDictionary>(capacity), capacity);
 }
 
 Ref<MutableDictionary> MutableDictionary::copy(const Dictionary& other) {

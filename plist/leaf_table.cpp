@@ -1,5 +1,9 @@
 #include "plist/leaf_table.h"
 
+#include <absl/hash/hash.h>
+
+#include <bit>
+
 namespace corvane::plist {
 
 namespace {
@@ -9,6 +13,28 @@ namespace {
 constexpr size_t long_from = 256;
 
 constexpr size_t recent_strings = 64;
+
+uint64_t bits_of(const Number& number) {
+  return number.is_integer() ? number.uint64() : std::bit_cast<uint64_t>(number.real());
+}
+
+// Equal for equal leaves. A leaf whose mark is another's too is compared with it.
+uint32_t mark_of(const Value& leaf) {
+  uint64_t content = 0;
+  if (leaf.kind() == Kind::string) {
+    const std::string_view text = static_cast<const String&>(leaf).view();
+    content = text.empty() ? 0 : text.size() << 8 | static_cast<uint8_t>(text.back());
+  } else if (leaf.kind() == Kind::number) {
+    content = bits_of(static_cast<const Number&>(leaf));
+  }
+  return static_cast<uint32_t>(content << 3) | static_cast<uint32_t>(leaf.kind());
+}
+
+// Nearly all leaves are strings.
+bool equal_leaves(const Value& a, const Value& b) {
+  if (a.kind() != Kind::string || b.kind() != Kind::string) return equal(&a, &b);
+  return static_cast<const String&>(a).view() == static_cast<const String&>(b).view();
+}
 
 bool is_long(const Value& leaf) {
   if (const auto* string = cast<String>(&leaf)) return string->view().size() >= long_from;
@@ -21,9 +47,17 @@ bool is_long(const Value& leaf) {
 uint32_t LeafTable::number_of(const Value& leaf, uint32_t next) {
   if (next > few && recent_.empty()) enter_the_few();
   if (next > few || is_long(leaf)) return number_in_tables(leaf, next);
-  uint32_t known = 0;
-  while (known < next && !equal(objects_[known], &leaf)) ++known;
-  return known;
+  return number_among_few(leaf, next);
+}
+
+uint32_t LeafTable::number_among_few(const Value& leaf, uint32_t next) {
+  const Value* const* objects = objects_.data();
+  const uint32_t mark = mark_of(leaf);
+  for (uint32_t known = 0; known < next; ++known) {
+    if (marks_[known] == mark && equal_leaves(*objects[known], leaf)) return known;
+  }
+  marks_[next] = mark;
+  return next;
 }
 
 void LeafTable::enter_the_few() {
@@ -35,20 +69,55 @@ void LeafTable::enter_the_few() {
 }
 
 uint32_t LeafTable::number_in_tables(const Value& leaf, uint32_t next) {
-  if (leaf.kind() == Kind::string) return number_of_string(*cast<String>(&leaf), next);
-  if (leaf.kind() == Kind::data) return number_of_data(*cast<Data>(&leaf), next);
-  return number_of_content(leaf, hash(leaf), next);
+  switch (leaf.kind()) {
+    case Kind::string:
+      return number_of_string(static_cast<const String&>(leaf), next);
+    case Kind::data:
+      return number_of_data(static_cast<const Data&>(leaf), next);
+    case Kind::number:
+      return number_of_content(leaf, absl::Hash<uint64_t>()(bits_of(static_cast<const Number&>(leaf))), next);
+    case Kind::boolean:
+      return number_of_boolean(static_cast<const Boolean&>(leaf), next);
+    default:
+      return number_of_content(leaf, hash(leaf), next);
+  }
+}
+
+uint32_t LeafTable::number_of_boolean(const Boolean& boolean, uint32_t next) {
+  uint32_t& known = booleans_[boolean.value() ? 1 : 0];
+  if (known == unknown) known = next;
+  return known;
 }
 
 uint32_t LeafTable::number_of_content(const Value& leaf, uint64_t hash, uint32_t next) {
-  make_room(leaves_);
-  const Sought sought{static_cast<uint32_t>(hash), &leaf};
-  return leaves_.lazy_emplace(sought, [&](const auto& emplace) { emplace(Slot{sought.hash, next}); })->number;
+  make_room_for(1);
+  const auto kept_hash = static_cast<uint32_t>(hash);
+  const size_t mask = slots_.size() - 1;
+  size_t at = kept_hash & mask;
+  for (; slots_[at].number != unknown; at = (at + 1) & mask) {
+    if (slots_[at].hash == kept_hash && equal_leaves(*objects_[slots_[at].number], leaf)) return slots_[at].number;
+  }
+  slots_[at] = {kept_hash, next};
+  ++used_;
+  return next;
+}
+
+void LeafTable::make_room_for(size_t more) {
+  if (2 * (used_ + more) <= slots_.size()) return;
+  std::vector<Slot> larger(std::bit_ceil(2 * (used_ + more) + 1), Slot{0, unknown});
+  const size_t mask = larger.size() - 1;
+  for (const Slot slot : slots_) {
+    if (slot.number == unknown) continue;
+    size_t at = slot.hash & mask;
+    while (larger[at].number != unknown) at = (at + 1) & mask;
+    larger[at] = slot;
+  }
+  slots_.swap(larger);
 }
 
 uint32_t LeafTable::number_of_string(const String& string, uint32_t next) {
   if (string.view().size() >= long_from) return number_of_long_string(string, next);
-  Recent& recent = recent_[reinterpret_cast<uintptr_t>(&string) / 32 % recent_.size()];
+  Recent& recent = recent_[reinterpret_cast<uintptr_t>(&string) / 32 % recent_strings];
   if (recent.string != &string) recent = {&string, number_of_content(string, BytesHash()(string.view()), next)};
   return recent.number;
 }

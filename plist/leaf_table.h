@@ -1,8 +1,9 @@
 #pragma once
 
 #include <absl/container/flat_hash_map.h>
-#include <absl/container/flat_hash_set.h>
+#include <absl/container/inlined_vector.h>
 
+#include <array>
 #include <cstdint>
 #include <string_view>
 #include <vector>
@@ -16,44 +17,29 @@ namespace corvane::plist {
 /// their numbers, and enters a new one there before the next call.
 class LeafTable {
  public:
-  explicit LeafTable(const std::vector<const Value*>& objects)
-      : objects_(objects), leaves_(0, Hash{}, Same{&objects}) {}
+  /// As many as most responses have need no allocation.
+  using Objects = absl::InlinedVector<const Value*, 16>;
+
+  explicit LeafTable(const Objects& objects) : objects_(objects) {}
 
   /// Up to `count` more leaves may follow: the table grows at once, not step by step.
   void expect(size_t count) {
-    if (objects_.size() + count > few) make_room(leaves_, count);
+    if (objects_.size() + count > few) make_room_for(count);
   }
 
   /// The number of the equal leaf seen before; otherwise `next`, which is the leaf's number from then on.
   uint32_t number_of(const Value& leaf, uint32_t next);
 
  private:
-  using Objects = std::vector<const Value*>;
-
   /// Up to this many objects are compared one by one with a short leaf, which costs less than a table.
   static constexpr size_t few = 16;
+  static constexpr uint32_t unknown = static_cast<uint32_t>(-1);
 
-  /// The hash is kept, so that the table grows without touching the leaves, and a search touches few.
+  /// A place of the table; free where the number is `unknown`. The hash is kept, so that the table grows without
+  /// touching the leaves, and a search touches few.
   struct Slot {
     uint32_t hash;
     uint32_t number;
-  };
-  struct Sought {
-    uint32_t hash;
-    const Value* leaf;
-  };
-  struct Hash {
-    using is_transparent = void;
-    size_t operator()(Slot slot) const { return absl::Hash<uint32_t>()(slot.hash); }
-    size_t operator()(Sought sought) const { return absl::Hash<uint32_t>()(sought.hash); }
-  };
-  struct Same {
-    using is_transparent = void;
-    bool operator()(Slot a, Slot b) const { return a.number == b.number; }
-    bool operator()(Slot slot, Sought sought) const {
-      return slot.hash == sought.hash && equal((*objects)[slot.number], sought.leaf);
-    }
-    const Objects* objects;
   };
   using ByContent = absl::flat_hash_map<std::string_view, uint32_t, BytesHash, std::equal_to<>>;
   using ByIdentity = absl::flat_hash_map<const Value*, uint32_t>;
@@ -71,15 +57,21 @@ class LeafTable {
     uint32_t number = 0;
   };
 
+  uint32_t number_among_few(const Value& leaf, uint32_t next);
+  void make_room_for(size_t more);
   void enter_the_few();
   uint32_t number_in_tables(const Value& leaf, uint32_t next);
   uint32_t number_of_string(const String& string, uint32_t next);
   uint32_t number_of_long_string(const String& string, uint32_t next);
+  uint32_t number_of_boolean(const Boolean& boolean, uint32_t next);
   uint32_t number_of_data(const Data& data, uint32_t next);
   uint32_t number_of_content(const Value& leaf, uint64_t hash, uint32_t next);
 
   const Objects& objects_;
-  absl::flat_hash_set<Slot, Hash, Same> leaves_;
+  std::array<uint32_t, few + 1> marks_{};  // of the first leaves; different where leaves are not equal, as a rule
+  std::array<uint32_t, 2> booleans_{unknown, unknown};
+  std::vector<Slot> slots_;     // a power of two; each search begins at the hash and goes on to a free slot
+  size_t used_ = 0;             // at most half of them
   std::vector<Recent> recent_;  // empty while there are few objects
   ByIdentity long_ones_;
   absl::flat_hash_map<size_t, SameSize> data_;

@@ -10,18 +10,17 @@
 
 namespace corvane::plist {
 
-String* String::allocate(size_t size, bool ascii) {
-  void* memory = ::operator new(sizeof(String) + size + 1);
-  auto* string = new (memory) String(size, ascii);
+Ref<String> String::allocate(size_t size, bool ascii) {
+  Ref<String> string = make<String>(size + 1, size, ascii);
   string->text()[size] = '\0';
   return string;
 }
 
 Ref<String> String::create(std::string_view utf8) {
   if (const bool ascii = unicode::is_ascii(utf8); ascii || unicode::is_utf8(utf8)) {
-    String* string = allocate(utf8.size(), ascii);
+    Ref<String> string = allocate(utf8.size(), ascii);
     if (!utf8.empty()) std::memcpy(string->text(), utf8.data(), utf8.size());
-    return Ref<String>::adopt(string);
+    return string;
   }
   return create(unicode::repaired_utf8(utf8));
 }
@@ -29,18 +28,16 @@ Ref<String> String::create(std::string_view utf8) {
 Ref<String> String::create_from_utf16be(std::string_view bytes) {
   const std::optional<size_t> size = unicode::utf8_size_of_utf16be(bytes);
   if (!size) return nullptr;
-  String* string = allocate(*size, *size == bytes.size() / 2);
+  Ref<String> string = allocate(*size, *size == bytes.size() / 2);
   unicode::utf16be_to_utf8(bytes, string->text());
-  return Ref<String>::adopt(string);
+  return string;
 }
 
 const char* String::c_string() const { return std::memchr(text(), '\0', size_) == nullptr ? text() : nullptr; }
 
 Ref<MutableData> MutableData::create(size_t size) {
   if (size > std::numeric_limits<size_t>::max() - sizeof(MutableData)) throw std::bad_alloc();
-  void* memory = ::operator new(sizeof(MutableData) + size);
-  char* start = static_cast<char*>(memory) + sizeof(MutableData);
-  return Ref<MutableData>::adopt(new (memory) MutableData(start, size, nullptr, true));
+  return make<MutableData>(size, size);
 }
 
 Ref<MutableData> MutableData::create_or_null(size_t size) {
@@ -78,23 +75,22 @@ Ref<Data> Data::slice(Ref<Data> whole, size_t offset, size_t size) {
   char* start = whole->start_ + offset;
   // The slice holds the data value that owns the bytes, so that slices of slices form no chain.
   Ref<Data> owner = whole->owner_ ? whole->owner_ : std::move(whole);
-  void* memory = ::operator new(sizeof(Data));
-  return Ref<Data>::adopt(new (memory) Data(start, size, std::move(owner), false));
+  return make<Data>(0, start, size, std::move(owner), false);
 }
 
-Ref<Date> Date::create(double seconds_since_2001) { return Ref<Date>::adopt(new Date(seconds_since_2001)); }
+Ref<Date> Date::create(double seconds_since_2001) { return make<Date>(0, seconds_since_2001); }
 
-Ref<Number> Number::create_int32(int32_t value) { return Ref<Number>::adopt(new Number(Type::int32, value)); }
+Ref<Number> Number::create_int32(int32_t value) { return make<Number>(0, Type::int32, value); }
 
-Ref<Number> Number::create_int64(int64_t value) { return Ref<Number>::adopt(new Number(Type::int64, value)); }
+Ref<Number> Number::create_int64(int64_t value) { return make<Number>(0, Type::int64, value); }
 
 Ref<Number> Number::create_uint64(uint64_t value) {
   const bool fits = value <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
-  return Ref<Number>::adopt(new Number(fits ? Type::int64 : Type::uint64, static_cast<int64_t>(value)));
+  return make<Number>(0, fits ? Type::int64 : Type::uint64, static_cast<int64_t>(value));
 }
 
 Ref<Number> Number::create_real(double value) {
-  return Ref<Number>::adopt(new Number(std::isnan(value) ? std::numeric_limits<double>::quiet_NaN() : value));
+  return make<Number>(0, std::isnan(value) ? std::numeric_limits<double>::quiet_NaN() : value);
 }
 
 Boolean* Boolean::yes() {

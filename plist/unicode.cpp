@@ -61,9 +61,10 @@ bool is_surrogate(uint32_t unit) { return (unit & 0xF800) == 0xD800; }
 bool is_high_surrogate(uint32_t unit) { return (unit & 0xFC00) == 0xD800; }
 bool is_low_surrogate(uint32_t unit) { return (unit & 0xFC00) == 0xDC00; }
 
-void append_unit(std::string& out, uint32_t unit) {
-  out.push_back(static_cast<char>(unit >> 8));
-  out.push_back(static_cast<char>(unit & 0xFF));
+char* write_unit(char* out, uint32_t unit) {
+  out[0] = static_cast<char>(unit >> 8);
+  out[1] = static_cast<char>(unit & 0xFF);
+  return out + 2;
 }
 
 char* write_utf8(char* out, uint32_t code_point) {
@@ -138,17 +139,18 @@ size_t utf16_units_of_utf8(std::string_view utf8) {
   return units;
 }
 
-void append_utf16be(std::string& out, std::string_view utf8) {
+char* utf8_to_utf16be(std::string_view utf8, char* out) {
   char32_t code_point = 0;
   while (!utf8.empty()) {
     utf8.remove_prefix(scan(utf8, code_point).length);
     if (code_point < 0x10000) {
-      append_unit(out, code_point);
+      out = write_unit(out, code_point);
     } else {
-      append_unit(out, 0xD800 + ((code_point - 0x10000) >> 10));
-      append_unit(out, 0xDC00 + (code_point & 0x3FF));
+      out = write_unit(out, 0xD800 + ((code_point - 0x10000) >> 10));
+      out = write_unit(out, 0xDC00 + (code_point & 0x3FF));
     }
   }
+  return out;
 }
 
 std::optional<size_t> utf8_size_of_utf16be(std::string_view bytes) {

@@ -21,8 +21,8 @@ std::string repaired_utf8(std::string_view bytes);
 
 /// The number of UTF-16 code units of well-formed UTF-8.
 size_t utf16_units_of_utf8(std::string_view utf8);
-/// Appends well-formed UTF-8 as UTF-16.
-void append_utf16be(std::string& out, std::string_view utf8);
+/// Writes well-formed UTF-8 as that many units, and returns where they end.
+char* utf8_to_utf16be(std::string_view utf8, char* out);
 
 /// The size in UTF-8, or nothing where a surrogate stands alone. Precondition: an even number of bytes.
 std::optional<size_t> utf8_size_of_utf16be(std::string_view bytes);

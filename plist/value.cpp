@@ -23,22 +23,16 @@ thread_local bool destroying = false;
 }  // namespace
 
 void Value::destroy(Value* dead) {
+  const ValuePlace place{dead, dead->block_};
   switch (dead->kind_) {
-    case Kind::string:
-      static_cast<String*>(dead)->~String();
-      ::operator delete(dead);
-      return;
     case Kind::data:
       if (auto* data = static_cast<Data*>(dead); data->secret_) explicit_bzero(data->start_, data->size_);
       static_cast<Data*>(dead)->~Data();
-      ::operator delete(dead);
-      return;
+      return ValueBlocks::free(place);
+    case Kind::string:
     case Kind::date:
-      delete static_cast<Date*>(dead);
-      return;
     case Kind::number:
-      delete static_cast<Number*>(dead);
-      return;
+      return ValueBlocks::free(place);  // nothing to destroy in these
     case Kind::boolean:
       return;  // never: the two Booleans keep a reference of their own
     case Kind::dictionary:
@@ -55,15 +49,18 @@ void Value::destroy_container(Container* dead) {
     return;
   }
   destroying = true;
+  ValueBlocks::begin_freeing();
   while (dead != nullptr) {
     destroy_one(dead);
     dead = dead_containers;
     if (dead != nullptr) dead_containers = dead->next_dead_;
   }
+  ValueBlocks::end_freeing();
   destroying = false;
 }
 
 void Value::destroy_one(Container* dead) {
+  const ValuePlace place{dead, dead->block_};
   switch (dead->kind_) {
     case Kind::dictionary:
       static_cast<Dictionary*>(dead)->~Dictionary();
@@ -75,7 +72,7 @@ void Value::destroy_one(Container* dead) {
       static_cast<Set*>(dead)->~Set();
       break;
   }
-  ::operator delete(dead);
+  ValueBlocks::free(place);
 }
 
 // ---- equality and hash --------------------------------------------------------------------------------

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "plist/element_list.h"
+#include "plist/value_blocks.h"
 
 /// Property-list values: dictionary, array, set, string, data, date, number and Boolean.
 ///
@@ -25,6 +26,8 @@ namespace corvane::plist {
 enum class Kind : uint8_t { dictionary, array, set, string, data, date, number, boolean };
 
 class Container;
+template <class T>
+class Ref;
 
 class Value {
  public:
@@ -41,6 +44,10 @@ class Value {
   ~Value() = default;
 
   void drop_mutability() { mutable_ = false; }
+
+  /// A new value with `behind` bytes of memory behind the object.
+  template <class T, class... Arguments>
+  static Ref<T> make(size_t behind, Arguments&&... arguments);
 
  private:
   template <class T>
@@ -62,6 +69,7 @@ class Value {
   std::atomic<uint32_t> references_{1};
   const Kind kind_;
   bool mutable_;
+  uint16_t block_ = 0;  // as a ValuePlace has it
 };
 
 /// Owns one reference to a value, or none.
@@ -109,6 +117,14 @@ class Ref {
   T* value_ = nullptr;
 };
 
+template <class T, class... Arguments>
+Ref<T> Value::make(size_t behind, Arguments&&... arguments) {
+  const ValuePlace place = ValueBlocks::allocate(sizeof(T) + behind);
+  T* value = new (place.memory) T(std::forward<Arguments>(arguments)...);
+  value->block_ = place.block;
+  return Ref<T>::adopt(value);
+}
+
 /// Counts references without locked instructions, for values that no other thread has yet. Not for Booleans, which
 /// all threads share.
 class Unpublished {
@@ -154,7 +170,7 @@ class String final : public Value {
  private:
   friend class Value;
   String(size_t size, bool ascii) : Value(Kind::string), ascii_(ascii), size_(size) {}
-  static String* allocate(size_t size, bool ascii);
+  static Ref<String> allocate(size_t size, bool ascii);
   char* text() { return reinterpret_cast<char*>(this + 1); }
   const char* text() const { return reinterpret_cast<const char*>(this + 1); }
 
@@ -199,7 +215,8 @@ class MutableData final : public Data {
 
  private:
   friend class Value;
-  using Data::Data;
+  /// The bytes lie behind the object.
+  explicit MutableData(size_t size) : Data(reinterpret_cast<char*>(this + 1), size, nullptr, true) {}
 };
 
 /// A point in time: seconds, fractions included, since 2001-01-01T00:00:00Z. Always finite in what readers
@@ -297,6 +314,7 @@ class MutableArray final : public Array {
   void append(Ref<Value> value) { items_.push_back(std::move(value)); }
 
  private:
+  friend class Value;
   explicit MutableArray(size_t capacity) : Array(capacity) {}
 };
 
@@ -330,6 +348,7 @@ class MutableSet final : public Set {
   void add(Ref<Value> value);
 
  private:
+  friend class Value;
   explicit MutableSet(size_t capacity) : Set(capacity) {}
 };
 
@@ -387,6 +406,7 @@ class MutableDictionary final : public Dictionary {
   bool remove(std::string_view key);
 
  private:
+  friend class Value;
   explicit MutableDictionary(size_t capacity) : Dictionary(capacity) {}
   void set_without_index(Ref<String> key, Ref<Value> value);
   void build_index();

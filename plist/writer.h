@@ -27,7 +27,22 @@ class ByteChain {
   void append_shared(Ref<Data> data);
 
   size_t size() const { return size_; }
-  /// In order; valid until the chain changes or dies.
+  /// Calls `take` with each piece in order. They are valid until the chain changes or dies.
+  template <class Take>
+  void for_each_piece(Take take) const {
+    const auto give = [&take](std::string_view piece) {
+      if (!piece.empty()) take(piece);
+    };
+    const std::string_view own = own_;
+    size_t from = 0;
+    for (const Shared& shared : shared_) {
+      give(own.substr(from, shared.own_before - from));
+      give(shared.data->bytes());
+      from = shared.own_before;
+    }
+    give(own.substr(from));
+  }
+  /// All pieces in order.
   std::vector<std::string_view> pieces() const;
 
  private:

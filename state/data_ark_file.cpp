@@ -4,6 +4,7 @@
 //
 // The state directory may have been replaced by a link. Nothing behind one is renamed, created or deleted.
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -69,10 +70,16 @@ void load_entries(data_ark& ark) {
 
 // ---- storing ------------------------------------------------------------------------------------------
 
-// Null where memory is out.
+bool has_transient_entries(const data_ark& ark) {
+  return std::any_of(ark.attributes.begin(), ark.attributes.end(),
+                     [](const auto& each) { return (each.second & transient_attributes) != 0; });
+}
+
+// Null where memory is out. The ark's own dictionary where all of it is stored.
 Ref<plist::Dictionary> persistent_entries(const data_ark& ark) {
   try {
     if (!ark.values) return plist::MutableDictionary::create();
+    if (!has_transient_entries(ark)) return ark.values;
     return plist::MutableDictionary::select(*ark.values, [&ark](const plist::Dictionary::Entry& entry) {
       return (ark.attributes_of(entry.key->view()) & transient_attributes) == 0;
     });

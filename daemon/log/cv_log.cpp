@@ -11,6 +11,9 @@ namespace corvane {
 
 namespace {
 
+// Few lines are longer: a line is put together without growing.
+constexpr size_t usual_line = 240;
+
 constexpr char logger_name[] = "Corvane";
 constexpr char disk_log[] = "/var/mobile/Library/Logs/corvaned/corvaned.log";
 
@@ -21,6 +24,7 @@ void log_line(const char* function, int copy_to_syslog, const char* format,
   const int saved_errno = errno;
   try {
     std::string line;
+    line.reserve(usual_line);
     if (function != nullptr) line.append(function).append(": ");
     log_format::append_message(line, format, arguments);
     CVLog::getSharedInstance().logMessage_CopyToSyslog(*plist::String::create(line), copy_to_syslog);

@@ -153,7 +153,7 @@ size_t LocalConnection::gather() {
   for (const OutgoingFrame& frame : output_) {
     if (count == buffers_.size()) break;
     add({frame.header.data(), frame.header.size()});
-    for (const std::string_view piece : frame.body().pieces()) add(piece);
+    frame.body().for_each_piece(add);
   }
   return count;
 }

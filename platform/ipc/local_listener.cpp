@@ -267,6 +267,7 @@ void LocalListener::serve(Client& client) {
     while (!client.connection.has_request() && client.connection.may_have_more()) client.connection.receive();
     if (client.connection.has_request()) shares_.make_ready(client);
     count_memory(client);
+    if (answers_.bytes() != 0) start_ticking();  // the last tick gives back what large answers took
     if (client.list != &served_) move_to(served_, client);
   } catch (const std::bad_alloc&) {
     close(client, CloseReason::out_of_memory);

@@ -24,7 +24,7 @@ class LogLine {
 
  private:
   std::string text_;
-  size_t head_size_;
+  size_t head_size_ = 0;
 };
 
 }  // namespace corvane

@@ -24,6 +24,17 @@ TEST(LogLine, EscapesWhatWouldForgeAnotherLine) {
   EXPECT_EQ(message_of("\xc2 "), "\\xc2 ") << "no UTF-8";
 }
 
+TEST(LogLine, FindsAControlCharacterAtEveryPlace) {
+  for (size_t place = 0; place < 20; ++place) {
+    SCOPED_TRACE(place);
+    std::string message(20, '~');
+    message[place] = '\x1f';
+    EXPECT_EQ(message_of(message), std::string(place, '~') + "\\x1f" + std::string(19 - place, '~'));
+    message[place] = '\x7f';
+    EXPECT_EQ(message_of(message), std::string(place, '~') + "\\x7f" + std::string(19 - place, '~'));
+  }
+}
+
 TEST(LogLine, CutsALongMessageBehindAWholeCharacter) {
   std::string euros;
   for (int i = 0; i < 300; ++i) euros += "\xe2\x82\xac";

@@ -16,13 +16,16 @@ namespace corvane {
 
 namespace {
 
-// As syslog(3) writes it: in local time, to the second.
+// As syslog(3) writes it: in local time, to the second. The second rarely changes: it is kept as text.
 std::string head(int level) {
-  const std::time_t now = std::time(nullptr);
-  std::tm local;
-  localtime_r(&now, &local);
-  char time[32];
-  std::strftime(time, sizeof time, "%b %e %H:%M:%S", &local);
+  thread_local std::time_t formatted_second = -1;
+  thread_local char time[32];
+  if (const std::time_t now = std::time(nullptr); now != formatted_second) {
+    std::tm local;
+    localtime_r(&now, &local);
+    std::strftime(time, sizeof time, "%b %e %H:%M:%S", &local);
+    formatted_second = now;
+  }
   char text[96];
   const int priority = LOG_DAEMON | std::clamp(level, LOG_EMERG, LOG_DEBUG);
   std::snprintf(text, sizeof text, "<%d>%s corvaned[%d]: ", priority, time, getpid());

@@ -90,11 +90,14 @@ std::optional<Environment> read_environment(std::string& refusal) {
   return std::nullopt;
 }
 
-// By default malloc(3) soon keeps the memory of large answers instead of returning it. The memory of usual ones it
-// should keep, so that it is not paged in anew for each.
+// By default malloc(3) soon keeps the memory of large answers instead of returning it. The memory of one answer it
+// should keep while clients ask, so that it is not paged in anew for each: the listeners have it returned when
+// they have been idle for a moment. That returns the end of the heap only in the first arena, so there is no other
+// one. Above 24 MiB paging in costs little beside sending.
 void set_memory_thresholds() {
-  mallopt(M_MMAP_THRESHOLD, 4 << 20);
-  mallopt(M_TRIM_THRESHOLD, 8 << 20);
+  mallopt(M_ARENA_MAX, 1);
+  mallopt(M_MMAP_THRESHOLD, 24 << 20);
+  mallopt(M_TRIM_THRESHOLD, 24 << 20);
 }
 
 bool prepare_process(const std::string& root, std::string& refusal) {
