@@ -47,7 +47,7 @@ start_bridge() {
 hears() { grep -qF -- "$1" "$work/heard"; }
 copy_images() { gdbus call --system -d "${object[0]}" -o "${object[1]}" -m $interface.CopyRegulatoryImages; }
 refuses_images() { expect 1 "*:com.norvane.corvaned.Error.$1: $2" copy_images; }
-store() { "$bin/corvanectl" images --store <(echo "<plist>$1</plist>"); }
+store() { "$bin/corvanectl" images --store <(echo "<plist>$1</plist>") >/dev/null; }
 interface_in() { sed -n "/<interface name=\"$interface\">/,/<\/interface>/p"; }
 as_user() { setpriv --reuid "$1" --clear-groups "${@:2}"; }
 
@@ -109,7 +109,7 @@ done <"$work/examples"
 
 step='values of every kind'
 stored=$CORVANE_ROOT/private/var/mobile/Library/cvd/regulatory_images/regulatory_images.plist
-set_images() { expect 0 '' "$bin/corvanectl" profile --profile "$stored" set --json RegulatoryImages "$1"; }
+set_images() { expect 0 'set *' "$bin/corvanectl" profile --profile "$stored" set --json RegulatoryImages "$1"; }
 set_images '["text", -9223372036854775808, 18446744073709551615, 0.5, true, false, {"$date": -0.25},
   {"$data": "AP8="}, {"$set": [{"$set": []}]}, {"key": [{}]}]'
 values='s "text" x -9223372036854775808 t 18446744073709551615 d 0.5 b true b false (sd) "date" -0.25'
@@ -135,7 +135,7 @@ refuses_images NotCarried 'the images have more than 31 MiB'
 store '<string>small</string>'
 
 step='another SIM card'
-"$bin/corvanectl" profile set Telephony.SIMIdentity 8901260123456789012
+"$bin/corvanectl" profile set Telephony.SIMIdentity 8901260123456789012 >/dev/null
 eventually hears "$interface.Notification ('com.norvane.mobile.keelhold.phone_number_changed',)"
 
 step='the interface is the one that is installed'

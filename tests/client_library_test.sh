@@ -97,7 +97,7 @@ done
 CORVANE_PLATFORM=simulated "$(find "$image" -path '*/sbin/corvaned')" 2>"$work/daemon_errors" &
 daemon=$!
 eventually [ -S "$CORVANE_ROOT/run/corvaned/com.norvane.corvaned" ]
-corvanectl images --store "$source/profiles/images.plist"
+corvanectl images --store "$source/profiles/images.plist" >/dev/null
 corvanectl images --save "$work/saved" >"$work/paths"
 
 # follows COMMAND...: it saves the images into $work/out, and prints the notification of a new card.
@@ -117,7 +117,7 @@ follows() {
 
 hears_of_a_new_card() {
   card=$((card + 1))
-  corvanectl profile set Telephony.SIMIdentity "$card"
+  corvanectl profile set Telephony.SIMIdentity "$card" >/dev/null
   sleep 0.2
   grep -q '^com.norvane.mobile.keelhold.phone_number_changed$' "$work/output"
 }
