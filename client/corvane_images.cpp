@@ -8,36 +8,13 @@
 #include <vector>
 
 #include "client/boundary.h"
+#include "client/image_format.h"
 
 using corvane::client::from_c;
 using corvane::plist::cast;
 using corvane::plist::Ref;
 namespace client = corvane::client;
 namespace plist = corvane::plist;
-
-namespace {
-
-struct Format {
-  std::string_view first_bytes;
-  const char* media_type;
-  const char* extension;
-};
-
-constexpr Format formats[] = {
-    {"\x89PNG\r\n\x1a\n", "image/png", "png"}, {"\xff\xd8\xff", "image/jpeg", "jpg"}, {"GIF8", "image/gif", "gif"},
-    {"%PDF-", "application/pdf", "pdf"},       {"<svg", "image/svg+xml", "svg"},      {"BM", "image/bmp", "bmp"},
-    {"<?xml", "application/xml", "xml"},
-};
-constexpr Format unknown = {"", "application/octet-stream", "bin"};
-
-const Format& format_of(std::string_view bytes) {
-  for (const Format& format : formats) {
-    if (bytes.starts_with(format.first_bytes)) return format;
-  }
-  return unknown;
-}
-
-}  // namespace
 
 struct corvane_images {
   struct Level {
@@ -105,7 +82,7 @@ corvane_status corvane_images_next(corvane_images* images, corvane_image* image)
     if (image == nullptr) return CORVANE_OK;
     size_t length = 0;
     const void* bytes = corvane_value_data(found, &length);
-    const Format& format = format_of({static_cast<const char*>(bytes), length});
+    const client::ImageFormat& format = client::image_format({static_cast<const char*>(bytes), length});
     *image = {images->name.c_str(), images->name.size(), bytes, length, format.media_type, format.extension};
     return CORVANE_OK;
   });

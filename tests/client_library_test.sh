@@ -1,19 +1,9 @@
 #!/usr/bin/env bash
 # Installs the build into a folder, and with what is there builds and runs the programs of docs/client.md against a
 # daemon on a simulated phone. Usage: client_library_test.sh BUILD_DIR
-set -uo pipefail
 build=$(realpath "$1")
-source=$(realpath "$(dirname "$0")/..")
-work=$(realpath "$(mktemp -d)")
+source "$(dirname "$0")/support/corvanectl.sh" "$build/bin"
 image=$work/image
-daemon='' client=''
-failures=0
-trap 'kill $daemon $client 2>/dev/null; rm -rf "$work"' EXIT
-
-fail() {
-  printf 'FAILED: %s: %s\n' "$step" "$1" >&2
-  failures=$((failures + 1))
-}
 
 # must COMMAND...: prints what it writes where it fails.
 must() {
@@ -25,16 +15,6 @@ must() {
 same() {
   if [ "$2" != "$3" ]; then fail "$1: $(diff <(echo "$2") <(echo "$3"))"; fi
 }
-
-eventually() {
-  local deadline=$((SECONDS + 60))
-  until "$@"; do
-    if [ $SECONDS -gt $deadline ]; then fail "waited in vain for '$*'" && exit 1; fi
-    sleep 0.1
-  done
-}
-
-corvanectl() { "$build/bin/corvanectl" "$@"; }
 
 # The program that docs/client.md shows under a link to this file.
 shown() { sed -n "/^\[examples\/$1\]/,/^\`\`\`\$/p" "$source/docs/client.md" | sed '1,/^```./d; /^```$/d'; }
@@ -81,11 +61,7 @@ must cmake -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="${libraries%/lib*}"
 must cmake --build "$work/build"
 
 step='no daemon'
-export CORVANE_ROOT=$work/root CORVANE_PROFILE=$work/profile.plist
-mkdir -p "$CORVANE_ROOT"/private/var/mobile/Library/{Logs,Preferences} "$CORVANE_ROOT"/{run/corvaned,var}
 mkdir "$work/saved"
-ln -s ../private/var/mobile "$CORVANE_ROOT/var/mobile"
-cp "$source/profiles/phone.plist" "$CORVANE_PROFILE"
 for program in "$work/client_c $work" "$work/client_cpp" "/usr/bin/python3 $work/client.py $work" \
   "/usr/bin/python3 $work/raw_wire.py"; do
   output=$($program 2>&1) && fail "'$program' succeeded"
@@ -94,9 +70,7 @@ for program in "$work/client_c $work" "$work/client_cpp" "/usr/bin/python3 $work
   fi
 done
 
-CORVANE_PLATFORM=simulated "$(find "$image" -path '*/sbin/corvaned')" 2>"$work/daemon_errors" &
-daemon=$!
-eventually [ -S "$CORVANE_ROOT/run/corvaned/com.norvane.corvaned" ]
+start_daemon simulated
 corvanectl images --store "$source/profiles/images.plist" >/dev/null
 corvanectl images --save "$work/saved" >"$work/paths"
 
@@ -105,12 +79,11 @@ follows() {
   rm -rf "$work/out" && mkdir "$work/out"
   mkfifo "$work/input"
   "$@" >"$work/output" 2>&1 <"$work/input" &
-  client=$!
+  local client=$!
   exec 3>"$work/input"
   eventually hears_of_a_new_card
   exec 3>&-
   wait "$client" || fail "it ended with status $?: $(cat "$work/output")"
-  client=''
   rm "$work/input"
   same 'the images' "$(cat $(sort "$work/paths") | md5sum)" "$(cat "$work"/out/* | md5sum)"
 }
@@ -135,7 +108,5 @@ must mypy --strict --cache-dir=/dev/null "$PYTHONPATH/corvane" "$source/examples
 step='the raw wire'
 same 'the answers' "version $version"$'\nimages stored under 9.1' "$(/usr/bin/python3 "$work/raw_wire.py" 2>&1)"
 
-kill "$daemon"
-wait "$daemon" || fail "the daemon ended with status $?: $(cat "$work/daemon_errors")"
-daemon=''
+end_daemon
 [ $failures -eq 0 ]

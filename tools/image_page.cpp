@@ -3,11 +3,12 @@
 #include <cstdint>
 #include <string_view>
 
+#include "client/image_format.h"
 #include "plist/base64_text.h"
 #include "plist/describe.h"
 #include "plist/printable.h"
-#include "tools/image_format.h"
 #include "tools/images.h"
+#include "tools/pixel_size.h"
 
 // A card for each data value of the answer. An image is an <img> with a data: URI, also an SVG one: browsers run
 // no script and load nothing from within an <img>. Data that no browser shows as an image gets a note in its
@@ -123,20 +124,20 @@ std::string row(const char* title, const std::string& text) {
 }
 
 bool is_shown(const FoundData& data) {
-  const ImageFormat& format = image_format(data.bytes);
-  return format.media_type != nullptr && (format.ending == std::string_view(".svg") || pixel_size(data.bytes));
+  const client::ImageFormat& format = client::image_format(data.bytes);
+  return format.is_image && (format.extension == std::string_view("svg") || pixel_size(data.bytes));
 }
 
 std::string note(const FoundData& data) {
-  const ImageFormat& format = image_format(data.bytes);
+  const client::ImageFormat& format = client::image_format(data.bytes);
   if (data.bytes.empty()) return "No bytes";
-  return std::string(format.name) + (format.media_type == nullptr ? ", not shown here" : ", cut short or damaged");
+  return std::string(format.name) + (format.is_image ? ", cut short or damaged" : ", not shown here");
 }
 
 std::string picture(const FoundData& data, std::string_view name) {
   if (!is_shown(data)) return "<div class=\"mat note\"><p>" + note(data) + "</p></div>\n";
   std::string html = "<div class=\"mat\"><img alt=\"" + escaped(name) + "\" src=\"data:";
-  html.append(image_format(data.bytes).media_type).append(";base64,");
+  html.append(client::image_format(data.bytes).media_type).append(";base64,");
   plist::append_base64(html, data.bytes);
   return html + "\"></div>\n";
 }
@@ -156,7 +157,7 @@ std::string card(const FoundData& data) {
   html += "<h2>" + escaped(name) + "</h2>\n<dl>\n";
   const std::string_view region = text_beside(data, "Region");
   if (!region.empty()) html += row("Region", escaped(region));
-  html += row("Format", image_format(data.bytes).name) + row("Size", sizes(data));
+  html += row("Format", client::image_format(data.bytes).name) + row("Size", sizes(data));
   html += "<dt>Path</dt><dd class=\"path\">" + path_html(path) + "</dd>\n";
   return html + "</dl>\n</figcaption>\n</figure>\n";
 }

@@ -8,7 +8,7 @@
 #include <set>
 #include <stdexcept>
 
-#include "tools/image_format.h"
+#include "client/image_format.h"
 
 namespace corvane::tools {
 
@@ -78,7 +78,8 @@ class Saver {
   explicit Saver(const std::string& folder) : folder_(folder) {}
 
   void save(const FoundData& data) {
-    const std::string path = folder_ + "/" + unused_name(joined(data.path), image_format(data.bytes).ending);
+    const std::string path =
+        folder_ + "/" + unused_name(joined(data.path), client::image_format(data.bytes).extension);
     std::ofstream file(path, std::ios::binary);
     file.write(data.bytes.data(), static_cast<std::streamsize>(data.bytes.size())).flush();
     if (!file) throw std::runtime_error("could not write " + path + ": " + std::strerror(errno));
@@ -89,8 +90,8 @@ class Saver {
 
  private:
   // The second value of a name gets the number 2.
-  std::string unused_name(const std::string& name, const char* ending) {
-    const std::string stem = safe_file_name(name);
+  std::string unused_name(const std::string& name, const std::string& extension) {
+    const std::string stem = safe_file_name(name), ending = "." + extension;
     int& number = last_numbers_[stem + ending];
     std::string candidate;
     do {

@@ -1,4 +1,5 @@
-# What the tests of corvanectl share: how they run it, and a daemon on a simulated phone below a root of its own.
+# What tests of installed programs share: how they run corvanectl, and a daemon on a simulated phone below a root of
+# its own. To be sourced with the folder of the programs as the first argument.
 set -uo pipefail
 bin=$1
 source=$(realpath "$(dirname "$0")/..")

@@ -1,27 +1,10 @@
-#include "tools/image_format.h"
+#include "tools/pixel_size.h"
 
 #include <cstddef>
 
 namespace corvane::tools {
 
 namespace {
-
-struct Signature {
-  std::string_view first_bytes;
-  ImageFormat format;
-};
-
-constexpr Signature signatures[] = {
-    {"\x89PNG", {"PNG", ".png", "image/png"}},  {"\xff\xd8\xff", {"JPEG", ".jpg", "image/jpeg"}},
-    {"GIF8", {"GIF", ".gif", "image/gif"}},     {"BM", {"BMP", ".bmp", "image/bmp"}},
-    {"<svg", {"SVG", ".svg", "image/svg+xml"}}, {"%PDF", {"PDF", ".pdf", nullptr}},
-    {"<?xml", {"XML", ".xml", nullptr}},
-};
-constexpr ImageFormat svg = {"SVG", ".svg", "image/svg+xml"};
-constexpr ImageFormat unknown = {"data", ".bin", nullptr};
-
-// An XML declaration and comments may stand before the image's own element.
-constexpr size_t svg_search_limit = 4096;
 
 // Bytes as a number; 0 where they are not all there, which is no size of an image.
 uint32_t number_at(std::string_view bytes, size_t offset, size_t length, bool big_endian) {
@@ -64,15 +47,6 @@ std::optional<PixelSize> bmp_size(std::string_view bytes) {
 }
 
 }  // namespace
-
-const ImageFormat& image_format(std::string_view bytes) {
-  for (const Signature& signature : signatures) {
-    if (!bytes.starts_with(signature.first_bytes)) continue;
-    const bool is_svg = bytes.starts_with("<?xml") && bytes.substr(0, svg_search_limit).find("<svg") != bytes.npos;
-    return is_svg ? svg : signature.format;
-  }
-  return unknown;
-}
 
 std::optional<PixelSize> pixel_size(std::string_view bytes) {
   if (bytes.starts_with("\x89PNG\r\n\x1a\n")) {
