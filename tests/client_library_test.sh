@@ -57,7 +57,7 @@ find_package(corvane $version REQUIRED)
 add_executable(client client.c)
 target_link_libraries(client corvane::corvane)
 TXT
-must cmake -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="${libraries%/lib*}"
+must cmake -G Ninja -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="${libraries%/lib*}"
 must cmake --build "$work/build"
 
 step='no daemon'
