@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "daemon/answers.h"
+#include "state/detached_value.h"
 #include "state/value_size.h"
 #include "state/values.h"
 #include "wire/limits.h"
@@ -19,7 +20,8 @@ using plist::String;
 
 namespace {
 
-constexpr char not_stored[] = "it is done, but the data ark could not be stored, and the log says why";
+constexpr char not_stored[] =
+    "it is done, but the data ark could not be stored: look into the log, and at the state directory";
 constexpr char too_many_watched[] = "64 keys are watched already: the watches end with the daemon";
 static_assert(wire::watched_keys_limit == 64);
 
@@ -122,7 +124,8 @@ struct SplitKey {
 bool set_values(data_ark* ark, const RestoredEntries& entries) {
   for (const auto& [composed, entry] : entries) {
     const SplitKey split(composed);
-    if (data_ark_set(ark, split.domain.get(), split.key.get(), entry.value) != 0) return false;
+    const Ref<plist::Value> kept = detached_value(*entry.value);
+    if (data_ark_set(ark, split.domain.get(), split.key.get(), kept.get()) != 0) return false;
   }
   return true;
 }
@@ -171,10 +174,12 @@ void ArkMethods::copyArkValueForDomain_key_withCompletionBlock(const ArkKey& key
 void ArkMethods::setArkValue_forDomain_key_withCompletionBlock(plist::Value& value, const ArkKey& key,
                                                                const CompletionBlock& completion) {
   if (!has_ark(completion)) return;
-  const bool is_small_enough = estimate_size(value, wire::ark_change_limit) <= wire::ark_change_limit;
-  if (!may_be_set(key) || !is_small_enough) return answer_bad_argument(completion);
+  const bool may_be_value = estimate_size(value, wire::ark_change_limit) <= wire::ark_change_limit &&
+                            nesting_depth(value) <= wire::ark_value_depth;
+  if (!may_be_set(key) || !may_be_value) return answer_bad_argument(completion);
   const Ref<plist::Dictionary> before = copy_entry(key);
-  if (data_ark_set(ark_, key.domain, key.key, &value) != 0) return answer_failure(completion);
+  const Ref<plist::Value> kept = detached_value(value);
+  if (data_ark_set(ark_, key.domain, key.key, kept.get()) != 0) return answer_failure(completion);
   store_and_answer(data_ark_dirty_count(ark_) != 0, before.get(), completion);
 }
 

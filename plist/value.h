@@ -117,6 +117,7 @@ class Ref {
   T* value_ = nullptr;
 };
 
+// The constructors do not throw: what they allocate is there already.
 template <class T, class... Arguments>
 Ref<T> Value::make(size_t behind, Arguments&&... arguments) {
   const ValuePlace place = ValueBlocks::allocate(sizeof(T) + behind);
@@ -186,6 +187,8 @@ class Data : public Value {
   static Ref<Data> slice(Ref<Data> whole, size_t offset, size_t size);
 
   std::string_view bytes() const { return {start_, size_}; }
+  /// Whether the bytes are a part of other data, which it keeps in memory.
+  bool is_slice() const { return owner_.get() != nullptr; }
 
  protected:
   friend class Value;

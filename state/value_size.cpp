@@ -1,5 +1,7 @@
 #include "state/value_size.h"
 
+#include <algorithm>
+
 namespace corvane {
 
 using plist::cast;
@@ -36,7 +38,29 @@ void add(const plist::Value& value, size_t limit, size_t& size) {
   if (const auto* dictionary = cast<plist::Dictionary>(&value)) add_entries(*dictionary, limit, size);
 }
 
+template <class Items>
+unsigned depth_of_items(const Items& items) {
+  unsigned deepest = 0;
+  for (const auto& item : items) deepest = std::max(deepest, nesting_depth(*item));
+  return deepest + 1;
+}
+
+unsigned depth_of_entries(const plist::Dictionary& dictionary) {
+  unsigned deepest = 0;
+  for (const plist::Dictionary::Entry& entry : dictionary.entries()) {
+    deepest = std::max(deepest, nesting_depth(*entry.value));
+  }
+  return deepest + 1;
+}
+
 }  // namespace
+
+unsigned nesting_depth(const plist::Value& value) {
+  if (const auto* array = cast<plist::Array>(&value)) return depth_of_items(array->items());
+  if (const auto* set = cast<plist::Set>(&value)) return depth_of_items(set->items());
+  const auto* dictionary = cast<plist::Dictionary>(&value);
+  return dictionary == nullptr ? 0 : depth_of_entries(*dictionary);
+}
 
 size_t estimate_size(const plist::Value& value, size_t limit) {
   size_t size = 0;

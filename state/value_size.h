@@ -11,4 +11,7 @@ namespace corvane {
 /// that a value which repeats itself is measured in bounded time.
 size_t estimate_size(const plist::Value& value, size_t limit);
 
+/// How many containers lie in one another in a value: 0 for a leaf. Walks what occurs several times each time.
+unsigned nesting_depth(const plist::Value& value);
+
 }  // namespace corvane

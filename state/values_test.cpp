@@ -1,3 +1,4 @@
+#include "state/detached_value.h"
 #include "state/values.h"
 
 #include "plist/describe.h"
@@ -35,6 +36,20 @@ TEST(MakeMutable, CopiesDataAndOneLevelOfADictionary) {
   EXPECT_EQ(as_dictionary(copy.get())->get("inner"), data.get());
   plist::cast<plist::MutableDictionary>(copy.get())->remove("inner");
   EXPECT_EQ(original->size(), 1u);
+}
+
+TEST(Detached, KeepsNothingOfTheMessage) {
+  const auto message = plist::Data::create("a message");
+  const auto array = create_array();
+  array->append(plist::Data::slice(message, 2, 7));
+  const auto value = create_dict();
+  value->set("inner", array);
+  value->set("text", plist::String::create("text"));
+  const plist::Ref<plist::Value> detached = detached_value(*value);
+  EXPECT_TRUE(plist::equal(detached.get(), value.get()));
+  const auto* inner = as_array(as_dictionary(detached.get())->get("inner"));
+  EXPECT_FALSE(plist::cast<plist::Data>(inner->items()[0].get())->is_slice());
+  EXPECT_EQ(detached_value(*detached).get(), detached.get()) << "copied although it holds no slice";
 }
 
 TEST(Iteration, RunsOverASnapshotWhileTheCallbackChangesTheContainer) {

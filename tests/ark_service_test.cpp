@@ -161,6 +161,12 @@ TEST_F(ArkService, BadArgumentsChangeNothing) {
   megabyte->append(text(std::string(1u << 20, 'x')));
   for (int times = 0; times < 65; ++times) repeated->append(megabyte);
   EXPECT_EQ(said(client::set_ark_value(operator_, {{}, "k"}, repeated)), bad_argument) << "over 64 MiB, counted";
+  Ref<plist::Value> nest = text("v");
+  for (unsigned depth = 0; depth < wire::ark_value_depth + 1; ++depth) {
+    const auto around = plist::MutableArray::create();
+    around->append(std::exchange(nest, around));
+  }
+  EXPECT_EQ(said(client::set_ark_value(operator_, {{}, "k"}, nest)), bad_argument) << "too deep to be restored";
   EXPECT_EQ(set({{}, std::string(wire::ark_key_size, 'k')}, "v"), bad_argument);
   EXPECT_EQ(said(client::watch_ark_value(operator_, {{}, ""})), bad_argument);
   EXPECT_EQ(said(client::watch_ark_value(operator_, {{}, std::string(wire::watched_key_size, 'k')})),

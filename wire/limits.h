@@ -16,6 +16,8 @@ inline constexpr uint32_t response_limit = 128u << 20;
 
 /// A request nests less deeply than a property list may, so that a response that carries its values can be read.
 inline constexpr unsigned request_depth_limit = 120;
+/// A value that is set in the data ark: what is set alone can be restored among others, two levels deeper.
+inline constexpr unsigned ark_value_depth = request_depth_limit - 3;
 
 /// While a connection's pending output is more than this, the daemon reads nothing more from it.
 inline constexpr size_t unread_output_limit = 1u << 20;
