@@ -101,17 +101,23 @@ bool replace_file(const plist::Dictionary& entries, bool directory_is_linked) {
   return false;
 }
 
+// Answers whether no ark is left in the directory, which could not be opened where `refused` is not 0.
+bool delete_file(const data_ark& ark, const Descriptor& directory, int refused) {
+  if (refused != 0) return refused == ENOENT;
+  if (ark.unreadable_in_place) return true;
+  return unlinkat(directory.number(), ark_file, 0) == 0 || errno == ENOENT;
+}
+
 bool store_entries(data_ark& ark) {
   const Ref<plist::Dictionary> entries = persistent_entries(ark);
   const Descriptor directory(open_state_directory());
-  const bool directory_is_linked = !directory.is_open() && errno == ELOOP;
+  const int refused = directory.is_open() ? 0 : errno;
   if (entries && entries->size() != 0) {
-    if (!replace_file(*entries, directory_is_linked)) return false;
+    if (!replace_file(*entries, refused == ELOOP)) return false;
     ark.unreadable_in_place = false;
-  } else if (directory.is_open() && !ark.unreadable_in_place) {
-    unlinkat(directory.number(), ark_file, 0);
+    return true;
   }
-  return entries.get() != nullptr;
+  return delete_file(ark, directory, refused) && entries;
 }
 
 }  // namespace

@@ -184,8 +184,13 @@ TEST_F(Ark, AFailedStoreLeavesTheOldFileAndTheNextOneStoresAll) {
   fs::create_directories(path_ + "/in the way");
   data_ark_store(ark_.get());
   EXPECT_EQ(log().back(), "data_ark_store: Problem renaming " + temporary + ": Is a directory");
+  EXPECT_EQ(data_ark_status(ark_.get()).failed_stores, 2u);
+  remove(nullptr, "key");
+  data_ark_store(ark_.get());
+  EXPECT_EQ(data_ark_status(ark_.get()).failed_stores, 3u) << "nothing is left, and the file cannot be deleted";
 
   fs::remove_all(path_);
+  set(nullptr, "key", "new");
   data_ark_store(ark_.get());
   EXPECT_EQ(stored(), R"({"-key": "new"})");
 }
