@@ -25,6 +25,9 @@ using std::chrono::steady_clock;
 namespace {
 
 // For the log, by CloseReason. Refusing and evicting have lines of their own.
+// 5 s.
+constexpr unsigned ticks_between_trims = 20;
+
 constexpr std::array<const char*, close_reason_names.size()> faults{
     nullptr,
     nullptr,
@@ -348,8 +351,12 @@ void LocalListener::tick() {
     run(client, [&] { client.connection.tick(); });
   }
   drop_closed();
-  // Nobody waits for anything now: what large answers took goes back to the system.
-  if (!ticking_) malloc_trim(0);
+  // What large answers took goes back to the system when nobody waits for anything, and also where somebody always
+  // does.
+  if (!ticking_ || ++ticks_since_trim_ == ticks_between_trims) {
+    malloc_trim(0);
+    ticks_since_trim_ = 0;
+  }
 }
 
 }  // namespace corvane

@@ -105,6 +105,7 @@ class LocalListener final : public IpcListener {
   bool awaits_turns_ = false;                           ///< the timer will call `work`
   bool posted_ = false;                                 ///< the event loop will
   bool ticking_ = false;
+  unsigned ticks_since_trim_ = 0;
 
   ConnectionCounts counts_;  ///< without the open connections and their limit
   RateLimitedReport refused_report_;

@@ -4,6 +4,7 @@
 #include <asio/error.hpp>
 #include <asio/local/stream_protocol.hpp>
 
+#include <algorithm>
 #include <new>
 #include <poll.h>
 #include <utility>
@@ -41,6 +42,7 @@ class NotificationServer::Subscriber : public ShareTable::Entry, public std::ena
 
   /// Closes the connection once the subscriber has disconnected.
   void watch_for_disconnect();
+  bool is_open() const { return socket_.is_open(); }
   /// Whether the connection is closed. Closes it where the subscriber has disconnected, or had sent urgent data.
   bool is_disconnected();
   /// Whether it will get the frame, or else misses it.
@@ -127,7 +129,8 @@ void NotificationServer::resume() {
 
 NotificationCounts NotificationServer::counts() const {
   NotificationCounts counts = counts_;
-  counts.subscribers.open = shares_.size();
+  const auto is_open = [](const auto& subscriber) { return subscriber->is_open(); };
+  counts.subscribers.open = static_cast<size_t>(std::ranges::count_if(subscribers_, is_open));
   return counts;
 }
 
