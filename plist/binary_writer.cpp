@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cassert>
 #include <cstring>
 #include <limits>
 
@@ -117,6 +118,7 @@ Ref<String> BinaryWriter::write(const Value& value) {
   buffer_.resize(size - shared_size_);
   to_ = buffer_.data();
   write_objects();
+  assert(to_ == buffer_.data() + buffer_.size() && "an object does not have the size that was measured");
   if (moved_ == 0) {
     out_.append(std::move(buffer_));
   } else {

@@ -3,6 +3,7 @@
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/inlined_vector.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <string_view>
@@ -22,9 +23,10 @@ class LeafTable {
 
   explicit LeafTable(const Objects& objects) : objects_(objects) {}
 
-  /// Up to `count` more leaves may follow: the table grows at once, not step by step.
+  /// Up to `count` more leaves may follow: the table grows at once, not step by step. Many of them may be equal,
+  /// so that it does so up to a limit only.
   void expect(size_t count) {
-    if (objects_.size() + count > few) make_room_for(count);
+    if (objects_.size() + count > few) make_room_for(std::min(count, most_expected));
   }
 
   /// The number of the equal leaf seen before; otherwise `next`, which is the leaf's number from then on.
@@ -33,6 +35,7 @@ class LeafTable {
  private:
   /// Up to this many objects are compared one by one with a short leaf, which costs less than a table.
   static constexpr size_t few = 16;
+  static constexpr size_t most_expected = 1 << 16;
   static constexpr uint32_t unknown = static_cast<uint32_t>(-1);
 
   /// A place of the table; free where the number is `unknown`. The hash is kept, so that the table grows without

@@ -5,12 +5,17 @@
 
 #include "plist/value_blocks.h"
 
-#include <sanitizer/asan_interface.h>
-
 #include <algorithm>
 #include <atomic>
 #include <new>
 #include <utility>
+
+#if __has_include(<sanitizer/asan_interface.h>)
+#include <sanitizer/asan_interface.h>
+#else
+#define ASAN_POISON_MEMORY_REGION(memory, size)
+#define ASAN_UNPOISON_MEMORY_REGION(memory, size)
+#endif
 
 namespace corvane::plist {
 
