@@ -49,14 +49,16 @@ bool MethodTable::deliver(ExportedObject& object, const Message& message, plist:
   if (message.kind != Message::raw_data) return false;
   ++counts_.answered;
   Ref<plist::String> selector = no_selector;
+  int32_t error = 0;
   try {
-    encode(*answer(object, message, selector), response);
+    encode(*answer(object, message, selector, error), response);
   } catch (const std::bad_alloc&) {
     // The memory that the request took is free again by now.
     cv_log("deliver", 0, "out of memory");
-    count_error(CorvaneError::operation_failed);
+    error = CorvaneError::operation_failed;
     encode_failure(selector, response);
   }
+  if (error != 0) count_error(error);
   return true;
 }
 
@@ -73,7 +75,7 @@ const MethodTable::Method* MethodTable::find(const plist::String* selector) cons
 }
 
 Ref<plist::MutableDictionary> MethodTable::answer(ExportedObject& object, const Message& message,
-                                                  Ref<plist::String>& selector) const {
+                                                  Ref<plist::String>& selector, int32_t& error_code) const {
   const Ref<plist::Dictionary> request = copy_dict_from_port_data(&message);
   plist::String* asked = request ? wire::request_selector(*request) : nullptr;
   if (asked != nullptr) selector = asked;
@@ -82,14 +84,14 @@ Ref<plist::MutableDictionary> MethodTable::answer(ExportedObject& object, const 
   const Method* method = find(asked);
   if (method == nullptr) {
     const char* reason = request ? "no such request" : "unreadable request";
-    count_error(CorvaneError::unexpected_parameter);
-    set_error(*response, reason, CorvaneError::getError(CorvaneError::unexpected_parameter));
+    error_code = CorvaneError::unexpected_parameter;
+    set_error(*response, reason, CorvaneError::getError(error_code));
     return response;
   }
   const auto complete = [&](plist::Dictionary* reply, const ErrorObject* error) {
     if (reply != nullptr) response->set(reply_key, reply);
     if (error == nullptr) return;
-    count_error(error->code);
+    error_code = error->code;
     set_error(*response, selector->c_string(), *error);
   };
   // A completion block that holds only a reference allocates nothing.

@@ -38,9 +38,9 @@ class MethodTable final : public ExportedInterface {
  private:
   void count_error(int32_t code) const;
   const Method* find(const plist::String* selector) const;
-  // `selector` becomes that of the request, where it has one.
+  // `selector` becomes that of the request, where it has one, and `error_code` that of the error that is answered.
   plist::Ref<plist::MutableDictionary> answer(ExportedObject& object, const Message& message,
-                                              plist::Ref<plist::String>& selector) const;
+                                              plist::Ref<plist::String>& selector, int32_t& error_code) const;
 
   const std::vector<Method> methods_;
   mutable Counts counts_;

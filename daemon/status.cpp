@@ -1,6 +1,5 @@
 #include "daemon/status.h"
 
-#include <ctime>
 #include <string>
 
 #include "daemon/log/cv_log.h"
@@ -39,17 +38,11 @@ class Record {
 
 Ref<plist::Value> yes_or_no(bool value) { return Boolean::of(value); }
 
-// The clock may have been set since the start; how long that is ago does not change.
-Ref<plist::Date> start_of(const ProcessStatus& process) {
-  const auto now = static_cast<double>(std::time(nullptr));
-  return plist::Date::create(now - static_cast<double>(process.uptime_seconds) - unix_time_of_2001);
-}
-
 Record process_record() {
   const ProcessStatus process = platform().process_status();
   return Record()
       .add("PID", static_cast<uint64_t>(process.pid))
-      .add("Started", start_of(process))
+      .add("Started", plist::Date::create(static_cast<double>(process.started) - unix_time_of_2001))
       .add("Uptime", process.uptime_seconds)
       .add("ResidentBytes", process.resident_bytes)
       .add("PrivateBytes", process.private_bytes)

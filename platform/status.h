@@ -10,6 +10,7 @@ namespace corvane {
 /// What the daemon's process takes now. What cannot be read is 0.
 struct ProcessStatus {
   int32_t pid = 0;
+  int64_t started = 0;          ///< Unix time, by the clock as it is set now
   uint64_t uptime_seconds = 0;  ///< while the device slept included
   uint64_t resident_bytes = 0;
   uint64_t private_bytes = 0;  ///< those of them that no file backs

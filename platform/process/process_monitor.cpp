@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -14,10 +16,12 @@ namespace corvane {
 
 namespace {
 
-time_t seconds_since_boot() {
+constexpr int64_t second = 1'000'000'000;
+
+int64_t now_of(clockid_t clock) {
   timespec now{};
-  clock_gettime(CLOCK_BOOTTIME, &now);
-  return now.tv_sec;
+  clock_gettime(clock, &now);
+  return now.tv_sec * second + now.tv_nsec;
 }
 
 void read_memory(ProcessStatus& status) {
@@ -43,12 +47,16 @@ size_t count_descriptors() {
 
 }  // namespace
 
-ProcessMonitor::ProcessMonitor() : started_(seconds_since_boot()) {}
+ProcessMonitor::ProcessMonitor() : started_since_boot_(now_of(CLOCK_BOOTTIME)), started_(now_of(CLOCK_REALTIME)) {}
 
 ProcessStatus ProcessMonitor::status() const {
   ProcessStatus status;
   status.pid = getpid();
-  status.uptime_seconds = static_cast<uint64_t>(seconds_since_boot() - started_);
+  const int64_t uptime = now_of(CLOCK_BOOTTIME) - started_since_boot_;
+  status.uptime_seconds = static_cast<uint64_t>(uptime / second);
+  // The clock may have been set since. Below a second that is the two clocks' drift, and the start stays the same.
+  const int64_t moved = now_of(CLOCK_REALTIME) - uptime - started_;
+  status.started = (started_ + (std::abs(moved) < second ? 0 : moved)) / second;
   read_memory(status);
   status.descriptors = count_descriptors();
   rlimit limit{};

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <ctime>
+#include <cstdint>
 
 #include "platform/status.h"
 
@@ -14,7 +14,9 @@ class ProcessMonitor {
   ProcessStatus status() const;
 
  private:
-  const time_t started_;  ///< in seconds since the boot, while the device slept included
+  // In nanoseconds. The time since the boot includes that while the device slept.
+  const int64_t started_since_boot_;
+  const int64_t started_;
 };
 
 }  // namespace corvane
