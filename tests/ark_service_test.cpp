@@ -162,6 +162,7 @@ TEST_F(ArkService, BadArgumentsChangeNothing) {
   for (int times = 0; times < 65; ++times) repeated->append(megabyte);
   EXPECT_EQ(said(client::set_ark_value(operator_, {{}, "k"}, repeated)), bad_argument) << "over 64 MiB, counted";
   EXPECT_EQ(set({{}, std::string(wire::ark_key_size, 'k')}, "v"), bad_argument);
+  EXPECT_EQ(set({{}, std::string("k\0", 2)}, "v"), bad_argument);
   EXPECT_EQ(said(client::watch_ark_value(operator_, {{}, ""})), bad_argument);
   EXPECT_EQ(said(client::watch_ark_value(operator_, {{}, std::string(wire::watched_key_size, 'k')})),
             bad_argument);
