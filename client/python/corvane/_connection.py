@@ -32,8 +32,8 @@ class ArkEntry(NamedTuple):
 
 
 class Handle:
-    """A handle of the library, which is closed once: by close(), or with the object that owns it. What is open at the
-    exit is left to the system."""
+    """A handle of the library, which is closed once: by close(), or with the object that owns it. What is open at
+    the exit is left to the system."""
 
     def __init__(self, owner: object, pointer: int, close: Callable[[int], None]) -> None:
         self._pointer = pointer
