@@ -22,6 +22,13 @@ DaemonLink::DaemonLink(sd_event& loop, Handlers handlers)
   sd_event_source* source = nullptr;
   require(sd_event_add_time(&loop, &source, CLOCK_MONOTONIC, 0, 0, run_out, this), "sd_event_add_time");
   retry_timer_.reset(source);
+  const auto next_turn = [](sd_event_source*, void* self) {
+    static_cast<DaemonLink*>(self)->read();
+    return 0;
+  };
+  require(sd_event_add_defer(&loop, &source, next_turn, this), "sd_event_add_defer");
+  unread_.reset(source);
+  sd_event_source_set_enabled(source, SD_EVENT_OFF);
 }
 
 void DaemonLink::connect() {
@@ -67,18 +74,26 @@ void DaemonLink::take(Connected connected) {
 }
 
 void DaemonLink::set_reading(bool reads) {
+  const bool was_reading = std::exchange(reads_, reads);
   if (readable_) sd_event_source_set_enabled(readable_.get(), reads ? SD_EVENT_ON : SD_EVENT_OFF);
+  if (reads && !was_reading) read_on();
+}
+
+void DaemonLink::read_on() {
+  require(sd_event_source_set_enabled(unread_.get(), SD_EVENT_ONESHOT), "sd_event_source_set_enabled");
 }
 
 void DaemonLink::read() {
   wire::Notification notification;
   std::string why;
-  client::Outcome outcome;
-  while ((outcome = subscription_->next(notification, why, {})) == client::Outcome::answered) {
+  for (int count = 0; subscription_ && reads_; ++count) {
+    if (count == notifications_per_turn) return read_on();
+    const client::Outcome outcome = subscription_->next(notification, why, {});
+    if (outcome == client::Outcome::timed_out) return;
+    if (outcome != client::Outcome::answered) return lose(why);
     if (notification.missed > 0) handlers_.missed(static_cast<uint64_t>(notification.missed));
     if (!notification.name.empty()) handlers_.notified(notification.name);
   }
-  if (outcome != client::Outcome::timed_out) lose(why);
 }
 
 void DaemonLink::lose(const std::string& why) {

@@ -15,6 +15,8 @@ namespace corvane::bus {
 
 /// How long the daemon may take for an answer.
 inline constexpr std::chrono::seconds ask_timeout{2};
+/// How many notifications are read before other events have their turn.
+inline constexpr int notifications_per_turn = 64;
 /// How long after a lost or refused connection it is tried again. Doubled each time, up to the longest. A
 /// connection that has lasted for the longest time begins with the shortest again.
 inline constexpr std::chrono::milliseconds shortest_retry{250};
@@ -35,7 +37,8 @@ class DaemonLink {
 
   /// Connects, unless it is connected or about to be.
   void connect();
-  /// Stops or goes on reading notifications. The daemon counts what does not fit its buffers meanwhile.
+  /// Stops or goes on reading notifications. The daemon counts what does not fit its buffers meanwhile. A handler
+  /// may call it, and is given no more notifications when it has stopped reading.
   void set_reading(bool reads);
 
   bool is_available() const { return subscription_ != nullptr; }
@@ -53,6 +56,7 @@ class DaemonLink {
   static Connected find_daemon();
   void take(Connected connected);
   void read();
+  void read_on();
   void lose(const std::string& why);
   void retry_later();
 
@@ -62,6 +66,8 @@ class DaemonLink {
   SourcePtr retry_timer_;
   std::unique_ptr<client::Subscription> subscription_;
   SourcePtr readable_;
+  SourcePtr unread_;  ///< for notifications that the subscription holds already, and for which nothing is readable
+  bool reads_ = true;
   std::string version_;
   std::chrono::milliseconds retry_delay_ = shortest_retry;
   std::chrono::steady_clock::time_point connected_at_;

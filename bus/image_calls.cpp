@@ -12,6 +12,8 @@ namespace corvane::bus {
 
 namespace {
 
+constexpr char failed[] = "com.norvane.corvaned.Error.Failed";
+
 client::Answer ask_for_images() {
   client::Connection connection(wire::public_service, client::Connection::root_from_environment(), ask_timeout);
   return client::copy_regulatory_images(connection);
@@ -32,11 +34,12 @@ int send_images(sd_bus_message* call, const plist::Dictionary& images) {
   const int result = sd_bus_message_new_method_return(call, &message);
   if (result < 0) return result;
   const MessagePtr reply(message);
-  const char* fault = append_dictionary(*message, images);
+  const char* fault = nullptr;
+  const int appended = append_dictionary(*message, images, fault);
   if (fault != nullptr) {
     return refuse(call, "com.norvane.corvaned.Error.NotCarried", std::string("the images have ") + fault);
   }
-  return sd_bus_send(nullptr, message, nullptr);
+  return appended < 0 ? appended : sd_bus_send(nullptr, message, nullptr);
 }
 
 }  // namespace
@@ -54,11 +57,13 @@ ImageCalls::ImageCalls(sd_event& loop) : worker_(loop) {
 
 int ImageCalls::add(sd_bus_message* call, sd_bus_error* error) {
   if (sd_bus_message_get_expect_reply(call) == 0) return 1;
-  size_t& calls = calls_of_[std::string(name_of_caller(call))];
-  if (calls == calls_per_caller || waiting_.size() + asked_.size() == call_limit) {
+  const std::string_view caller = name_of_caller(call);
+  const auto calls = calls_of_.find(caller);
+  const bool has_too_many = calls != calls_of_.end() && calls->second == calls_per_caller;
+  if (has_too_many || waiting_.size() + asked_.size() == call_limit) {
     return sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED, "too many calls wait for an answer");
   }
-  ++calls;
+  ++calls_of_[std::string(caller)];
   waiting_.emplace_back(sd_bus_message_ref(call));
   ask();
   return 1;
@@ -85,18 +90,20 @@ void ImageCalls::answer_next() {
   ask();
 }
 
-// A caller may be gone by now; its answer then goes nowhere.
-void ImageCalls::answer(sd_bus_message* call) {
+// A text of the daemon may be one that D-Bus cannot carry, and memory may be out. A caller may be gone by now; its
+// answer then goes nowhere.
+void ImageCalls::answer(sd_bus_message* call) const {
+  if (send_answer(call) < 0) refuse(call, failed, "the answer could not be sent");
+}
+
+int ImageCalls::send_answer(sd_bus_message* call) const {
   const wire::Response& response = found_.response;
   if (found_.outcome != client::Outcome::answered) {
-    refuse(call, "com.norvane.corvaned.Error.NotAvailable", "the daemon does not answer: " + found_.detail);
-  } else if (response.failed) {
-    refuse(call, "com.norvane.corvaned.Error.Failed", "the daemon answered an error: " + response.description);
-  } else if (!response.reply) {
-    refuse(call, "com.norvane.corvaned.Error.NoImages", "no regulatory images are stored");
-  } else {
-    send_images(call, *response.reply);
+    return refuse(call, "com.norvane.corvaned.Error.NotAvailable", "the daemon does not answer: " + found_.detail);
   }
+  if (response.failed) return refuse(call, failed, "the daemon answered an error: " + response.description);
+  if (response.reply) return send_images(call, *response.reply);
+  return refuse(call, "com.norvane.corvaned.Error.NoImages", "no regulatory images are stored");
 }
 
 }  // namespace corvane::bus

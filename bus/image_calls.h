@@ -35,7 +35,8 @@ class ImageCalls {
  private:
   void ask();
   void answer_next();
-  void answer(sd_bus_message* call);
+  void answer(sd_bus_message* call) const;
+  int send_answer(sd_bus_message* call) const;
 
   SourcePtr answering_;
   std::deque<MessagePtr> waiting_;  ///< for the next request

@@ -1,7 +1,10 @@
 // sd-bus keeps what the bus does not take yet, without a bound worth the name. So nothing large is made, and no
-// notification is read, while it keeps anything. Whether it does is asked after each event.
+// notification is read, while it keeps anything. Whether it does is asked after each event and each notification.
+// Small answers are made all the same, up to a limit.
 
 #include "bus/service.h"
+
+#include <cerrno>
 
 #include "bus/report.h"
 
@@ -58,11 +61,19 @@ Service::Service(sd_event& loop, sd_bus& bus)
   daemon_.connect();
 }
 
-void Service::go_on() {
+bool Service::is_queue_empty() const {
   uint64_t queued = 0;
   sd_bus_get_n_queued_write(&bus_, &queued);
-  daemon_.set_reading(queued == 0);
-  if (queued == 0) image_calls_.go_on();
+  require(queued > queue_limit ? -ENOBUFS : 0, "the bus takes no messages any more");
+  return queued == 0;
+}
+
+void Service::go_on() {
+  const bool is_idle = is_queue_empty();
+  daemon_.set_reading(is_idle);
+  if (!is_idle) return;
+  if (untold_ > 0) tell_missed(0);
+  image_calls_.go_on();
 }
 
 void Service::announce_change() {
@@ -74,11 +85,15 @@ void Service::notify(const std::string& name) {
   const bool is_whole = name.find('\0') == std::string::npos;
   const bool is_sent =
       is_whole && sd_bus_emit_signal(&bus_, object_path, interface_name, "Notification", "s", name.c_str()) >= 0;
-  if (!is_sent) tell_missed(1);
+  if (!is_sent) return tell_missed(1);
+  if (!is_queue_empty()) daemon_.set_reading(false);
 }
 
+// What cannot be told now is told when the bus has taken all that was sent.
 void Service::tell_missed(uint64_t count) {
-  sd_bus_emit_signal(&bus_, object_path, interface_name, "Missed", "t", count);
+  untold_ += count;
+  if (sd_bus_emit_signal(&bus_, object_path, interface_name, "Missed", "t", untold_) >= 0) untold_ = 0;
+  if (!is_queue_empty()) daemon_.set_reading(false);
 }
 
 }  // namespace corvane::bus

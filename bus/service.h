@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <systemd/sd-bus.h>
 
 #include "bus/daemon_link.h"
@@ -12,6 +13,9 @@ inline constexpr char bus_name[] = "com.norvane.corvaned";
 inline constexpr char object_path[] = "/com/norvane/corvaned";
 inline constexpr char interface_name[] = "com.norvane.corvaned1";
 
+/// How many messages may wait for the bus. With more the process ends, because the bus is stuck.
+inline constexpr uint64_t queue_limit = 16'384;
+
 /// The object on the bus: what it answers, and the signals that it sends. docs/dbus.md describes it.
 class Service {
  public:
@@ -22,6 +26,7 @@ class Service {
  private:
   friend struct Table;
 
+  bool is_queue_empty() const;
   void go_on();
   void announce_change();
   void notify(const std::string& name);
@@ -30,6 +35,7 @@ class Service {
   sd_bus& bus_;
   DaemonLink daemon_;
   ImageCalls image_calls_;
+  uint64_t untold_ = 0;  ///< missed notifications of which the bus has not been told
   SlotPtr object_;
   SourcePtr after_events_;
 };

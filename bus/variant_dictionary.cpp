@@ -3,6 +3,7 @@
 
 #include "bus/variant_dictionary.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <span>
@@ -22,6 +23,8 @@ class Writer {
   /// `depth`, here and below, is how many containers are open around the value.
   bool append_entries(const plist::Dictionary& dictionary, unsigned depth);
   const char* fault() const { return fault_; }
+  /// The negative errno of what sd-bus could not do for want of memory; otherwise 0.
+  int error() const { return error_; }
 
  private:
   bool append_variant(const plist::Value& value, unsigned depth);
@@ -47,6 +50,7 @@ class Writer {
   sd_bus_message& message_;
   size_t size_ = 0;
   const char* fault_ = nullptr;
+  int error_ = 0;
 };
 
 bool Writer::refuse(const char* fault) {
@@ -57,7 +61,8 @@ bool Writer::refuse(const char* fault) {
 // Depth and size are checked before sd-bus is asked. Text is all that is left for it to refuse.
 bool Writer::took(int result) {
   if (result == -EINVAL) return refuse("text with U+0000 or a noncharacter");
-  return result >= 0 || refuse("no memory for the message");
+  error_ = std::min(result, 0);
+  return error_ == 0;
 }
 
 bool Writer::count(size_t bytes) {
@@ -174,9 +179,12 @@ bool Writer::append(const plist::Value& value, unsigned depth) {
 
 }  // namespace
 
-const char* append_dictionary(sd_bus_message& message, const plist::Dictionary& dictionary) {
+int append_dictionary(sd_bus_message& message, const plist::Dictionary& dictionary, const char*& fault) {
   Writer writer(message);
-  return writer.append_entries(dictionary, 0) ? nullptr : writer.fault();
+  if (writer.append_entries(dictionary, 0)) return 0;
+  if (writer.fault() == nullptr) return writer.error();
+  fault = writer.fault();
+  return -EINVAL;
 }
 
 }  // namespace corvane::bus

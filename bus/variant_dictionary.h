@@ -20,8 +20,9 @@ inline constexpr size_t size_limit = size_t{31} << 20;
 /// take. A date takes the most, 37 bytes.
 inline constexpr size_t size_of_value = 40;
 
-/// Appends the dictionary as a{sv}, which must be the first value of the message. Answers null, or in one line
-/// what D-Bus cannot carry; the message is of no use then.
-const char* append_dictionary(sd_bus_message& message, const plist::Dictionary& dictionary);
+/// Appends the dictionary as a{sv}, which must be the first value of the message. Returns 0 or a negative errno:
+/// the message is then of no use. With -EINVAL `fault` says in one line what D-Bus cannot carry; otherwise it
+/// stays as it is.
+int append_dictionary(sd_bus_message& message, const plist::Dictionary& dictionary, const char*& fault);
 
 }  // namespace corvane::bus

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 #include <optional>
 #include <poll.h>
 #include <span>
@@ -161,7 +160,13 @@ Answer Call::receive(const plist::String* selector) {
 }  // namespace
 
 Outcome refusal(int connect_error) {
-  return connect_error == EACCES || connect_error == EPERM ? Outcome::not_permitted : Outcome::refused;
+  if (connect_error == EACCES || connect_error == EPERM) return Outcome::not_permitted;
+  return connect_error == EAGAIN ? Outcome::timed_out : Outcome::refused;
+}
+
+std::string refusal_text(const std::string& path, int connect_error) {
+  if (connect_error == EAGAIN) return "the daemon accepts no connection in time";
+  return path + ": " + std::strerror(connect_error);
 }
 
 Connection::Connection(std::string_view service_name, const std::string& root, std::chrono::milliseconds timeout)
@@ -183,8 +188,8 @@ void Connection::disconnect() {
 Answer Connection::ask(const plist::Dictionary& request) {
   try {
     return send_and_receive(request);
-  } catch (const std::bad_alloc&) {
-    // The answer may still come, and must not be taken for that to the next request.
+  } catch (...) {
+    // Memory is out, or the thread is cancelled. The answer may still come, and is not that to the next request.
     disconnect();
     throw;
   }
@@ -200,9 +205,10 @@ Answer Connection::send_and_receive(const plist::Dictionary& request) {
   for (;;) {
     const bool fresh = socket_ < 0;
     if (fresh) socket_ = connect_to(path_, time_left(deadline));
-    if (socket_ < 0 && errno == EAGAIN)
-      return failure(Outcome::timed_out, "the daemon accepts no connection in time");
-    if (socket_ < 0) return failure(refusal(errno), path_ + ": " + std::strerror(errno));
+    if (socket_ < 0) {
+      const int error = errno;
+      return failure(refusal(error), refusal_text(path_, error));
+    }
 
     Call call(socket_, deadline);
     std::optional<Answer> failed = call.send(body);

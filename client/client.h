@@ -32,6 +32,8 @@ struct Answer {
 
 /// How a call ended for which no connection could be made, by the errno of connecting.
 Outcome refusal(int connect_error);
+/// The same for a person. Throws std::bad_alloc.
+std::string refusal_text(const std::string& path, int connect_error);
 
 /// A connection to one service of the daemon, made at the first request. Between requests it may be idle for as
 /// long as the caller likes. The daemon may close it meanwhile; the next request then makes a new one. Blocking;

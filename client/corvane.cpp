@@ -130,6 +130,15 @@ corvane_status call_ark(corvane_connection* connection, const char* domain, cons
   });
 }
 
+// The same for a method that needs a key.
+template <class Ask>
+corvane_status call_with_key(corvane_connection* connection, const char* domain, const char* key,
+                             corvane_value** reply, corvane_error* error, Ask ask) {
+  return call_ark(connection, domain, key, reply, error, [&](Connection& current, const ArkKey& ark_key) {
+    return ark_key.key ? ask(current, ark_key) : refused("the key is NULL");
+  });
+}
+
 Ref<plist::Value> shared(const corvane_value* value) { return const_cast<plist::Value*>(from_c(value)); }
 
 Answer ask(Connection& connection, const char* selector, const corvane_value* arguments) {
@@ -257,21 +266,21 @@ corvane_status corvane_get_carrier(corvane_connection* connection, corvane_value
 
 corvane_status corvane_ark_get(corvane_connection* connection, const char* domain, const char* key,
                                corvane_value** reply, corvane_error* error) {
-  return client::call_ark(connection, domain, key, reply, error, client::copy_ark_value);
+  return client::call_with_key(connection, domain, key, reply, error, client::copy_ark_value);
 }
 
 corvane_status corvane_ark_set(corvane_connection* connection, const char* domain, const char* key,
                                const corvane_value* value, corvane_value** reply, corvane_error* error) {
-  return client::call_ark(connection, domain, key, reply, error,
-                          [&](client::Connection& current, const client::ArkKey& ark_key) {
-                            if (value == nullptr) return client::refused("the value is NULL");
-                            return client::set_ark_value(current, ark_key, client::shared(value));
-                          });
+  return client::call_with_key(connection, domain, key, reply, error,
+                               [&](client::Connection& current, const client::ArkKey& ark_key) {
+                                 if (value == nullptr) return client::refused("the value is NULL");
+                                 return client::set_ark_value(current, ark_key, client::shared(value));
+                               });
 }
 
 corvane_status corvane_ark_remove(corvane_connection* connection, const char* domain, const char* key,
                                   corvane_value** reply, corvane_error* error) {
-  return client::call_ark(connection, domain, key, reply, error, client::remove_ark_value);
+  return client::call_with_key(connection, domain, key, reply, error, client::remove_ark_value);
 }
 
 corvane_status corvane_ark_list(corvane_connection* connection, const char* domain, const char* after,
@@ -303,7 +312,7 @@ corvane_status corvane_ark_set_attributes(corvane_connection* connection, const 
 
 corvane_status corvane_ark_watch(corvane_connection* connection, const char* domain, const char* key,
                                  corvane_value** reply, corvane_error* error) {
-  return client::call_ark(connection, domain, key, reply, error, client::watch_ark_value);
+  return client::call_with_key(connection, domain, key, reply, error, client::watch_ark_value);
 }
 
 // ---- notifications ------------------------------------------------------------------------------------

@@ -238,7 +238,7 @@ typedef struct corvane_notification {
   int64_t missed; /* how many notifications were dropped at this point, because too many were unread */
 } corvane_notification;
 
-/* Connects, within 5 s; `root` as above. On failure *subscription is NULL. */
+/* Connects, within 5 s, or answers CORVANE_TIMED_OUT; `root` as above. On failure *subscription is NULL. */
 corvane_status corvane_subscription_open(const char* root, corvane_subscription** subscription,
                                          corvane_error* error);
 void corvane_subscription_close(corvane_subscription* subscription);

@@ -124,6 +124,9 @@ TEST_F(Corvane, TellsWhatWentWrong) {
   const Value no_dictionary(corvane_string_new("text"));
   EXPECT_EQ(corvane_ask(connection.get(), "selector", no_dictionary.get(), &reply, &error_), CORVANE_BAD_REQUEST);
   EXPECT_EQ(corvane_ark_set(admin.get(), nullptr, "key", nullptr, &reply, &error_), CORVANE_BAD_REQUEST);
+  for (const auto call : {corvane_ark_get, corvane_ark_remove, corvane_ark_watch}) {
+    EXPECT_EQ(call(admin.get(), "domain", nullptr, &reply, &error_), CORVANE_BAD_REQUEST) << error_.message;
+  }
   EXPECT_EQ(corvane_ark_get(admin.get(), "\xff", "key", &reply, &error_), CORVANE_BAD_REQUEST);
   EXPECT_STREQ(error_.message, "the domain is not UTF-8");
   // The message is cut before the first character that does not fit.

@@ -10,24 +10,43 @@
 
 namespace corvane::client {
 
+namespace {
+
+using std::chrono::steady_clock;
+
+// As the timeout of a connect(2). False, with errno EAGAIN, where nothing is left.
+bool limit_to(int socket, std::chrono::microseconds left) {
+  if (left.count() <= 0) {
+    errno = EAGAIN;
+    return false;
+  }
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+  const timeval limit{static_cast<time_t>(seconds.count()), static_cast<suseconds_t>((left - seconds).count())};
+  return setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) == 0;
+}
+
+// The kernel counts its timeout from the start of each call, and a signal ends the call.
+bool connect_until(int socket, const wire::SocketAddress& address, steady_clock::time_point deadline) {
+  const auto left = [&] { return std::chrono::ceil<std::chrono::microseconds>(deadline - steady_clock::now()); };
+  while (limit_to(socket, left())) {
+    if (connect(socket, address.get(), address.size()) == 0) return true;
+    if (errno != EINTR) return false;
+  }
+  return false;
+}
+
+}  // namespace
+
 int connect_to(const std::string& path, std::chrono::milliseconds timeout) {
+  const auto deadline = steady_clock::now() + timeout;
   const wire::SocketAddress address(path);
   if (address.error() != 0) {
     errno = address.error();
     return -1;
   }
-  if (timeout.count() <= 0) {
-    errno = EAGAIN;
-    return -1;
-  }
   const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (socket < 0) return -1;
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout);
-  const auto rest = std::chrono::duration_cast<std::chrono::microseconds>(timeout - seconds);
-  const timeval limit{static_cast<time_t>(seconds.count()), static_cast<suseconds_t>(rest.count())};
-  setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-  while (connect(socket, address.get(), address.size()) != 0) {
-    if (errno == EINTR) continue;
+  if (!connect_until(socket, address, deadline)) {
     const int error = errno;
     close(socket);
     errno = error;

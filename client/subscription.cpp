@@ -48,7 +48,7 @@ Outcome Subscription::open(std::string& detail) {
   socket_ = connect_to(path_, default_timeout);
   if (socket_ >= 0) return Outcome::answered;
   const int error = errno;
-  detail = path_ + ": " + std::strerror(error);
+  detail = refusal_text(path_, error);
   return refusal(error);
 }
 

@@ -19,7 +19,8 @@ class Subscription {
 
   /// Connects; to be called once. `next` then reads every notification that is posted after the daemon has
   /// accepted the connection. Of those that were dropped because too many were unread it reads the count. Returns
-  /// `answered`, or `refused` or `not_permitted` with the reason in `detail`.
+  /// `answered`; or, with the reason in `detail`, `refused`, `not_permitted`, or `timed_out` where the daemon has
+  /// accepted no connection within `default_timeout`.
   Outcome open(std::string& detail);
 
   /// Waits for the next notification, for ever where `timeout` is `no_timeout`. Returns `answered`; `timed_out`

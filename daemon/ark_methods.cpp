@@ -61,7 +61,12 @@ std::string compose(const ArkKey& key) {
   return domain + '-' + std::string(key.key == nullptr ? "" : key.key->view());
 }
 
-bool may_be_set(const ArkKey& key) { return compose(key).size() <= wire::ark_key_size; }
+// C clients of a page take U+0000 for the end of its last key, and would ask for the same page again and again.
+bool may_be_set(std::string_view composed) {
+  return composed.size() <= wire::ark_key_size && composed.find('\0') == std::string_view::npos;
+}
+
+bool may_be_set(const ArkKey& key) { return may_be_set(compose(key)); }
 
 Ref<plist::Dictionary> make_entry(Ref<plist::Value> value, uint16_t attributes) {
   const Ref<plist::MutableDictionary> entry = plist::MutableDictionary::create();
@@ -95,7 +100,7 @@ bool read_restored_entry(plist::Value* value, RestoredEntries& entries, size_t& 
   RestoredEntry entry{fields->get(wire::value_key), 0};
   if (key == nullptr || key->view().find('-') == std::string_view::npos || entry.value == nullptr) return false;
   if (!read_restored_attributes(fields->get(wire::attributes_key), entry.attributes)) return false;
-  if (key->view().size() > wire::ark_key_size) return false;
+  if (!may_be_set(key->view())) return false;
   size += estimate_size(*entry.value, wire::ark_change_limit);
   entries.insert_or_assign(key->view(), entry);
   return size <= wire::ark_change_limit;

@@ -168,6 +168,7 @@ TEST_F(ArkService, BadArgumentsChangeNothing) {
   }
   EXPECT_EQ(said(client::set_ark_value(operator_, {{}, "k"}, nest)), bad_argument) << "too deep to be restored";
   EXPECT_EQ(set({{}, std::string(wire::ark_key_size, 'k')}, "v"), bad_argument);
+  EXPECT_EQ(set({{}, std::string("k\0", 2)}, "v"), bad_argument);
   EXPECT_EQ(said(client::watch_ark_value(operator_, {{}, ""})), bad_argument);
   EXPECT_EQ(said(client::watch_ark_value(operator_, {{}, std::string(wire::watched_key_size, 'k')})),
             bad_argument);

@@ -166,10 +166,23 @@ start_daemon
 eventually hears "{'Available': <true>"
 expect 0 '*small*' copy_images
 
-step='corvane-bus ends when it is told to, and with the bus'
+step='corvane-bus ends when it is told to'
 kill "$bridge"
 wait "$bridge" || fail "status $?"
+
+step='an error and more notifications than the bus can carry'
+kill "$daemon" "$monitor"
+wait "$daemon" "$monitor"
+"$source/tests/flooding_daemon.py" "$CORVANE_ROOT/run/corvaned" &
+daemon=$!
 start_bridge
+eventually grep 'the daemon is there' "$work/bridge"
+refuses_images Failed 'the answer could not be sent'
+eventually grep 'the daemon is gone' "$work/bridge"
+memory=$(awk '/VmHWM/ { print $2 }' "/proc/$bridge/status")
+[ "$memory" -lt 40000 ] || fail "it took $memory KiB"
+
+step='corvane-bus ends with the bus'
 kill "$bus"
 wait "$bridge"
 [ $? -eq 1 ] || fail 'the end of the bus is not status 1'

@@ -74,7 +74,7 @@ bool read_notification(const plist::Dictionary& dictionary, Notification& notifi
   const auto* missed = cast<plist::Number>(dictionary.get(missed_key));
   notification.name = text(dictionary.get(notification_key));
   notification.missed = missed != nullptr && missed->is_integer() ? missed->int64() : 0;
-  return notification.name.empty() == (notification.missed > 0);
+  return notification.missed >= 0 && notification.name.empty() == (notification.missed > 0);
 }
 
 }  // namespace corvane::wire

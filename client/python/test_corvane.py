@@ -1,6 +1,9 @@
 """Tests of the Python package against a running daemon. client_library_test.sh starts it."""
 
 import asyncio
+import os
+import signal
+import threading
 import unittest
 from datetime import datetime, timezone
 
@@ -38,7 +41,8 @@ class CorvaneTest(unittest.TestCase):
     def test_what_is_no_value_is_refused_before_it_is_sent(self):
         endless = []
         endless.append(endless)
-        for value in [None, {1: 2}, [2**64], "\ud800", corvane.Date(float("nan")), datetime(2026, 1, 1), endless]:
+        dates = [corvane.Date(seconds) for seconds in (float("nan"), "x", None, 10**400)]
+        for value in [None, {1: 2}, [2**64], "\ud800", *dates, datetime(2026, 1, 1), endless]:
             with self.assertRaises((TypeError, ValueError, OverflowError), msg=repr(value)):
                 self.admin.ark.set("value", value)
 
@@ -70,6 +74,17 @@ class CorvaneTest(unittest.TestCase):
             self.admin.ark.set("watched", 1)
             self.assertEqual([notification.name for notification in subscription], [WATCHED])
             self.assertEqual(asyncio.run(first(subscription)), [WATCHED])
+            threading.Timer(0.1, self.admin.ark.set, ["watched", 3]).start()
+            self.assertEqual(subscription.next(timeout=float("inf")).name, WATCHED)
+
+    def test_a_child_may_ask_although_its_parent_was_asking(self):
+        with self.daemon._lock:
+            child = os.fork()
+            if child == 0:
+                signal.alarm(5)
+                self.daemon.version()
+                os._exit(0)
+        self.assertEqual(os.waitpid(child, 0)[1], 0)
 
 
 if __name__ == "__main__":

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import threading
 import weakref
 from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
@@ -31,11 +32,14 @@ class ArkEntry(NamedTuple):
 
 
 class Handle:
-    """A handle of the library, which is closed once: by close(), or with the object that owns it."""
+    """A handle of the library, which is closed once: by close(), or with the object that owns it. What is open at
+    the exit is left to the system."""
 
     def __init__(self, owner: object, pointer: int, close: Callable[[int], None]) -> None:
         self._pointer = pointer
         self._close = weakref.finalize(owner, close, pointer)
+        # At the exit a daemon thread may still be using it.
+        self._close.atexit = False
 
     def get(self) -> int:
         if not self._close.alive:
@@ -73,6 +77,7 @@ class _Connection:
         raise_for(status, error)
         assert pointer.value is not None
         self._lock = threading.Lock()
+        _connections.add(self)
         self._handle = Handle(self, pointer.value, _library.connection_close)
 
     def close(self) -> None:
@@ -105,6 +110,18 @@ class _Connection:
         with self._lock:
             status = function(self._handle.get(), *arguments, byref(error))
         raise_for(status, error)
+
+
+_connections: weakref.WeakSet[_Connection] = weakref.WeakSet()
+
+
+def _renew_locks() -> None:
+    """In a child the threads do not exist that held the locks at the fork."""
+    for connection in _connections:
+        connection._lock = threading.Lock()
+
+
+os.register_at_fork(after_in_child=_renew_locks)
 
 
 def _dictionary(pointer: int) -> dict[str, Any]:

@@ -15,6 +15,9 @@ from ._errors import TimedOut, raise_for
 from ._values import text_at
 
 
+_LONGEST_POLL = 2**31 - 1  # milliseconds
+
+
 class Notification(NamedTuple):
     name: str  #: empty where missed is not 0
     missed: int  #: how many were dropped at this point, because too many were unread
@@ -22,7 +25,7 @@ class Notification(NamedTuple):
 
 class Subscription:
     """A subscription to the system-wide notifications: an iterator, for asyncio an asynchronous one. It connects
-    when it is made. For one thread at a time, and only for the process that has made it.
+    when it is made. For one thread and one task at a time, and only for the process that has made it.
 
     Iterating ends where none has come for `timeout` seconds; without a timeout it goes on until the daemon ends,
     which raises Closed."""
@@ -33,10 +36,13 @@ class Subscription:
         raise_for(_library.subscription_open(encoded(root), byref(pointer), byref(error)), error)
         assert pointer.value is not None
         self._timeout = timeout
+        self._readable: asyncio.Future[None] | None = None
         self._handle = Handle(self, pointer.value, _library.subscription_close)
 
     def close(self) -> None:
-        """Ends the subscription. Closing it again does nothing."""
+        """Ends the subscription, and cancels the task that waits for its next notification. Closing it again does
+        nothing."""
+        self._stop_waiting()
         self._handle.close()
 
     def __enter__(self) -> Subscription:
@@ -66,9 +72,10 @@ class Subscription:
         waiting = select.poll()
         waiting.register(self.fileno(), select.POLLIN)
         while (notification := self.poll()) is None:
-            left = None if deadline is None else max(0.0, deadline - time.monotonic()) * 1000
-            if not waiting.poll(left):
+            left = None if deadline is None else deadline - time.monotonic()
+            if left is not None and left <= 0:
                 raise TimedOut("no notification in time")
+            waiting.poll(None if left is None else min(left * 1000, _LONGEST_POLL))
         return notification
 
     def __iter__(self) -> Iterator[Notification]:
@@ -95,17 +102,25 @@ class Subscription:
 
     async def _becomes_readable(self) -> bool:
         """Whether it does within the timeout."""
-        loop = asyncio.get_running_loop()
-        readable: asyncio.Future[None] = loop.create_future()
+        if self._readable is not None:
+            raise RuntimeError("another task waits for the next notification")
         descriptor = self.fileno()
-        loop.add_reader(descriptor, _set_done, readable)
+        loop = asyncio.get_running_loop()
+        self._readable = loop.create_future()
+        loop.add_reader(descriptor, _set_done, self._readable)
         try:
-            await asyncio.wait_for(readable, self._timeout)
+            await asyncio.wait_for(self._readable, self._timeout)
             return True
         except asyncio.TimeoutError:
             return False
         finally:
-            loop.remove_reader(descriptor)
+            self._stop_waiting()
+
+    def _stop_waiting(self) -> None:
+        readable, self._readable = self._readable, None
+        if readable is not None:
+            readable.get_loop().remove_reader(self.fileno())
+            readable.cancel()
 
 
 def _set_done(future: asyncio.Future[None]) -> None:

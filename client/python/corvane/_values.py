@@ -16,6 +16,7 @@ A float is always a real and an int always an integer: 1.0 comes back as 1.0. Th
 from __future__ import annotations
 
 import ctypes
+import math
 from collections.abc import Callable, Iterable, Mapping, Sequence
 from ctypes import c_bool, c_char_p, c_double, c_int64, c_size_t, c_uint64, c_void_p
 from dataclasses import dataclass
@@ -206,10 +207,9 @@ def _new_date(value: datetime | Date) -> int:
     if isinstance(value, datetime) and value.utcoffset() is None:
         raise ValueError("a datetime without a time zone is no point in time")
     seconds = value.seconds if isinstance(value, Date) else _seconds(value)
-    pointer: int | None = _library.date_new(seconds)
-    if pointer is None and not abs(seconds) < float("inf"):
+    if not math.isfinite(seconds):
         raise ValueError(f"a date must be finite: {seconds}")
-    return _checked(pointer)
+    return _checked(_library.date_new(float(seconds)))
 
 
 def _new_all(values: Iterable[object], depth: int) -> Sequence[int]:
