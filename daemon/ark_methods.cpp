@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "daemon/answers.h"
+#include "plist/value_size.h"
 #include "state/detached_value.h"
-#include "state/value_size.h"
 #include "state/values.h"
 #include "wire/limits.h"
 #include "wire/messages.h"
@@ -101,7 +101,7 @@ bool read_restored_entry(plist::Value* value, RestoredEntries& entries, size_t& 
   if (key == nullptr || key->view().find('-') == std::string_view::npos || entry.value == nullptr) return false;
   if (!read_restored_attributes(fields->get(wire::attributes_key), entry.attributes)) return false;
   if (!may_be_set(key->view())) return false;
-  size += estimate_size(*entry.value, wire::ark_change_limit);
+  size += plist::estimate_size(*entry.value, wire::ark_change_limit);
   entries.insert_or_assign(key->view(), entry);
   return size <= wire::ark_change_limit;
 }
@@ -158,8 +158,11 @@ Ref<plist::Dictionary> ArkMethods::copy_entry(const ArkKey& key) const {
 
 void ArkMethods::store_and_answer(bool is_unsaved, plist::Dictionary* reply, const CompletionBlock& completion) {
   const uint64_t failed_before = data_ark_status(ark_).failed_stores;
-  if (is_unsaved) data_ark_store(ark_);
-  if (data_ark_status(ark_).failed_stores != failed_before) {
+  if (is_unsaved || last_store_failed_) {
+    data_ark_store(ark_);
+    last_store_failed_ = data_ark_status(ark_).failed_stores != failed_before;
+  }
+  if (last_store_failed_) {
     answer_failure_because(completion, not_stored);
   } else if (reply != nullptr) {
     answer(completion, *reply);
@@ -179,13 +182,17 @@ void ArkMethods::copyArkValueForDomain_key_withCompletionBlock(const ArkKey& key
 void ArkMethods::setArkValue_forDomain_key_withCompletionBlock(plist::Value& value, const ArkKey& key,
                                                                const CompletionBlock& completion) {
   if (!has_ark(completion)) return;
-  const bool may_be_value = estimate_size(value, wire::ark_change_limit) <= wire::ark_change_limit &&
-                            nesting_depth(value) <= wire::ark_value_depth;
+  const bool may_be_value = plist::estimate_size(value, wire::ark_change_limit) <= wire::ark_change_limit &&
+                            plist::nesting_depth(value) <= wire::ark_value_depth;
   if (!may_be_set(key) || !may_be_value) return answer_bad_argument(completion);
   const Ref<plist::Dictionary> before = copy_entry(key);
   const Ref<plist::Value> kept = detached_value(value);
+  const uint64_t changes_before = data_ark_change_count(ark_);
   if (data_ark_set(ark_, key.domain, key.key, kept.get()) != 0) return answer_failure(completion);
-  store_and_answer(data_ark_dirty_count(ark_) != 0, before.get(), completion);
+  // A change under attribute 5 is not counted as unsaved, but the file has the entry.
+  const bool changes_file =
+      data_ark_change_count(ark_) != changes_before && is_stored(data_ark_attributes(ark_, key.domain, key.key));
+  store_and_answer(changes_file || data_ark_dirty_count(ark_) != 0, before.get(), completion);
 }
 
 void ArkMethods::removeArkValueForDomain_key_withCompletionBlock(const ArkKey& key,

@@ -15,9 +15,10 @@ struct ArkKey {
   plist::String* key = nullptr;
 };
 
-/// The admin methods of the data ark. What has changed the ark stores it once, before it answers, if anything in
-/// it is unsaved; where that fails it answers code 2, and the change is kept in memory. Every method answers code
-/// 2 where the ark could not be loaded for lack of memory. Request queue.
+/// The admin methods of the data ark. Those that may change it store it once, before they answer, if the file
+/// lacks a change or the last store of such a method has failed. Where the store fails they answer code 2, and the
+/// change is kept in memory. Every method answers code 2 where the ark could not be loaded for lack of memory.
+/// Request queue.
 class ArkMethods {
  public:
   /// The ark must outlive this; null where there is none. Before the first request.
@@ -56,6 +57,7 @@ class ArkMethods {
   void store_and_answer(bool is_unsaved, plist::Dictionary* reply, const CompletionBlock& completion);
 
   data_ark* ark_ = nullptr;
+  bool last_store_failed_ = false;  ///< the ark itself forgets that: a failed store clears its unsaved changes
   std::set<std::string, std::less<>> watched_;  ///< composed keys
 };
 

@@ -4,9 +4,9 @@
 #include <string>
 #include <string_view>
 
+#include "plist/value_size.h"
 #include "state/data_ark.h"
 #include "state/data_ark_state.h"
-#include "state/value_size.h"
 
 namespace corvane {
 
@@ -18,7 +18,7 @@ namespace {
 constexpr size_t entry_overhead = 32;
 
 size_t size_of(const ArkEntry& entry, size_t limit) {
-  return entry_overhead + entry.key->view().size() + estimate_size(*entry.value, limit);
+  return entry_overhead + entry.key->view().size() + plist::estimate_size(*entry.value, limit);
 }
 
 ArkEntry entry_of(data_ark& ark, std::string_view composed_key, size_t prefix_size) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <map>
 
 #include "client/methods.h"
@@ -17,6 +18,7 @@ using client::ArkKey;
 using plist::Ref;
 
 constexpr char bad_argument[] = "code 1: Unexpeceted parameter";
+constexpr char not_stored[] = "code 2: it is done, but the data ark could not be stored, and the log says why";
 
 Ref<plist::Value> text(std::string_view utf8) { return plist::String::create(utf8); }
 
@@ -95,6 +97,25 @@ TEST_F(ArkService, RestoredEntriesHaveJustTheirOwnAttributesAndAreStored) {
 
   EXPECT_EQ(said(client::set_ark_attributes(operator_, {"cache", "T"}, {})), R"({"Attributes": [1]})");
   EXPECT_EQ(file(), R"({"cache-A": "last", "cache-B-C": "b", "cache-T": "t"})");
+}
+
+TEST_F(ArkService, AChangeThatIsNotCountedAsUnsavedIsStored) {
+  set({{}, "five"}, "old");
+  client::set_ark_attributes(operator_, {{}, "five"}, {5});
+  set({{}, "five"}, "new");
+  EXPECT_EQ(file(), R"({"-five": "new"})");
+}
+
+// A failed store leaves nothing unsaved, and a repeated request changes nothing.
+TEST_F(ArkService, ARequestThatIsRepeatedAfterAFailedStoreStoresAgain) {
+  set({{}, "kept"}, "old");
+  const std::string obstacle = root_.at("/private/var/mobile/Library/cvd/data_ark.plist.XXXXXX");
+  std::filesystem::create_directory(obstacle);
+  EXPECT_EQ(set({{}, "kept"}, "new"), not_stored);
+  EXPECT_EQ(set({{}, "kept"}, "new"), not_stored) << "the obstacle is still there";
+  std::filesystem::remove(obstacle);
+  EXPECT_EQ(set({{}, "kept"}, "new"), R"({"Attributes": [], "Value": "new"})");
+  EXPECT_EQ(file(), R"({"-kept": "new"})");
 }
 
 TEST_F(ArkService, PagesEndAtTheirLimitsAndGoOnBehindAKeyThatWasRemoved) {

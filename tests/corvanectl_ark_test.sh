@@ -61,14 +61,22 @@ expect 0 'removed d-Key; it was true' '' ark remove --domain d Key
 file_has_the_ark
 
 step='attributes'
-expect 0 'set the attributes of -Key; they were none' '' ark attributes Key --set 5,0
+expect 0 'set the attributes of -Key until the daemon ends; they were none' '' ark attributes --set 5,0 Key
 expect 0 $'"line\\\\nfeed"\nattributes: 0, 5 (change uncounted)' '' ark get Key
-expect 0 'set the attributes of t-; they were none' '' ark attributes --domain t --set 1
+expect 0 'set the attributes of t- until the daemon ends; they were none' '' ark attributes --domain t --set 1
 expect 0 'set t-Key; it is new' '' ark set --domain t Key 'in memory only'
 expect 0 $'\\[\n 1\n]' '' ark attributes --domain t --json Key
 file_has_the_ark
 expect 0 '*they were 1 (not stored)' '' ark attributes --domain t Key --none
 expect 0 '*they were 0, 5 (change uncounted)' '' ark attributes Key --none
+expect 0 '*they were none; there is no such entry yet' '' ark attributes Missing --none
+expect 2 '' 'corvanectl: KEY or --domain is required; *' ark attributes --none
+
+step='keys that cannot be used'
+expect 2 '' 'corvanectl: KEY: not UTF-8' ark set $'\xff' text
+expect 2 '' 'corvanectl: KEY: must not be empty' ark watch ''
+key_of_size() { printf 'k%.0s' $(seq "$1"); }
+expect 2 '' '*have 1025 bytes together, and may have 1024' ark set "$(key_of_size 1024)" text
 
 step='the list'
 whole=$'KEY    ATTRIBUTES  VALUE\n-Key               "line\\\\nfeed"\nt-Key              "in memory only"'
@@ -92,6 +100,7 @@ make_dump "$work/many.plist" 2500
 expect 0 'set from */many.plist: 2500; left alone, because the file does not have them: 2' '' \
   ark restore "$work/many.plist"
 file_has_the_ark
+expect 0 1 '' eval 'ark list | grep -c ^KEY'
 expect 0 "wrote $work/dump; entries: 2502" '' ark dump "$work/dump"
 expect 0 600 '' stat -c %a "$work/dump"
 expect 0 '' '' eval "ark dump - | cmp - '$work/dump'"
@@ -100,7 +109,7 @@ expect 0 '*' '' ark remove Key
 expect 0 'set many-00000; it was 0' '' ark set --domain many 00000 other
 expect 0 'set from */dump: 2500; left alone, because the file does not have them: 0' '' \
   ark restore --domain many "$work/dump"
-expect 0 'set from */dump: 2502; *: 0' '' ark restore "$work/dump"
+expect 0 'set from -: 2502; *: 0' '' ark restore - <"$work/dump"
 if [ "$(ark list --json)" != "$before" ]; then fail 'the ark is not what was dumped'; fi
 file_has_the_ark
 
@@ -118,6 +127,7 @@ PYTHON
   if [ "$(ark list --json)" != "$before" ]; then fail 'a bad dump has changed the ark'; fi
 }
 refuses_entry '{"Key": "no hyphen", "Value": 1}' 'no composed key'
+refuses_entry "{\"Key\": \"-$(key_of_size 1024)\", \"Value\": 1}" 'a key of more than 1,024 bytes'
 refuses_entry '{"Key": "-Key", "Value": 1, "Attributes": [3, 3]}' 'attributes are different numbers from 0 to 8'
 
 step='a dump while the ark changes'
@@ -205,6 +215,11 @@ expect 0 '*: the daemon closed the connection' '' tail -n 1 "$work/watched_until
 step='the ark of the next daemon'
 start_daemon simulated
 file_has_the_ark
+
+step='a daemon that does not answer'
+kill -STOP "$daemon"
+expect 1 '' 'corvanectl: no answer within 5 s; it may still be done' ark set Stopped text
+kill -CONT "$daemon"
 
 [ $failures -eq 0 ] || exit 1
 echo 'the ark is what corvanectl has made it'

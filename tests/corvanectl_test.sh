@@ -7,7 +7,9 @@ stored=$CORVANE_ROOT/private/var/mobile/Library/cvd/regulatory_images/regulatory
 
 step='wrong usage'
 expect 0 'corvanectl [0-9]*.[0-9]*.[0-9]*' '' corvanectl --version
-expect 2 '' 'corvanectl: A subcommand is required' corvanectl
+expect 2 '' 'corvanectl: A subcommand is required; see corvanectl --help' corvanectl
+expect 2 '' 'corvanectl: --timeout: not a number from *' corvanectl notifications --timeout nan
+expect 2 '' 'corvanectl: --count: not a number from *' corvanectl notifications --count 99999999999999999999
 expect 2 '' 'corvanectl: unknown argument: bogus' corvanectl bogus
 expect 2 '' 'corvanectl: *--json excludes --xml' corvanectl show --json --xml "$images"
 expect 2 '' 'corvanectl: --save: must not be empty' corvanectl images --save ''
@@ -97,7 +99,7 @@ lines_before=$(wc -l <"$log")
 expect 0 'corvaned [0-9]*.[0-9]*.[0-9]* answered in [0-9]*.[0-9][0-9][0-9] ms' '' corvanectl ping
 expect 0 $'{\n "Seconds": [0-9]*,\n "Version": "*"\n}' '' corvanectl ping --json
 expect 0 "$lines_before *" '' wc -l "$log"
-expect 0 $'Platform  simulated\n*\nServices *Public *Admin *\n*Closed: too long *0 *0 *0\n*' '' corvanectl status
+expect 0 $'Platform  simulated\n*\nServices *Public *Admin *\n*\n\nClosed *Public *\nbad frame *0 *0 *0\n*\n\nErrors *' '' corvanectl status
 expect 0 '*"DiskCopyWorks": true,*' '' corvanectl status --json
 
 step='metrics'
@@ -112,23 +114,26 @@ expect 0 "$((errors + 1))" '' metric 'corvaned_request_errors_total{service="adm
 cat >"$work/check_metrics.py" <<'PYTHON'
 import re, sys
 types, seen = {}, None
-for line in sys.stdin.read().splitlines():
+lines = sys.stdin.read().split("\n")
+assert lines[-2:] == ["# EOF", ""], lines[-2:]
+for line in lines[:-2]:
     if line.startswith("# HELP "): seen = line.split(" ", 3)[2]
     elif line.startswith("# TYPE "):
         name, kind = line.split(" ")[2:]
-        assert name == seen and name not in types and (kind == "counter") == name.endswith("_total"), line
+        assert name == seen and name not in types and not name.endswith("_total"), line
         types[name] = kind
     else:
         label = r'[a-z]+="(?:[^"\\\n]|\\["\\n])*"'
         sample = re.fullmatch(r"([a-z_]+)(?:\{%s(?:,%s)*\})? [0-9]+" % (label, label), line)
-        assert sample and sample[1] == seen, line
+        expected = seen + "_total" if types[seen] == "counter" else seen
+        assert sample and sample[1] == expected, line
 assert len(types) > 20, types
 PYTHON
 expect 0 '' '' eval 'corvanectl status --openmetrics | python3 "$work/check_metrics.py"'
 
 step='what the daemon knows of the device'
 expect 0 $'DeviceType\nBasebandClass  1\n*ProductType    Pocket9,1\n*' '' corvanectl device
-expect 5 $'*ProductVersion  9.1' 'corvanectl: No This; No That' corvanectl device ProductVersion This That
+expect 5 $'*ProductVersion  9.1' 'corvanectl: no answer: This; That' corvanectl device ProductVersion This That
 expect 0 $'*PhoneNumber     +15550100123\n*Queries\nBootloaderVersion  *5.02.00\n*' '' corvanectl radio
 expect 5 '' 'corvanectl: there is no carrier bundle' corvanectl carrier
 bundle="$CORVANE_ROOT/private/var/mobile/Library/Carrier Bundle.bundle"
@@ -147,9 +152,10 @@ expect 0 '*' '' corvanectl profile --profile "$stored" set --json RegulatoryImag
   {\"Image\": {\"\$data\": \"$svg\"}},
   {\"Image\": {\"\$data\": \"iVBORw==\"}, \"Name\": \"cut short\"}, {\"\$data\": \"AAEC\"}]"
 expect 0 "wrote $page" '' corvanectl images --page "$page"
+expect 0 '' '' eval 'corvanectl images --page - | cmp - "$page"'
 expect 0 '2' '' grep -c '<img ' "$page"
 expect 0 '*alt="&quot;&gt;&lt;script&gt;*src="data:image/png;base64,iVBOR*"data:image/svg+xml;*' '' cat "$page"
-expect 0 '*<dd>&lt;EU&gt;</dd>*64 &times; 48 pixels, 24 bytes*cut short or damaged*not shown here*' '' cat "$page"
+expect 0 '*<p>2 images, 2 data values that cannot be shown,*<dd>&lt;EU&gt;</dd>*64 &times; 48 pixels, 24 bytes*cut short or damaged*not shown here*' '' cat "$page"
 expect 1 '' '' grep -E '<script|src="[^d]|url\(|@import|https?:' "$page"
 style_hash=$(python3 -c 'import base64, hashlib, re, sys
 style = re.search("<style>(.*?)</style>", sys.stdin.read(), re.DOTALL).group(1)
@@ -185,6 +191,8 @@ RegulatoryImages-$x183-2.bin
 RegulatoryImages-$x183.bin
 _.bin" '' env LC_ALL=C ls -A "$work/saved/deep/deeper"
 expect 1 '' 'corvanectl: could not write *' corvanectl images --save /proc/self
+ln -sf "$work/target" "$work/saved/deep/deeper/_.bin"
+expect 1 '' 'corvanectl: could not write */_.bin: *' corvanectl images --save "$work/saved/deep/deeper"
 
 step='entitlements'
 expect 0 $'{\n  "dial": true\n}' '' corvanectl entitlements 4711

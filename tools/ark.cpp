@@ -12,7 +12,17 @@ namespace corvane::tools {
 using plist::Ref;
 
 void add_domain(CLI::App& command, Domain& domain, const char* help) {
-  command.add_option("--domain", domain, help)->type_name("DOMAIN");
+  must_be_utf8(command.add_option("--domain", domain, help)->type_name("DOMAIN"));
+}
+
+CLI::Option* add_key(CLI::App& command, std::string& key, const char* help) {
+  return must_be_utf8(command.add_option("KEY", key, help));
+}
+
+void check_key_size(const std::string& composed, size_t limit) {
+  if (composed.size() <= limit) return;
+  throw Failure{wrong_usage, "domain, - and KEY have " + std::to_string(composed.size()) +
+                                 " bytes together, and may have " + std::to_string(limit)};
 }
 
 std::string composed_key(const Domain& domain, std::string_view key) {

@@ -10,7 +10,8 @@
 
 namespace CLI {
 class App;
-}
+class Option;
+}  // namespace CLI
 
 /// What the commands below `corvanectl ark` share.
 namespace corvane::tools {
@@ -19,6 +20,12 @@ namespace corvane::tools {
 using Domain = std::optional<std::string>;
 
 void add_domain(CLI::App& command, Domain& domain, const char* help);
+
+/// Adds the argument KEY. Returns its option.
+CLI::Option* add_key(CLI::App& command, std::string& key, const char* help);
+
+/// Throws Failure where a composed key has more bytes than the limit.
+void check_key_size(const std::string& composed, size_t limit);
 
 /// The key under which the ark keeps an entry: domain, "-", key.
 std::string composed_key(const Domain& domain, std::string_view key);

@@ -9,11 +9,13 @@
 
 #include "client/methods.h"
 #include "plist/printable.h"
+#include "plist/value_size.h"
 #include "plist/writer.h"
 #include "tools/ark.h"
 #include "tools/command.h"
 #include "tools/commands.h"
 #include "tools/plist_file.h"
+#include "wire/limits.h"
 #include "wire/methods.h"
 
 // A dump is a dictionary whose "Entries" are what restoreArkEntries: takes: composed keys with values and
@@ -28,7 +30,6 @@ using plist::Ref;
 namespace {
 
 constexpr int attempts = 5;
-constexpr size_t entries_in_request = 1000;
 constexpr size_t bytes_in_request = 16 << 20;
 constexpr int64_t last_attribute = 8;
 
@@ -97,13 +98,19 @@ bool are_attributes(const plist::Value* value) {
          });
 }
 
+// As the daemon counts what a request sets.
+size_t change_size(const plist::Value& value) { return plist::estimate_size(value, wire::ark_change_limit); }
+
 // Null, or what is wrong.
 const char* fault_of(const plist::Value& item) {
   const auto* dictionary = cast<plist::Dictionary>(&item);
   if (dictionary == nullptr) return "not a dictionary";
   const auto* key = cast<plist::String>(dictionary->get(wire::key_key));
   if (key == nullptr || key->view().find('-') == std::string_view::npos) return "no composed key";
-  if (dictionary->get(wire::value_key) == nullptr) return "no value";
+  if (key->view().size() > wire::ark_key_size) return "a key of more than 1,024 bytes";
+  const plist::Value* value = dictionary->get(wire::value_key);
+  if (value == nullptr) return "no value";
+  if (change_size(*value) > wire::ark_change_limit) return "a value of more than 64 MiB";
   const plist::Value* attributes = dictionary->get(wire::attributes_key);
   if (attributes != nullptr && !are_attributes(attributes)) return "attributes are different numbers from 0 to 8";
   return nullptr;
@@ -111,8 +118,8 @@ const char* fault_of(const plist::Value& item) {
 
 // Those of the domain, or all. Throws FileFault where any entry of the file is none.
 Entries read_entries(const Options& options) {
-  const plist::Decoded decoded = read_plist_file(options.file, plist::Containers::immutable);
-  const auto* file = cast<plist::Dictionary>(decoded.value.get());
+  const Ref<plist::Value> content = read_plist_input(options.file);
+  const auto* file = cast<plist::Dictionary>(content.get());
   const auto* items = file == nullptr ? nullptr : cast<plist::Array>(file->get(wire::entries_key));
   if (items == nullptr) throw FileFault(options.file, "not a dump of the ark");
   Entries entries;
@@ -135,10 +142,12 @@ size_t encoded_size(const plist::Dictionary& ark_entry) {
 // As many of the entries from `first` on as go into one request.
 Ref<plist::Array> next_request(const Entries& entries, size_t first) {
   Ref<plist::MutableArray> request = plist::MutableArray::create();
-  size_t size = 0;
-  for (size_t i = first; i < entries.size() && request->size() < entries_in_request; ++i) {
-    size += encoded_size(*entries[i]);
-    if (size > bytes_in_request && request->size() > 0) break;
+  size_t bytes = 0, changed = 0;
+  for (size_t i = first; i < entries.size() && request->size() < wire::ark_restore_entries; ++i) {
+    bytes += encoded_size(*entries[i]);
+    changed += change_size(*entries[i]->get(wire::value_key));
+    const bool is_full = bytes > bytes_in_request || changed > wire::ark_change_limit;
+    if (is_full && request->size() > 0) break;
     request->append(entries[i]);
   }
   return plist::MutableArray::freeze(std::move(request));
@@ -148,7 +157,7 @@ void send(client::Connection& connection, const Entries& entries) {
   for (size_t sent = 0; sent < entries.size();) {
     const Ref<plist::Array> request = next_request(entries, sent);
     try {
-      reply_of([&] { return client::restore_ark_entries(connection, request); });
+      reply_of_change([&] { return client::restore_ark_entries(connection, request); });
     } catch (Failure& failure) {
       if (sent > 0) failure.text += "; entries set before: " + std::to_string(sent);
       throw;
@@ -188,7 +197,8 @@ void add_ark_backup_commands(CLI::App& ark) {
   };
   add("dump", "Write the entries with their attributes to a file", "The file; - for standard output")
       ->callback([options] { dump(*options); });
-  add("restore", "Set the entries of a dump; others are left alone", "A file that dump has written")
+  add("restore", "Set the entries of a dump; others are left alone",
+      "A file that dump has written; - for standard input")
       ->callback([options] { restore(*options); });
 }
 

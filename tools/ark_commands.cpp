@@ -13,6 +13,7 @@
 #include "tools/json.h"
 #include "tools/print.h"
 #include "tools/table.h"
+#include "wire/limits.h"
 #include "wire/methods.h"
 
 namespace corvane::tools {
@@ -85,15 +86,17 @@ void tell_change(const std::string& what, const Options& options, const plist::D
 void set(const Options& options) {
   const Ref<plist::Value> value =
       options.json ? from_json(options.value) : Ref<plist::Value>(plist::String::create(options.value));
+  check_key_size(options.composed(), wire::ark_key_size);
   client::Connection connection(wire::admin_service);
   tell_change("set", options,
-              reply_of([&] { return client::set_ark_value(connection, options.ark_key(), value); }).get());
+              reply_of_change([&] { return client::set_ark_value(connection, options.ark_key(), value); }).get());
 }
 
 void remove(const Options& options) {
   client::Connection connection(wire::admin_service);
   const Ref<plist::Dictionary> before =
-      reply_or([&] { return client::remove_ark_value(connection, options.ark_key()); }, no_entry(options));
+      reply_of_change([&] { return client::remove_ark_value(connection, options.ark_key()); });
+  if (!before) throw Failure{nothing_there, no_entry(options)};
   tell_change("removed", options, before.get());
 }
 
@@ -103,7 +106,7 @@ void list(const Options& options) {
   ArkPages pages(connection, options.domain);
   bool any = false;
   while (const Ref<plist::Array> page = pages.next()) {
-    Table table({"KEY", "ATTRIBUTES", "VALUE"});
+    Table table(any ? std::vector<std::string>(3) : std::vector<std::string>{"KEY", "ATTRIBUTES", "VALUE"});
     for (const Ref<plist::Value>& item : page->items()) {
       const auto* found = plist::cast<plist::Dictionary>(item.get());
       if (found == nullptr || found->get(wire::value_key) == nullptr) continue;
@@ -142,16 +145,25 @@ void show_attributes(const Options& options) {
   print(attributes.size() == 0 ? "none\n" : attributes_text(attributes) + "\n");
 }
 
+void check_attributes(const Options& options) {
+  const auto twice = std::adjacent_find(options.attributes.begin(), options.attributes.end());
+  if (twice == options.attributes.end()) return;
+  throw Failure{wrong_usage, "--set: " + std::to_string(*twice) + " occurs twice"};
+}
+
 void set_attributes(const Options& options, bool has_key) {
+  check_attributes(options);
+  check_key_size(options.composed(), wire::ark_key_size);
   client::Connection connection(wire::admin_service);
   client::ArkKey key = options.ark_key();
   if (!has_key) key.key = std::nullopt;
   const Ref<plist::Dictionary> before =
-      reply_or([&] { return client::set_ark_attributes(connection, key, options.attributes); },
-               "the daemon answered nothing");
+      reply_of_change([&] { return client::set_ark_attributes(connection, key, options.attributes); });
+  if (!before) throw Failure{failed, "the daemon answered nothing"};
   const std::string were = attributes_text(entry<plist::Array>(*before, wire::attributes_key));
-  print("set the attributes of " + plist::printable(options.composed()) + "; they were " +
-        (were.empty() ? "none" : were) + "\n");
+  const bool is_there = !has_key || reply_of([&] { return client::copy_ark_value(connection, key); });
+  print("set the attributes of " + plist::printable(options.composed()) + " until the daemon ends; they were " +
+        (were.empty() ? "none" : were) + (is_there ? "" : "; there is no such entry yet") + "\n");
 }
 
 void add_attributes(CLI::App& ark) {
@@ -159,19 +171,24 @@ void add_attributes(CLI::App& ark) {
   CLI::App* command = ark.add_subcommand("attributes", "Print the attributes of an entry, or set them");
   add_domain(*command, options->domain, "The domain of the key");
   const CLI::Option* key =
-      command->add_option("KEY", options->key, "The key; without one, with --set or --none, the domain's own");
+      add_key(*command, options->key, "The key; without one, with --set or --none, the domain's own");
   CLI::Option* json = command->add_flag("--json", options->json, "Print JSON");
   const CLI::Option* given =
       command->add_option("--set", options->attributes, "The numbers that it has from now on")
           ->type_name("N,N...")
           ->delimiter(',')
+          ->allow_extra_args(false)
           ->check(CLI::Range(0, 8))
           ->excludes(json);
   command->add_flag("--none", options->none, "It has none from now on")->excludes("--set", "--json");
   command->callback([=] {
     std::sort(options->attributes.begin(), options->attributes.end());
-    if (given->count() > 0 || options->none) return set_attributes(*options, key->count() > 0);
-    if (key->count() == 0) throw Failure{wrong_usage, "KEY is required"};
+    const bool has_key = key->count() > 0, changes = given->count() > 0 || options->none;
+    if (!has_key && !changes) throw Failure{wrong_usage, "KEY is required"};
+    if (!has_key && !options->domain) {
+      throw Failure{wrong_usage, "KEY or --domain is required; --domain '' means all keys without a domain"};
+    }
+    if (changes) return set_attributes(*options, has_key);
     show_attributes(*options);
   });
 }
@@ -179,7 +196,7 @@ void add_attributes(CLI::App& ark) {
 CLI::App* add_command(CLI::App& ark, const char* name, const char* help, const std::shared_ptr<Options>& options) {
   CLI::App* command = ark.add_subcommand(name, help);
   add_domain(*command, options->domain, "The domain of the key");
-  command->add_option("KEY", options->key, "The key")->required();
+  add_key(*command, options->key, "The key")->required();
   return command;
 }
 
@@ -197,7 +214,7 @@ void add_get_set_remove(CLI::App& ark) {
   add_format(*getting, options->format);
   getting->callback([options] { get(*options); });
   CLI::App* setting = add_command(ark, "set", "Set a value", options);
-  setting->add_option("VALUE", options->value, "A string, unless --json")->required();
+  must_be_utf8(setting->add_option("VALUE", options->value, "A string, unless --json"))->required();
   setting->add_flag("--json", options->json, "VALUE is JSON, as get --json prints it");
   setting->callback([options] { set(*options); });
   add_command(ark, "remove", "Remove an entry", options)->callback([options] { remove(*options); });

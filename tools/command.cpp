@@ -8,6 +8,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "plist/unicode.h"
 #include "plist/writer.h"
 #include "tools/files.h"
 #include "tools/json.h"
@@ -23,6 +24,21 @@ namespace {
 constexpr int most_tries = 40;
 constexpr std::chrono::milliseconds pause{50};
 
+std::string no_answer() {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(client::default_timeout);
+  return "no answer within " + std::to_string(seconds.count()) + " s";
+}
+
+// The last answer of several tries.
+client::Answer answer_of(const Call& call) {
+  client::Answer answer = call();
+  for (int tries = 1; answer.outcome == Outcome::closed && tries < most_tries; ++tries) {
+    std::this_thread::sleep_for(pause);
+    answer = call();
+  }
+  return answer;
+}
+
 }  // namespace
 
 void check(Outcome outcome, const std::string& detail) {
@@ -33,22 +49,31 @@ void check(Outcome outcome, const std::string& detail) {
       throw Failure{no_daemon, "no daemon: " + detail};
     case Outcome::not_permitted:
       throw Failure{not_permitted, "not permitted: " + detail};
+    case Outcome::timed_out:
+      throw Failure{failed, no_answer()};
     default:
       throw Failure{failed, detail};
   }
 }
 
-Ref<plist::Dictionary> reply_of(const Call& call) {
-  client::Answer answer = call();
-  for (int tries = 1; answer.outcome == Outcome::closed && tries < most_tries; ++tries) {
-    std::this_thread::sleep_for(pause);
-    answer = call();
-  }
+namespace {
+
+Ref<plist::Dictionary> reply_in(const client::Answer& answer) {
   check(answer.outcome, answer.detail);
   const wire::Response& response = answer.response;
   if (!response.failed) return response.reply;
   throw Failure{failed,
                 "the daemon answered error " + std::to_string(response.code) + ": " + response.description};
+}
+
+}  // namespace
+
+Ref<plist::Dictionary> reply_of(const Call& call) { return reply_in(answer_of(call)); }
+
+Ref<plist::Dictionary> reply_of_change(const Call& call) {
+  const client::Answer answer = answer_of(call);
+  if (answer.outcome == Outcome::timed_out) throw Failure{failed, no_answer() + "; it may still be done"};
+  return reply_in(answer);
 }
 
 Ref<plist::Dictionary> reply_or(const Call& call, const std::string& text) {
@@ -97,6 +122,12 @@ CLI::Option* add_text(CLI::App& command, const char* name, std::string& text, co
   const CLI::Validator not_empty([](const std::string& given) { return given.empty() ? "must not be empty" : ""; },
                                  "");
   return command.add_option(name, text, help)->check(not_empty);
+}
+
+CLI::Option* must_be_utf8(CLI::Option* option) {
+  const CLI::Validator is_utf8(
+      [](const std::string& given) { return plist::unicode::is_utf8(given) ? "" : "not UTF-8"; }, "");
+  return option->check(is_utf8);
 }
 
 }  // namespace corvane::tools

@@ -18,7 +18,7 @@ namespace corvane::tools {
 
 enum ExitStatus {
   done = 0,
-  failed = 1,         ///< the daemon answered an error, or the output could not be written
+  failed = 1,         ///< the daemon answered an error or nothing in time, or the output could not be written
   wrong_usage = 2,    ///< wrong arguments, or a file that cannot be used
   no_daemon = 3,      ///< nobody serves the socket
   not_permitted = 4,  ///< this user may not use the socket
@@ -40,7 +40,10 @@ using Call = std::function<client::Answer()>;
 /// the daemon closed the connection unanswered: that is what it does with more admin connections than it takes.
 /// Throws Failure, also for an error that the daemon answered.
 plist::Ref<plist::Dictionary> reply_of(const Call& call);
-/// The same, where no dictionary is the Failure `nothing_there` with this text.
+/// The same for a call that changes something: where no answer came in time, the Failure says that the daemon may
+/// still do it.
+plist::Ref<plist::Dictionary> reply_of_change(const Call& call);
+/// As `reply_of`, where no dictionary is the Failure `nothing_there` with this text.
 plist::Ref<plist::Dictionary> reply_or(const Call& call, const std::string& text);
 
 /// An entry of an answer that must be there. Throws Failure where it is missing or of another kind.
@@ -72,5 +75,8 @@ void add_json(CLI::App& command, bool& json);
 void add_format(CLI::App& command, Format& format);
 /// Adds an argument or option that must not be empty.
 CLI::Option* add_text(CLI::App& command, const char* name, std::string& text, const char* help);
+/// Refuses text that is not UTF-8, which a property list cannot hold: two such keys could become the same one.
+/// Returns the option.
+CLI::Option* must_be_utf8(CLI::Option* option);
 
 }  // namespace corvane::tools

@@ -36,7 +36,9 @@ int show_help(const CLI::App& app, const CLI::ParseError& help) {
 // The parser reports a missing subcommand before it reports the unknown argument that stands in its place.
 std::string fault_of(const CLI::App& app, const CLI::ParseError& error) {
   const std::vector<std::string> unknown = app.remaining(true);
-  return unknown.empty() ? error.what() : "unknown argument: " + unknown.front();
+  if (!unknown.empty()) return "unknown argument: " + unknown.front();
+  const std::string text = error.what();
+  return text == "A subcommand is required" ? text + "; see corvanectl --help" : text;
 }
 
 int parse_and_run(CLI::App& app, int argc, char** argv) {

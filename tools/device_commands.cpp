@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "client/methods.h"
@@ -57,11 +58,16 @@ void show_status(const Options& options) {
   print(options.openmetrics ? open_metrics(*status) : status_report(*status, screen()));
 }
 
-std::string joined(const plist::Array& texts) {
+// The names of the properties without an answer, of each of which the daemon says "No NAME".
+std::string missing_names(const plist::Array& errors) {
+  constexpr std::string_view prefix = "No ";
   std::string line;
-  for (const Ref<plist::Value>& item : texts.items()) {
-    const auto* text = plist::cast<plist::String>(item.get());
-    if (text != nullptr) line += (line.empty() ? "" : "; ") + std::string(text->view());
+  for (const Ref<plist::Value>& item : errors.items()) {
+    const auto* error = plist::cast<plist::String>(item.get());
+    if (error == nullptr) continue;
+    std::string_view name = error->view();
+    if (name.starts_with(prefix)) name.remove_prefix(prefix.size());
+    line += (line.empty() ? "" : "; ") + std::string(name);
   }
   return line;
 }
@@ -72,7 +78,7 @@ void show_device(const Options& options) {
   const Ref<plist::Dictionary> reply =
       reply_or([&] { return client::copy_device_type(connection, options.properties); },
                "the daemon answered no device type");
-  const std::string missing = joined(entry<plist::Array>(*reply, wire::errors_key));
+  const std::string missing = missing_names(entry<plist::Array>(*reply, wire::errors_key));
   if (options.json) {
     print(to_json(*reply) + "\n");
   } else {
@@ -81,7 +87,7 @@ void show_device(const Options& options) {
     if (options.properties.empty()) shown->remove(wire::properties_key);
     print(report(*shown, screen()));
   }
-  if (!missing.empty()) throw Failure{nothing_there, missing};
+  if (!missing.empty()) throw Failure{nothing_there, "no answer: " + missing};
 }
 
 // For a person the value stands for a query that has one.
@@ -135,7 +141,7 @@ void add_device_commands(CLI::App& app) {
       ->excludes("--json");
   status->callback([options] { show_status(*options); });
   CLI::App* device = add(app, "device", "Print the device type and device properties", options);
-  device->add_option("PROPERTY", options->properties, "Names of properties");
+  must_be_utf8(device->add_option("PROPERTY", options->properties, "Names of properties"));
   device->callback([options] { show_device(*options); });
   add(app, "radio", "Print what the telephony service says, and what the ark has of it", options)
       ->callback([options] { show_radio(options->json); });

@@ -55,7 +55,8 @@ void add_entitlement_commands(CLI::App& app) {
       add_text(*command, "--sign", options->executable, "Write entitlements onto this executable")
           ->type_name("FILE")
           ->excludes("--json", "--xml");
-  add_text(*command, "PID", options->pid_or_plist, "The process; with --sign FILE the property list that it gets")
+  add_text(*command, "PID|PLIST", options->pid_or_plist,
+           "The process; with --sign FILE the property list that it gets")
       ->required();
   command->callback([=] {
     if (executable->count() > 0) return sign(*options);

@@ -27,9 +27,9 @@ void add_show(CLI::App& app) {
   add_format(*command, options->format);
   command->add_flag("--binary", options->binary, "Write a binary property list to standard output")
       ->excludes("--json", "--xml");
-  add_text(*command, "FILE", options->path, "The file")->required();
+  add_text(*command, "FILE", options->path, "The file; - for standard input")->required();
   command->callback([options] {
-    const Ref<plist::Value> value = read_plist_file(options->path, plist::Containers::immutable).value;
+    const Ref<plist::Value> value = read_plist_input(options->path);
     if (options->binary) return print_binary(encode_plist(*value, plist::Encoding::binary));
     print(formatted(*value, options->format));
   });
@@ -68,11 +68,11 @@ void add_profile(CLI::App& app) {
   const auto add = [&](const char* name, const char* help) {
     CLI::App* edit = command->add_subcommand(name, help);
     edit->fallthrough();
-    edit->add_option("KEY.PATH", options->key_path, "The keys that lead to the entry")->required();
+    must_be_utf8(edit->add_option("KEY.PATH", options->key_path, "The keys that lead to the entry"))->required();
     return edit;
   };
   CLI::App* set = add("set", "Set an entry; what is missing on the way to it is made");
-  set->add_option("VALUE", options->value, "A string, unless --json")->required();
+  must_be_utf8(set->add_option("VALUE", options->value, "A string, unless --json"))->required();
   set->add_flag("--json", options->json, "VALUE is JSON, as show --json prints it");
   set->callback([options] { set_in_profile(*options); });
   add("unset", "Remove an entry")->callback([options] { unset_in_profile(*options); });

@@ -76,6 +76,13 @@ bool open_standard_descriptors() {
   }
 }
 
+std::string read_standard_input() {
+  std::string bytes;
+  const int error = read_whole(STDIN_FILENO, bytes);
+  if (error != 0) fail("standard input", error);
+  return bytes;
+}
+
 std::string read_file(const std::string& path) {
   const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) fail(path, errno);

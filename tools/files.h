@@ -19,6 +19,9 @@ bool open_standard_descriptors();
 /// The whole of a file: a regular one of up to 4 GiB, or up to 128 MiB from a pipe or a device. Throws FileFault.
 std::string read_file(const std::string& path);
 
+/// All of standard input, with the same limits. Throws FileFault.
+std::string read_standard_input();
+
 /// Makes or replaces a regular file as a whole: a complete temporary file is renamed over it, so that a reader
 /// finds the old content or the new. Both are on stable storage when it returns. A symbolic link stays a link to
 /// the file. Throws FileFault, and then the file is as it was.

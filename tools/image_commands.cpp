@@ -4,6 +4,7 @@
 #include <string>
 
 #include "client/methods.h"
+#include "plist/printable.h"
 #include "tools/command.h"
 #include "tools/commands.h"
 #include "tools/image_page.h"
@@ -30,22 +31,25 @@ Ref<plist::Dictionary> ask_for_images() {
 
 void save_images(const std::string& folder) {
   std::string paths;
-  for (const std::string& path : save_data_values(*ask_for_images(), folder)) paths += path + "\n";
+  for (const std::string& path : save_data_values(*ask_for_images(), folder))
+    paths += plist::printable(path) + "\n";
   print(paths);
 }
 
 void store_images(const std::string& path) {
-  const Ref<plist::Value> images = read_plist_file(path, plist::Containers::immutable).value;
+  const Ref<plist::Value> images = read_plist_input(path);
   client::Connection connection(wire::admin_service);
-  reply_of([&] { return client::store_regulatory_images(connection, images); });
+  reply_of_change([&] { return client::store_regulatory_images(connection, images); });
   size_t count = 0;
   for_each_data(*images, [&](const FoundData&) { ++count; });
-  print("stored the images in " + path + "; data values: " + std::to_string(count) + "\n");
+  print("stored the images in " + plist::printable(path) + "; data values: " + std::to_string(count) + "\n");
 }
 
 void write_page(const std::string& path) {
-  write_output(path, image_page(*ask_for_images()), 0644);
-  print("wrote " + path + "\n");
+  const std::string page = image_page(*ask_for_images());
+  if (path == "-") return print(page);
+  write_output(path, page, 0644);
+  print("wrote " + plist::printable(path) + "\n");
 }
 
 }  // namespace
@@ -59,14 +63,15 @@ void add_image_commands(CLI::App& app) {
           ->type_name("DIR")
           ->check(CLI::ExistingDirectory)
           ->excludes("--json", "--xml");
-  const CLI::Option* page =
-      add_text(*command, "--page", options->page, "Write a page that shows them, for a browser")
-          ->type_name("FILE")
-          ->excludes("--json", "--xml", "--save");
-  const CLI::Option* store = add_text(*command, "--store", options->property_list,
-                                      "Store the value of this property-list file as the images")
-                                 ->type_name("PLIST")
-                                 ->excludes("--json", "--xml", "--save", "--page");
+  const CLI::Option* page = add_text(*command, "--page", options->page,
+                                     "Write a page that shows them, for a browser; - for standard output")
+                                ->type_name("FILE")
+                                ->excludes("--json", "--xml", "--save");
+  const CLI::Option* store =
+      add_text(*command, "--store", options->property_list,
+               "Store the value of this property-list file as the images; - for standard input")
+          ->type_name("PLIST")
+          ->excludes("--json", "--xml", "--save", "--page");
   command->callback([=] {
     if (store->count() > 0) return store_images(options->property_list);
     if (save->count() > 0) return save_images(options->folder);

@@ -162,10 +162,15 @@ std::string card(const FoundData& data) {
   return html + "</dl>\n</figcaption>\n</figure>\n";
 }
 
-std::string heading(const plist::Dictionary& answer, size_t count) {
+std::string counted(size_t count, const char* what) {
+  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+std::string heading(const plist::Dictionary& answer, size_t images, size_t others) {
   const auto* version = cast<plist::String>(answer.get("ProductVersion"));
   std::string html = "<header>\n<h1>Regulatory images</h1>\n<p>";
-  html += std::to_string(count) + (count == 1 ? " image" : " images");
+  html += counted(images, "image");
+  if (others > 0) html += ", " + counted(others, "data value") + " that cannot be shown";
   if (version != nullptr) html += ", stored under system version " + escaped(version->view());
   return html + "</p>\n</header>\n";
 }
@@ -174,14 +179,14 @@ std::string heading(const plist::Dictionary& answer, size_t count) {
 
 std::string image_page(const plist::Dictionary& answer) {
   std::string cards;
-  size_t count = 0;
+  size_t images = 0, others = 0;
   for_each_data(answer, [&](const FoundData& data) {
     cards += card(data);
-    ++count;
+    ++(is_shown(data) ? images : others);
   });
   std::string page(head);
-  page.append(style).append("</style>\n</head>\n<body>\n").append(heading(answer, count));
-  page += count > 0 ? "<main>\n" + cards + "</main>\n" : "<p class=\"empty\">No images are stored.</p>\n";
+  page.append(style).append("</style>\n</head>\n<body>\n").append(heading(answer, images, others));
+  page += !cards.empty() ? "<main>\n" + cards + "</main>\n" : "<p class=\"empty\">No images are stored.</p>\n";
   return page + "</body>\n</html>\n";
 }
 

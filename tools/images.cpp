@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
+#include <fcntl.h>
 #include <map>
 #include <set>
 #include <stdexcept>
+#include <unistd.h>
 
 #include "client/image_format.h"
+#include "tools/files.h"
+#include "tools/sorted.h"
 
 namespace corvane::tools {
 
@@ -32,11 +35,7 @@ class Walk {
 
  private:
   void enter_entries(const plist::Dictionary& dictionary) {
-    std::map<std::string_view, const plist::Value*> sorted;
-    for (const plist::Dictionary::Entry& entry : dictionary.entries()) {
-      sorted.emplace(entry.key->view(), entry.value.get());
-    }
-    for (const auto& [key, value] : sorted) step(std::string(key), *value, &dictionary);
+    for (const auto& [key, value] : sorted(dictionary)) step(std::string(key), *value, &dictionary);
   }
 
   void enter_items(std::span<const plist::Ref<plist::Value>> items) {
@@ -73,6 +72,15 @@ std::string joined(const std::vector<std::string>& path) {
   return name;
 }
 
+// A link is not followed: the names are made of what somebody stored, and it could lead to any file.
+void write_new_content(const std::string& path, std::string_view bytes) {
+  const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  const bool is_written = descriptor >= 0 && write_all(descriptor, bytes);
+  const int error = errno;
+  if (descriptor >= 0) close(descriptor);
+  if (!is_written) throw std::runtime_error("could not write " + path + ": " + std::strerror(error));
+}
+
 class Saver {
  public:
   explicit Saver(const std::string& folder) : folder_(folder) {}
@@ -80,9 +88,7 @@ class Saver {
   void save(const FoundData& data) {
     const std::string path =
         folder_ + "/" + unused_name(joined(data.path), client::image_format(data.bytes).extension);
-    std::ofstream file(path, std::ios::binary);
-    file.write(data.bytes.data(), static_cast<std::streamsize>(data.bytes.size())).flush();
-    if (!file) throw std::runtime_error("could not write " + path + ": " + std::strerror(errno));
+    write_new_content(path, data.bytes);
     paths.push_back(path);
   }
 

@@ -1,12 +1,15 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
-#include <limits>
 #include <memory>
 #include <string>
+#include <system_error>
 
 #include "client/methods.h"
 #include "client/subscription.h"
@@ -16,6 +19,7 @@
 #include "tools/commands.h"
 #include "tools/json.h"
 #include "tools/print.h"
+#include "wire/limits.h"
 #include "wire/messages.h"
 
 namespace corvane::tools {
@@ -26,7 +30,7 @@ using std::chrono::steady_clock;
 
 namespace {
 
-constexpr double longest_timeout = 1e9;
+constexpr double shortest_timeout = 0.001, longest_timeout = 1e9;
 
 struct Options {
   Domain domain;
@@ -36,13 +40,27 @@ struct Options {
   double timeout = 0;  // seconds; 0: none
 };
 
+// The parser's own check takes a number that does not fit for the largest one that does.
+std::string fault_of_count(const std::string& given) {
+  int64_t count = 0;
+  const auto [end, error] = std::from_chars(given.data(), given.data() + given.size(), count);
+  const bool is_whole = error == std::errc() && end == given.data() + given.size();
+  return is_whole && count > 0 ? "" : "not a number from 1 to " + std::to_string(INT64_MAX);
+}
+
+// The parser's own check takes "nan".
+std::string fault_of_timeout(const std::string& given) {
+  char* end = nullptr;
+  const double seconds = std::strtod(given.c_str(), &end);
+  const bool is_in_range = *end == '\0' && seconds >= shortest_timeout && seconds <= longest_timeout;
+  return is_in_range ? "" : "not a number from 0.001 to 1000000000";
+}
+
 void add_end(CLI::App& command, Options& options, const char* what) {
-  command.add_option("--count", options.count, what)
-      ->type_name("N")
-      ->check(CLI::Range(int64_t{1}, std::numeric_limits<int64_t>::max()));
+  command.add_option("--count", options.count, what)->type_name("N")->check(CLI::Validator(fault_of_count, ""));
   command.add_option("--timeout", options.timeout, "End after this time")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.001, longest_timeout));
+      ->check(CLI::Validator(fault_of_timeout, ""));
 }
 
 // What is posted from its start on, until the timeout is over.
@@ -141,6 +159,8 @@ void print_entry(const plist::Dictionary& ark_entry, bool json) {
 // between. Where notifications were missed, only a value that differs counts as a change.
 void watch(const Options& options) {
   const client::ArkKey key{options.domain, options.key};
+  if (options.key.empty()) throw Failure{wrong_usage, "KEY: must not be empty"};
+  check_key_size(composed_key(options.domain, options.key), wire::watched_key_size);
   Following following(options);
   const std::string name = name_of_watch(key);
   Ref<plist::Dictionary> shown = entry_now(key);
@@ -171,7 +191,7 @@ void add_ark_watch_command(CLI::App& ark) {
   auto options = std::make_shared<Options>();
   CLI::App* command = ark.add_subcommand("watch", "Print a value, and again after each change");
   add_domain(*command, options->domain, "The domain of the key");
-  command->add_option("KEY", options->key, "The key")->required();
+  add_key(*command, options->key, "The key")->required();
   command->add_flag("--json", options->json, "Print a JSON object a line");
   add_end(*command, *options, "End after so many changes");
   command->callback([options] { watch(*options); });

@@ -2,13 +2,15 @@
 
 #include <cmath>
 #include <initializer_list>
-#include <map>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-// A metric is written once, with a line # HELP and a line # TYPE before all of its samples. Counters end in
-// "_total".
+#include "tools/sorted.h"
+
+// A metric is written once, with a line # HELP and a line # TYPE before all of its samples. OpenMetrics names a
+// counter without the "_total" that its samples have. Readers of the older Prometheus format then find samples
+// without a type, which they accept, and take the last line, # EOF, for a comment.
 
 namespace corvane::tools {
 
@@ -72,10 +74,11 @@ const plist::Value* find(const plist::Dictionary& status, std::initializer_list<
 class Metric {
  public:
   Metric(const char* name, const char* type, const char* help)
-      : name_(name), head_(std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n") {}
+      : sample_name_(name + std::string(type == std::string_view("counter") ? "_total" : "")),
+        head_(std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n") {}
 
   Metric& add(const Labels& labels, const std::string& value) {
-    if (!value.empty()) samples_ += name_ + labels_text(labels) + " " + value + "\n";
+    if (!value.empty()) samples_ += sample_name_ + labels_text(labels) + " " + value + "\n";
     return *this;
   }
 
@@ -83,7 +86,7 @@ class Metric {
   std::string text() const { return samples_.empty() ? "" : head_ + samples_; }
 
  private:
-  const std::string name_;
+  const std::string sample_name_;
   const std::string head_;
   std::string samples_;
 };
@@ -113,18 +116,17 @@ constexpr Single singles[] = {
     {"corvaned_max_fds", "gauge", "Descriptors that may be open.", "Process", "DescriptorLimit"},
     {"corvaned_ark_entries", "gauge", "Entries of the data ark.", "Ark", "Entries"},
     {"corvaned_ark_unsaved_changes", "gauge", "Changes of the ark that are not stored.", "Ark", "Unsaved"},
-    {"corvaned_ark_stores_total", "counter", "Stores of the ark.", "Ark", "Stores"},
-    {"corvaned_ark_failed_stores_total", "counter", "Stores of the ark that failed.", "Ark", "FailedStores"},
+    {"corvaned_ark_stores", "counter", "Stores of the ark.", "Ark", "Stores"},
+    {"corvaned_ark_failed_stores", "counter", "Stores of the ark that failed.", "Ark", "FailedStores"},
     {"corvaned_ark_was_unreadable", "gauge", "1 where the ark's file could not be read at the start.", "Ark",
      "WasUnreadable"},
     {"corvaned_log_disk_copy_works", "gauge", "1 where the disk took the last log line.", "Log", "DiskCopyWorks"},
-    {"corvaned_log_dropped_lines_total", "counter", "Log lines that standard error did not take.", "Log",
+    {"corvaned_log_dropped_lines", "counter", "Log lines that standard error did not take.", "Log",
      "DroppedLines"},
     {"corvaned_radio_available", "gauge", "1 where the telephony service can be asked.", "Radio", "Available"},
     {"corvaned_radio_bus_connected", "gauge", "1 where the system bus is connected.", "Radio", "BusConnected"},
-    {"corvaned_radio_events_total", "counter", "Events of the telephony service that were handled.", "Radio",
-     "Events"},
-    {"corvaned_radio_changes_total", "counter", "Look-ups that reported a change.", "Radio", "Changes"},
+    {"corvaned_radio_events", "counter", "Events of the telephony service that were handled.", "Radio", "Events"},
+    {"corvaned_radio_changes", "counter", "Look-ups that reported a change.", "Radio", "Changes"},
 };
 
 struct PerService {
@@ -137,10 +139,10 @@ struct PerService {
 constexpr PerService per_service[] = {
     {"corvaned_connections", "gauge", "Open connections.", "Open"},
     {"corvaned_connections_limit", "gauge", "Connections that may be open.", "Limit"},
-    {"corvaned_connections_accepted_total", "counter", "Connections accepted.", "Accepted"},
-    {"corvaned_requests_total", "counter", "Requests answered.", "Answered"},
-    {"corvaned_notifications_posted_total", "counter", "Notifications posted.", "Posted"},
-    {"corvaned_notifications_missed_total", "counter", "Notifications that subscribers missed.", "Missed"},
+    {"corvaned_connections_accepted", "counter", "Connections accepted.", "Accepted"},
+    {"corvaned_requests", "counter", "Requests answered.", "Answered"},
+    {"corvaned_notifications_posted", "counter", "Notifications posted.", "Posted"},
+    {"corvaned_notifications_missed", "counter", "Notifications that subscribers missed.", "Missed"},
 };
 
 std::string service_metric(const plist::Dictionary& status, const PerService& row) {
@@ -156,11 +158,7 @@ std::string keyed_metric(const plist::Dictionary& status, Metric metric, const c
   for (const Service& service : services) {
     const auto* counts = cast<plist::Dictionary>(find(status, {"Services", service.key, key}));
     if (counts == nullptr) continue;
-    std::map<std::string_view, const plist::Value*> sorted;
-    for (const plist::Dictionary::Entry& entry : counts->entries()) {
-      sorted.emplace(entry.key->view(), entry.value.get());
-    }
-    for (const auto& [name, value] : sorted) {
+    for (const auto& [name, value] : sorted(*counts)) {
       metric.add({{"service", service.label}, {label, std::string(name)}}, sample_value(value));
     }
   }
@@ -176,14 +174,13 @@ std::string open_metrics(const plist::Dictionary& status) {
         Metric(row.name, row.type, row.help).add({}, sample_value(find(status, {row.section, row.key}))).text();
   }
   for (const PerService& row : per_service) text += service_metric(status, row);
+  text += keyed_metric(status,
+                       Metric("corvaned_request_errors", "counter", "Requests answered with an error, by code."),
+                       "code", "Errors");
   text += keyed_metric(
-      status, Metric("corvaned_request_errors_total", "counter", "Requests answered with an error, by code."),
-      "code", "Errors");
-  text += keyed_metric(
-      status,
-      Metric("corvaned_connections_closed_total", "counter", "Connections refused or closed by the daemon."),
+      status, Metric("corvaned_connections_closed", "counter", "Connections refused or closed by the daemon."),
       "reason", "Closed");
-  return text;
+  return text + "# EOF\n";
 }
 
 }  // namespace corvane::tools

@@ -1,9 +1,8 @@
 #include "tools/print.h"
 
-#include <map>
-
 #include "plist/describe.h"
 #include "plist/printable.h"
+#include "tools/sorted.h"
 
 namespace corvane::tools {
 
@@ -25,18 +24,14 @@ void print_items(std::span<const plist::Ref<plist::Value>> items, const std::str
 }
 
 void print_entries(const plist::Dictionary& dictionary, const std::string& indent, std::string& out) {
-  std::map<std::string_view, const plist::Value*> sorted;
-  for (const plist::Dictionary::Entry& entry : dictionary.entries()) {
-    sorted.emplace(entry.key->view(), entry.value.get());
-  }
   out += '{';
-  for (const auto& [key, value] : sorted) {
+  for (const auto& [key, value] : sorted(dictionary)) {
     out += "\n" + indent + "  ";
     plist::append_quoted(out, key);
     out += ": ";
     print(*value, indent + "  ", out);
   }
-  if (!sorted.empty()) out += "\n" + indent;
+  if (dictionary.size() > 0) out += "\n" + indent;
   out += '}';
 }
 

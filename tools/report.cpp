@@ -1,26 +1,14 @@
 #include "tools/report.h"
 
-#include <map>
-#include <string_view>
-
 #include "plist/describe.h"
 #include "plist/printable.h"
+#include "tools/sorted.h"
 
 namespace corvane::tools {
 
 using plist::cast;
 
 namespace {
-
-using Sorted = std::map<std::string_view, const plist::Value*>;
-
-Sorted sorted(const plist::Dictionary& dictionary) {
-  Sorted entries;
-  for (const plist::Dictionary::Entry& entry : dictionary.entries()) {
-    entries.emplace(entry.key->view(), entry.value.get());
-  }
-  return entries;
-}
 
 // As deep as a property list may be, which the readers bound.
 void add_rows(Table& table, const std::string& name, const plist::Value& value) {

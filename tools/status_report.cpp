@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <iterator>
 #include <set>
 #include <string_view>
 #include <vector>
@@ -9,7 +10,8 @@
 #include "plist/describe.h"
 #include "tools/report.h"
 
-// The services are one table, with a column for each of them. The rest is shown as it comes.
+// The services are three tables, with a column for each service: what they do, why connections were closed, and
+// errors by code. The rest is shown as it comes.
 
 namespace corvane::tools {
 
@@ -39,12 +41,20 @@ std::set<std::string_view> leaf_keys(const std::vector<const plist::Dictionary*>
   return keys;
 }
 
-void add_rows(Table& table, const std::string& prefix, const std::vector<const plist::Dictionary*>& columns) {
+constexpr const char* service_names[] = {"Public", "Admin", "Notifications"};
+
+// With a column for each service, and its name above that.
+std::string table_of(const char* title, const std::vector<const plist::Dictionary*>& columns,
+                     const Screen& screen) {
+  std::vector<std::string> titles{title};
+  titles.insert(titles.end(), std::begin(service_names), std::end(service_names));
+  Table table(titles);
   for (const std::string_view key : leaf_keys(columns)) {
-    std::vector<std::string> row{prefix + std::string(key)};
+    std::vector<std::string> row{std::string(key)};
     for (const plist::Dictionary* column : columns) row.push_back(text_of(column, key));
     table.add_row(row);
   }
+  return table.text(screen);
 }
 
 std::vector<const plist::Dictionary*> inner(const std::vector<const plist::Dictionary*>& columns,
@@ -56,18 +66,14 @@ std::vector<const plist::Dictionary*> inner(const std::vector<const plist::Dicti
   return found;
 }
 
-std::string services_table(const plist::Dictionary& services, const Screen& screen) {
-  std::vector<std::string> titles{"Services"};
+std::string services_tables(const plist::Dictionary& services, const Screen& screen) {
   std::vector<const plist::Dictionary*> columns;
-  for (const char* name : {"Public", "Admin", "Notifications"}) {
-    titles.emplace_back(name);
-    columns.push_back(cast<plist::Dictionary>(services.get(name)));
+  for (const char* name : service_names) columns.push_back(cast<plist::Dictionary>(services.get(name)));
+  std::string text = table_of("Services", columns, screen);
+  for (const char* section : {"Closed", "Errors"}) {
+    text += "\n" + table_of(section, inner(columns, section), screen);
   }
-  Table table(titles);
-  add_rows(table, "", columns);
-  add_rows(table, "Closed: ", inner(columns, "Closed"));
-  add_rows(table, "Error ", inner(columns, "Errors"));
-  return table.text(screen);
+  return text;
 }
 
 // Seconds in days, hours and minutes.
@@ -111,7 +117,7 @@ std::string status_report(const plist::Dictionary& status, const Screen& screen)
   if (const auto* process = cast<plist::Dictionary>(status.get(process_key))) {
     others->set(process_key, with_units(*process));
   }
-  return report(*others, screen) + "\n" + services_table(*services, screen);
+  return report(*others, screen) + "\n" + services_tables(*services, screen);
 }
 
 }  // namespace corvane::tools
