@@ -18,7 +18,8 @@ using client::ArkKey;
 using plist::Ref;
 
 constexpr char bad_argument[] = "code 1: Unexpeceted parameter";
-constexpr char not_stored[] = "code 2: it is done, but the data ark could not be stored, and the log says why";
+constexpr char not_stored[] =
+    "code 2: it is done, but the data ark could not be stored: look into the log, and at the state directory";
 
 Ref<plist::Value> text(std::string_view utf8) { return plist::String::create(utf8); }
 
