@@ -183,7 +183,7 @@ eventually grep 'the daemon is there' "$work/bridge"
 refuses_images Failed 'the answer could not be sent'
 eventually grep 'the daemon is gone' "$work/bridge"
 memory=$(awk '/VmHWM/ { print $2 }' "/proc/$bridge/status")
-[ "$memory" -lt 40000 ] || fail "it took $memory KiB"
+[ -n "${CORVANE_SANITIZE:-}" ] || [ "$memory" -lt 40000 ] || fail "it took $memory KiB"
 
 step='corvane-bus ends with the bus'
 kill "$bus"
