@@ -19,13 +19,13 @@ file_has_the_ark() {
   if [ "$listed" != "$on_disk" ]; then fail "the file has '${on_disk:0:300}', and the list '${listed:0:300}'"; fi
 }
 
-# make_dump FILE COUNT: a dump of COUNT entries in the domain "many".
+# make_dump FILE COUNT VALUE [ENTRY]: a dump of COUNT entries in the domain "many", and of one more that is given as XML.
 make_dump() {
-  python3 - "$2" <<'PYTHON' >"$1"
-import plistlib, sys
-entries = [{"Key": f"many-{n:05}", "Value": n, "Attributes": []} for n in range(int(sys.argv[1]))]
-plistlib.dump({"Entries": entries}, sys.stdout.buffer)
-PYTHON
+  {
+    echo '<plist><dict><key>Entries</key><array>'
+    printf "<dict><key>Key</key><string>many-%05d</string><key>Value</key><integer>$3</integer></dict>\n" $(seq 0 $(($2 - 1)))
+    echo "${4:-}</array></dict></plist>"
+  } >"$1"
 }
 
 step='no daemon'
@@ -96,7 +96,7 @@ expect 2 $'*: binary data does not go to a terminal\r' '' on_terminal ark dump -
 expect 0 'removed *' '' ark remove --domain a-rather-long-domain Key
 
 step='dump and restore'
-make_dump "$work/many.plist" 2500
+make_dump "$work/many.plist" 2500 1
 expect 0 'set from */many.plist: 2500; left alone, because the file does not have them: 2' '' \
   ark restore "$work/many.plist"
 file_has_the_ark
@@ -106,7 +106,7 @@ expect 0 600 '' stat -c %a "$work/dump"
 expect 0 '' '' eval "ark dump - | cmp - '$work/dump'"
 before=$(ark list --json)
 expect 0 '*' '' ark remove Key
-expect 0 'set many-00000; it was 0' '' ark set --domain many 00000 other
+expect 0 'set many-00000; it was 1' '' ark set --domain many 00000 other
 expect 0 'set from */dump: 2500; left alone, because the file does not have them: 0' '' \
   ark restore --domain many "$work/dump"
 expect 0 'set from -: 2502; *: 0' '' ark restore - <"$work/dump"
@@ -115,20 +115,14 @@ file_has_the_ark
 
 step='a dump with one bad entry changes nothing'
 refuses_entry() {
-  make_dump "$work/bad.plist" 2000
-  python3 - "$work/bad.plist" "$1" <<'PYTHON'
-import json, plistlib, sys
-dump = plistlib.load(open(sys.argv[1], "rb"))
-for number, entry in enumerate(dump["Entries"]): entry["Value"] = -1
-dump["Entries"][1999] = json.loads(sys.argv[2])
-plistlib.dump(dump, open(sys.argv[1], "wb"))
-PYTHON
+  make_dump "$work/bad.plist" 1999 -1 "<dict><key>Key</key><string>$1</string><key>Value</key><true/>$3</dict>"
   expect 2 '' "corvanectl: */bad.plist: entry 1999: $2" ark restore "$work/bad.plist"
   if [ "$(ark list --json)" != "$before" ]; then fail 'a bad dump has changed the ark'; fi
 }
-refuses_entry '{"Key": "no hyphen", "Value": 1}' 'no composed key'
-refuses_entry "{\"Key\": \"-$(key_of_size 1024)\", \"Value\": 1}" 'a key of more than 1,024 bytes'
-refuses_entry '{"Key": "-Key", "Value": 1, "Attributes": [3, 3]}' 'attributes are different numbers from 0 to 8'
+refuses_entry 'no hyphen' 'no composed key' ''
+refuses_entry "-$(key_of_size 1024)" 'a key of more than 1,024 bytes' ''
+refuses_entry '-Key' 'attributes are different numbers from 0 to 8' \
+  '<key>Attributes</key><array><integer>3</integer><integer>3</integer></array>'
 
 step='a dump while the ark changes'
 # Each restore sets the ark's first and last key together, and so they have the same value in every dump.

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Stands in for the daemon at the sockets in the folder of its first argument: answers two requests with an error
 whose text D-Bus cannot carry, and ends after it has posted 200,000 notifications."""
-import plistlib, socket, struct, sys
+import socket, struct, sys
 
 
 def listen(name):
@@ -11,16 +11,20 @@ def listen(name):
     return server
 
 
-def frame(message):
-    body = plistlib.dumps(message, fmt=plistlib.FMT_BINARY)
+def frame(elements):
+    body = f"<plist><dict>{elements}</dict></plist>".encode()
     return struct.pack(">2sBBI", b"CV", 1, 1, len(body)) + body
 
 
 notifications, requests = listen("com.norvane.notifications"), listen("com.norvane.corvaned")
 subscriber, _ = notifications.accept()
-error = {"Domain": "", "Code": 2, "UserInfo": {"ErrorDescription": "\ufdd0"}}
+error = """<key>Request</key><string></string><key>ErrorObject</key><dict>
+  <key>Domain</key><string></string><key>Code</key><integer>2</integer>
+  <key>UserInfo</key><dict><key>ErrorDescription</key><string>\ufdd0</string></dict>
+</dict>"""
+flood = "<key>Notification</key><string>flood</string><key>Object</key><string>flood</string>"
 for _ in ("the version", "the images"):
     connection, _ = requests.accept()
     connection.recv(4096)
-    connection.sendall(frame({"Request": "", "ErrorObject": error}))
-subscriber.sendall(200_000 * frame({"Notification": "flood", "Object": "flood"}))
+    connection.sendall(frame(error))
+subscriber.sendall(200_000 * frame(flood))

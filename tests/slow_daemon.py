@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Stands in for the daemon at the socket of its first argument: answers two requests for images, each with other
 images and a second late."""
-import plistlib, socket, struct, sys, time
+import socket, struct, sys, time
 
 server = socket.socket(socket.AF_UNIX)
 server.bind(sys.argv[1])
@@ -10,6 +10,8 @@ for images in ("first", "second"):
     connection, _ = server.accept()
     connection.recv(4096)
     time.sleep(1)
-    answer = {"Request": "copyRegulatoryImagesWithCompletionBlock:", "Reply": {"RegulatoryImages": images}}
-    body = plistlib.dumps(answer, fmt=plistlib.FMT_BINARY)
+    body = f"""<plist><dict>
+      <key>Request</key><string>copyRegulatoryImagesWithCompletionBlock:</string>
+      <key>Reply</key><dict><key>RegulatoryImages</key><string>{images}</string></dict>
+    </dict></plist>""".encode()
     connection.sendall(struct.pack(">2sBBI", b"CV", 1, 1, len(body)) + body)

@@ -27,7 +27,7 @@ constexpr std::string_view head = R"(<!DOCTYPE html>
 <head>
 <meta charset="utf-8">
 <meta http-equiv="Content-Security-Policy" content="default-src 'none'; img-src data:; base-uri 'none';
-  form-action 'none'; style-src 'sha256-NFqRdVJCV/3O4qBC0ofkEn7rZcjz5qVoODbbMgzdoac='">
+  form-action 'none'; style-src 'sha256-Vl/DE++7I5LY6WEh0qmALuEjYYPkqwRMvxu0yJYNOm8='">
 <meta name="viewport" content="width=device-width, initial-scale=1">
 <meta name="color-scheme" content="light dark">
 <title>Regulatory images</title>
@@ -40,7 +40,7 @@ constexpr std::string_view style = R"(
 }
 * { box-sizing: border-box; }
 body { margin: 0 auto; max-width: 76rem; padding: 2.5rem 1.25rem 4rem; background: var(--page); color: var(--text);
-  font: 1rem/1.5 system-ui, -apple-system, "Segoe UI", Roboto, "Noto Sans", "DejaVu Sans", sans-serif; }
+  font: 1rem/1.5 system-ui, sans-serif; }
 header { margin-bottom: 2rem; }
 h1 { margin: 0; font-size: 1.5rem; font-weight: 600; letter-spacing: -0.01em; }
 header p { margin: 0.25rem 0 0; color: var(--quiet); }
