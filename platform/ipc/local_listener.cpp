@@ -24,10 +24,9 @@ using std::chrono::steady_clock;
 
 namespace {
 
-// For the log, by CloseReason. Refusing and evicting have lines of their own.
-// 5 s.
-constexpr unsigned ticks_between_trims = 20;
+constexpr unsigned ticks_between_trims = 20;  // 5 s
 
+// For the log, by CloseReason. Refusing and evicting have lines of their own.
 constexpr std::array<const char*, close_reason_names.size()> faults{
     nullptr,
     nullptr,
