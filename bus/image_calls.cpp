@@ -13,9 +13,14 @@ namespace corvane::bus {
 namespace {
 
 constexpr char failed[] = "com.norvane.corvaned.Error.Failed";
+constexpr char not_carried[] = "com.norvane.corvaned.Error.NotCarried";
+
+// While an answer is read it takes up to nine times its size.
+constexpr uint32_t answer_limit = uint32_t{32} << 20;
 
 client::Answer ask_for_images() {
-  client::Connection connection(wire::public_service, client::Connection::root_from_environment(), ask_timeout);
+  client::Connection connection(wire::public_service, client::Connection::root_from_environment(), ask_timeout,
+                                answer_limit);
   return client::copy_regulatory_images(connection);
 }
 
@@ -37,7 +42,7 @@ int send_images(sd_bus_message* call, const plist::Dictionary& images) {
   const char* fault = nullptr;
   const int appended = append_dictionary(*message, images, fault);
   if (fault != nullptr) {
-    return refuse(call, "com.norvane.corvaned.Error.NotCarried", std::string("the images have ") + fault);
+    return refuse(call, not_carried, std::string("the images have ") + fault);
   }
   return appended < 0 ? appended : sd_bus_send(nullptr, message, nullptr);
 }
@@ -98,6 +103,9 @@ void ImageCalls::answer(sd_bus_message* call) const {
 
 int ImageCalls::send_answer(sd_bus_message* call) const {
   const wire::Response& response = found_.response;
+  if (found_.outcome == client::Outcome::too_long) {
+    return refuse(call, not_carried, "the images take more than 32 MiB");
+  }
   if (found_.outcome != client::Outcome::answered) {
     return refuse(call, "com.norvane.corvaned.Error.NotAvailable", "the daemon does not answer: " + found_.detail);
   }

@@ -85,15 +85,21 @@ int serve() {
   check(sd_bus_request_name(bus.get(), bus_name, 0), "the name com.norvane.corvaned cannot be had");
   sd_notify(0, "READY=1");
   const int status = sd_event_loop(loop.get());
+  check(status, "event loop");
   if (status != EXIT_SUCCESS) report("the system bus is gone");
   sd_notify(0, "STOPPING=1");
   return status;
 }
 
+// The exit status: a full disk is noticed when the text is written out.
+int print(const char* text) {
+  return std::fputs(text, stdout) < 0 || std::fflush(stdout) != 0 ? EXIT_FAILURE : EXIT_SUCCESS;
+}
+
 int run(int argc, char** argv) {
   const std::string_view option = argc == 2 ? argv[1] : "";
-  if (option == "--version") return std::puts("corvane-bus " CORVANE_VERSION) < 0;
-  if (option == "--help") return std::fputs(help, stdout) < 0;
+  if (option == "--version") return print("corvane-bus " CORVANE_VERSION "\n");
+  if (option == "--help") return print(help);
   if (argc > 1) {
     report("unknown arguments; see --help");
     return wrong_usage;

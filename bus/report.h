@@ -8,7 +8,7 @@ namespace corvane::bus {
 void report(const std::string& line);
 
 /// Ends the process with status 1 and one line where `result` is a negative errno: for what fails only when the
-/// system has no resources left.
+/// system has no resources left, or the bus has stopped reading.
 void require(int result, const char* what);
 
 }  // namespace corvane::bus

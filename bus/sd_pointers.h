@@ -8,7 +8,8 @@
 namespace corvane::bus {
 
 struct SdDeleter {
-  void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+  /// Without flushing, which would wait for a bus that does not read.
+  void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
   void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
   void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
   void operator()(sd_event* loop) const { sd_event_unref(loop); }

@@ -12,11 +12,9 @@
 #include <span>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
-#include "client/socket.h"
 #include "plist/reader.h"
 #include "plist/writer.h"
 #include "wire/frame.h"
@@ -41,7 +39,8 @@ std::chrono::milliseconds time_left(steady_clock::time_point deadline) {
 /// One request and its answer on a connected socket, until the deadline.
 class Call {
  public:
-  Call(int socket, steady_clock::time_point deadline) : socket_(socket), deadline_(deadline) {}
+  Call(int socket, uint32_t response_limit, steady_clock::time_point deadline)
+      : socket_(socket), response_limit_(response_limit), deadline_(deadline) {}
 
   /// The failure, or nothing when the request was sent.
   std::optional<Answer> send(const plist::ByteChain& body);
@@ -55,6 +54,7 @@ class Call {
   std::optional<Answer> read_frame(wire::Frame& frame);
 
   const int socket_;
+  const uint32_t response_limit_;
   const steady_clock::time_point deadline_;
   bool received_any_ = false;
 };
@@ -111,7 +111,7 @@ std::optional<Answer> Call::send(const plist::ByteChain& body) {
 }
 
 std::optional<Answer> Call::read_frame(wire::Frame& frame) {
-  wire::FrameReader reader(wire::response_limit);
+  wire::FrameReader reader(response_limit_);
   for (;;) {
     switch (reader.next(frame)) {
       case wire::FrameReader::Status::frame:
@@ -119,7 +119,7 @@ std::optional<Answer> Call::read_frame(wire::Frame& frame) {
       case wire::FrameReader::Status::bad_header:
         return failure(Outcome::bad_answer, "the answer is no frame");
       case wire::FrameReader::Status::too_long:
-        return failure(Outcome::bad_answer, "the answer is too long");
+        return failure(Outcome::too_long, "the answer is too long");
       case wire::FrameReader::Status::incomplete:
         break;
     }
@@ -169,20 +169,16 @@ std::string refusal_text(const std::string& path, int connect_error) {
   return path + ": " + std::strerror(connect_error);
 }
 
-Connection::Connection(std::string_view service_name, const std::string& root, std::chrono::milliseconds timeout)
+Connection::Connection(std::string_view service_name, const std::string& root, std::chrono::milliseconds timeout,
+                       uint32_t response_limit)
     : path_(wire::socket_path(root, service_name)),
       request_limit_(service_name == wire::admin_service ? wire::admin_request_limit : wire::public_request_limit),
+      response_limit_(response_limit),
       timeout_(timeout) {}
 
-Connection::~Connection() { disconnect(); }
-
 std::string Connection::root_from_environment() {
-  const char* root = std::getenv("CORVANE_ROOT");
+  const char* root = secure_getenv("CORVANE_ROOT");
   return root == nullptr ? "" : root;
-}
-
-void Connection::disconnect() {
-  if (socket_ >= 0) close(std::exchange(socket_, -1));
 }
 
 Answer Connection::ask(const plist::Dictionary& request) {
@@ -190,7 +186,7 @@ Answer Connection::ask(const plist::Dictionary& request) {
     return send_and_receive(request);
   } catch (...) {
     // Memory is out, or the thread is cancelled. The answer may still come, and is not that to the next request.
-    disconnect();
+    socket_ = Socket();
     throw;
   }
 }
@@ -203,18 +199,18 @@ Answer Connection::send_and_receive(const plist::Dictionary& request) {
   if (body.size() > request_limit_) return failure(Outcome::bad_request, "the request is too long");
   const auto deadline = steady_clock::now() + timeout_;
   for (;;) {
-    const bool fresh = socket_ < 0;
+    const bool fresh = !socket_;
     if (fresh) socket_ = connect_to(path_, time_left(deadline));
-    if (socket_ < 0) {
+    if (!socket_) {
       const int error = errno;
       return failure(refusal(error), refusal_text(path_, error));
     }
 
-    Call call(socket_, deadline);
+    Call call(socket_.descriptor(), response_limit_, deadline);
     std::optional<Answer> failed = call.send(body);
     const Answer answer = failed ? *failed : call.receive(wire::request_selector(request));
     if (answer.outcome == Outcome::answered) return answer;
-    disconnect();
+    socket_ = Socket();
     const bool was_stale = !fresh && answer.outcome == Outcome::closed && !call.received_any();
     if (!was_stale) return answer;
   }

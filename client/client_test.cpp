@@ -69,7 +69,7 @@ TEST_F(Client, TellsHowACallEnded) {
   EXPECT_EQ(ask().outcome, Outcome::refused);
   EXPECT_EQ(ask_server(answer_).outcome, Outcome::answered);
   EXPECT_EQ(ask_server("HTTP/1.1 400 Bad Request\r\n").outcome, Outcome::bad_answer);
-  EXPECT_EQ(ask_server("CV\x01\x01\xff\xff\xff\xff").outcome, Outcome::bad_answer) << "a frame that is too long";
+  EXPECT_EQ(ask_server("CV\x01\x01\xff\xff\xff\xff").outcome, Outcome::too_long);
   EXPECT_EQ(ask_server(frame(answer_.substr(wire::header_size), 2)).outcome, Outcome::bad_answer)
       << "another kind";
   EXPECT_EQ(ask_server(frame("no property list")).outcome, Outcome::bad_answer);

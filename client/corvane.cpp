@@ -84,6 +84,7 @@ corvane_status status_of(Outcome outcome) {
     case Outcome::timed_out:
       return CORVANE_TIMED_OUT;
     case Outcome::bad_answer:
+    case Outcome::too_long:
       return CORVANE_BAD_ANSWER;
     case Outcome::bad_request:
       return CORVANE_BAD_REQUEST;
@@ -285,9 +286,11 @@ corvane_status corvane_ark_remove(corvane_connection* connection, const char* do
 
 corvane_status corvane_ark_list(corvane_connection* connection, const char* domain, const char* after,
                                 corvane_value** reply, corvane_error* error) {
-  return client::call_ark(connection, domain, after, reply, error,
-                          [](client::Connection& current, const client::ArkKey& start) {
-                            return client::copy_ark_entries(current, start.domain, start.key);
+  return client::call_ark(connection, domain, nullptr, reply, error,
+                          [&](client::Connection& current, const client::ArkKey& start) {
+                            if (after != nullptr && !client::is_text(after))
+                              return client::refused("`after` is not UTF-8");
+                            return client::copy_ark_entries(current, start.domain, client::optional_text(after));
                           });
 }
 

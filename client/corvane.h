@@ -14,7 +14,8 @@
  * NULL. Every pointer may be NULL. Without a handle or a required argument a call answers CORVANE_BAD_REQUEST; a
  * value that is NULL has the kind CORVANE_NONE; a result without a place to put it is dropped.
  *
- * Text is UTF-8 that ends with a NUL, unless it has a length. Ill-formed text is refused.
+ * Text is UTF-8 that ends with a NUL, unless it has a length. Ill-formed text is refused; only the path `root` may
+ * have any bytes.
  *
  * No function throws, ends the process, writes to standard output or error, or changes how signals are handled. */
 
@@ -31,7 +32,7 @@ extern "C" {
 /* How a call ended. */
 typedef enum corvane_status {
   CORVANE_OK = 0,
-  CORVANE_REFUSED = 1,       /* no connection: nobody serves the socket */
+  CORVANE_REFUSED = 1,       /* no connection: nobody serves the socket, or none could be made */
   CORVANE_NOT_PERMITTED = 2, /* no connection: this user may not use the socket */
   CORVANE_CLOSED = 3,        /* the connection ended before the whole answer had come */
   CORVANE_TIMED_OUT = 4,     /* the timeout was over before the whole answer had come */
@@ -136,17 +137,20 @@ typedef enum corvane_service {
 #define CORVANE_DEFAULT_TIMEOUT 5000 /* milliseconds */
 
 /* `root` is the folder below which the daemon runs; NULL stands for the variable CORVANE_ROOT, and for the whole
- * system where that is not set. The timeout, in milliseconds, is that of each request, from connecting to the last
- * byte of the answer. Nothing is connected yet. On failure *connection is NULL. */
+ * system where that is not set. A program that has more rights than its user ignores the variable. The timeout, in
+ * milliseconds, is that of each request, from connecting to the last byte of the answer. Nothing is connected yet.
+ * On failure *connection is NULL. */
 corvane_status corvane_connection_open(corvane_service service, const char* root, int timeout,
                                        corvane_connection** connection, corvane_error* error);
 void corvane_connection_close(corvane_connection* connection);
 
-/* Sends a request and waits for the answer. `arguments` is a dictionary, or NULL for none. *reply becomes the
+/* Sends a request and waits for the answer. It is sent a second time, over a new connection, when one from an
+ * earlier request turns out to be closed and no byte of an answer has come: a key that the first one removed is
+ * not there for the second. `arguments` is a dictionary, or NULL for none. *reply becomes the
  * reply, a dictionary that the caller releases; NULL where the daemon gave none, and after any failure.
  *
- * After CORVANE_CLOSED, CORVANE_TIMED_OUT and CORVANE_BAD_ANSWER it is not known whether the daemon has acted on
- * the request. The connection can be used again after every failure. */
+ * After CORVANE_CLOSED, CORVANE_TIMED_OUT, CORVANE_BAD_ANSWER and CORVANE_NO_MEMORY it is not known whether the
+ * daemon has acted on the request. The connection can be used again after every failure. */
 corvane_status corvane_ask(corvane_connection* connection, const char* selector, const corvane_value* arguments,
                            corvane_value** reply, corvane_error* error);
 
@@ -223,7 +227,8 @@ typedef struct corvane_image {
 
 /* Keeps a reference to the value. NULL where memory is out. A walk over NULL finds nothing. */
 corvane_images* corvane_images_open(const corvane_value* value);
-/* CORVANE_OK with the next image, CORVANE_END after the last one, or CORVANE_NO_MEMORY. */
+/* CORVANE_OK with the next image, CORVANE_END after the last one, or CORVANE_NO_MEMORY: then every further call
+ * answers the same. */
 corvane_status corvane_images_next(corvane_images* images, corvane_image* image);
 void corvane_images_close(corvane_images* images);
 

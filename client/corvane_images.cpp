@@ -35,6 +35,7 @@ struct corvane_images {
   const corvane_value* unvisited = client::to_c(root.get());
   std::vector<Level> levels{};
   std::string name{};
+  bool is_over = false;  ///< memory was out, and an image may have been passed
 };
 
 void corvane_images::append_name(const Level& level, size_t position) {
@@ -76,7 +77,8 @@ void corvane_images_close(corvane_images* images) { delete images; }
 
 corvane_status corvane_images_next(corvane_images* images, corvane_image* image) {
   if (images == nullptr) return CORVANE_BAD_REQUEST;
-  return client::with_error(nullptr, [&] {
+  if (images->is_over) return CORVANE_NO_MEMORY;
+  const auto next = [&] {
     const corvane_value* found = images->next_image();
     if (found == nullptr) return CORVANE_END;
     if (image == nullptr) return CORVANE_OK;
@@ -85,5 +87,9 @@ corvane_status corvane_images_next(corvane_images* images, corvane_image* image)
     const client::ImageFormat& format = client::image_format({static_cast<const char*>(bytes), length});
     *image = {images->name.c_str(), images->name.size(), bytes, length, format.media_type, format.extension};
     return CORVANE_OK;
+  };
+  return client::without_exceptions(next, [&] {
+    images->is_over = true;
+    return CORVANE_NO_MEMORY;
   });
 }

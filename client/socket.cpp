@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -37,22 +38,26 @@ bool connect_until(int socket, const wire::SocketAddress& address, steady_clock:
 
 }  // namespace
 
-int connect_to(const std::string& path, std::chrono::milliseconds timeout) {
+Socket::~Socket() {
+  if (descriptor_ < 0) return;
+  const int error = errno;
+  int state = 0;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+  close(descriptor_);
+  pthread_setcancelstate(state, nullptr);
+  errno = error;
+}
+
+Socket connect_to(const std::string& path, std::chrono::milliseconds timeout) {
   const auto deadline = steady_clock::now() + timeout;
   const wire::SocketAddress address(path);
   if (address.error() != 0) {
     errno = address.error();
-    return -1;
+    return {};
   }
-  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (socket < 0) return -1;
-  if (!connect_until(socket, address, deadline)) {
-    const int error = errno;
-    close(socket);
-    errno = error;
-    return -1;
-  }
-  fcntl(socket, F_SETFL, fcntl(socket, F_GETFL) | O_NONBLOCK);
+  Socket socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!socket || !connect_until(socket.descriptor(), address, deadline)) return {};
+  fcntl(socket.descriptor(), F_SETFL, fcntl(socket.descriptor(), F_GETFL) | O_NONBLOCK);
   return socket;
 }
 

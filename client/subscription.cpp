@@ -8,9 +8,7 @@
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include "client/socket.h"
 #include "plist/reader.h"
 #include "wire/limits.h"
 #include "wire/socket_address.h"
@@ -40,13 +38,9 @@ bool decode(const wire::Frame& frame, wire::Notification& notification) {
 Subscription::Subscription(const std::string& root)
     : path_(wire::socket_path(root, wire::notification_service)), reader_(wire::response_limit) {}
 
-Subscription::~Subscription() {
-  if (socket_ >= 0) close(socket_);
-}
-
 Outcome Subscription::open(std::string& detail) {
   socket_ = connect_to(path_, default_timeout);
-  if (socket_ >= 0) return Outcome::answered;
+  if (socket_) return Outcome::answered;
   const int error = errno;
   detail = refusal_text(path_, error);
   return refusal(error);
@@ -58,13 +52,13 @@ Outcome Subscription::next(wire::Notification& notification, std::string& detail
   wire::Frame frame;
   wire::FrameReader::Status status;
   while ((status = reader_.next(frame)) == wire::FrameReader::Status::incomplete) {
-    pollfd readable{socket_, POLLIN, 0};
+    pollfd readable{descriptor(), POLLIN, 0};
     if (poll(&readable, 1, poll_timeout(start, timeout)) == 0) {
       detail = "no notification in time";
       return Outcome::timed_out;
     }
     const std::span<char> buffer = reader_.prepare();
-    const ssize_t count = recv(socket_, buffer.data(), buffer.size(), 0);
+    const ssize_t count = recv(descriptor(), buffer.data(), buffer.size(), 0);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) continue;
     if (count <= 0) {
       detail = count == 0 ? "the daemon closed the connection" : std::strerror(errno);

@@ -13,9 +13,6 @@ namespace corvane::client {
 class Subscription {
  public:
   explicit Subscription(const std::string& root = Connection::root_from_environment());
-  ~Subscription();
-  Subscription(const Subscription&) = delete;
-  Subscription& operator=(const Subscription&) = delete;
 
   /// Connects; to be called once. `next` then reads every notification that is posted after the daemon has
   /// accepted the connection. Of those that were dropped because too many were unread it reads the count. Returns
@@ -31,14 +28,14 @@ class Subscription {
 
   /// For the caller's own event loop, which waits until it is readable and then calls `next` with a timeout of 0
   /// until that returns `timed_out`. Valid after `open`; the subscription closes it.
-  int descriptor() const { return socket_; }
+  int descriptor() const { return socket_.descriptor(); }
 
   static constexpr std::chrono::milliseconds no_timeout = std::chrono::milliseconds::max();
 
  private:
   const std::string path_;
   wire::FrameReader reader_;
-  int socket_ = -1;
+  Socket socket_;
 };
 
 }  // namespace corvane::client

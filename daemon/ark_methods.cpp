@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "daemon/answers.h"
 #include "plist/value_size.h"
@@ -156,13 +157,13 @@ Ref<plist::Dictionary> ArkMethods::copy_entry(const ArkKey& key) const {
   return make_entry(std::move(value), data_ark_attributes(ark_, key.domain, key.key));
 }
 
-void ArkMethods::store_and_answer(bool is_unsaved, plist::Dictionary* reply, const CompletionBlock& completion) {
-  const uint64_t failed_before = data_ark_status(ark_).failed_stores;
-  if (is_unsaved || last_store_failed_) {
+void ArkMethods::store_and_answer(plist::Dictionary* reply, const CompletionBlock& completion) {
+  if (store_is_due_ || data_ark_dirty_count(ark_) != 0) {
+    const uint64_t failed_before = data_ark_status(ark_).failed_stores;
     data_ark_store(ark_);
-    last_store_failed_ = data_ark_status(ark_).failed_stores != failed_before;
+    store_is_due_ = data_ark_status(ark_).failed_stores != failed_before;
   }
-  if (last_store_failed_) {
+  if (store_is_due_) {
     answer_failure_because(completion, not_stored);
   } else if (reply != nullptr) {
     answer(completion, *reply);
@@ -188,19 +189,25 @@ void ArkMethods::setArkValue_forDomain_key_withCompletionBlock(plist::Value& val
   const Ref<plist::Dictionary> before = copy_entry(key);
   const Ref<plist::Value> kept = detached_value(value);
   const uint64_t changes_before = data_ark_change_count(ark_);
+  const bool was_due = std::exchange(store_is_due_, true);
   if (data_ark_set(ark_, key.domain, key.key, kept.get()) != 0) return answer_failure(completion);
   // A change under attribute 5 is not counted as unsaved, but the file has the entry.
   const bool changes_file =
       data_ark_change_count(ark_) != changes_before && is_stored(data_ark_attributes(ark_, key.domain, key.key));
-  store_and_answer(changes_file || data_ark_dirty_count(ark_) != 0, before.get(), completion);
+  store_is_due_ = was_due || changes_file;
+  store_and_answer(before.get(), completion);
 }
 
 void ArkMethods::removeArkValueForDomain_key_withCompletionBlock(const ArkKey& key,
                                                                  const CompletionBlock& completion) {
   if (!has_ark(completion)) return;
   const Ref<plist::Dictionary> before = copy_entry(key);
-  if (before) data_ark_remove(ark_, key.domain, key.key);
-  store_and_answer(data_ark_dirty_count(ark_) != 0, before.get(), completion);
+  if (before) {
+    // Also under an attribute that keeps it out of the file: it may have got that after the last store.
+    store_is_due_ = true;
+    data_ark_remove(ark_, key.domain, key.key);
+  }
+  store_and_answer(before.get(), completion);
 }
 
 void ArkMethods::setArkAttributes_forDomain_key_withCompletionBlock(const plist::Array& attributes,
@@ -212,10 +219,12 @@ void ArkMethods::setArkAttributes_forDomain_key_withCompletionBlock(const plist:
   const uint16_t before = data_ark_attributes(ark_, key.domain, key.key);
   const Ref<plist::MutableDictionary> reply = plist::MutableDictionary::create();
   reply->set(wire::attributes_key, array_of(before));
+  const bool was_due = std::exchange(store_is_due_, true);
   if (data_ark_replace_attributes(ark_, key.domain, key.key, *wanted) != 0) return answer_failure(completion);
   // The file has an entry too many now, or one too few.
   const bool moves = is_stored(before) != is_stored(*wanted) && data_ark_exists(ark_, key.domain, key.key);
-  store_and_answer(moves || data_ark_dirty_count(ark_) != 0, reply.get(), completion);
+  store_is_due_ = was_due || moves;
+  store_and_answer(reply.get(), completion);
 }
 
 void ArkMethods::copyArkEntriesForDomain_after_withCompletionBlock(String* domain, String* after,
@@ -243,10 +252,12 @@ void ArkMethods::restoreArkEntries_withCompletionBlock(const plist::Array& entri
   const std::optional<RestoredEntries> restored = read_restored_entries(entries);
   if (!restored) return answer_bad_argument(completion);
   const uint64_t changes_before = data_ark_change_count(ark_);
+  const bool was_due = std::exchange(store_is_due_, true);
   // The attributes come second: a new value inherits those of its domain, which are to be replaced.
   if (!set_values(ark_, *restored) || !set_attributes(ark_, *restored)) return answer_failure(completion);
   // A change may not count as unsaved under attributes that were only inherited.
-  store_and_answer(data_ark_change_count(ark_) != changes_before, nullptr, completion);
+  store_is_due_ = was_due || data_ark_change_count(ark_) != changes_before;
+  store_and_answer(nullptr, completion);
 }
 
 void ArkMethods::watchArkValueForDomain_key_withCompletionBlock(const ArkKey& key,

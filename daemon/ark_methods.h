@@ -54,10 +54,12 @@ class ArkMethods {
  private:
   bool has_ark(const CompletionBlock& completion) const;
   plist::Ref<plist::Dictionary> copy_entry(const ArkKey& key) const;
-  void store_and_answer(bool is_unsaved, plist::Dictionary* reply, const CompletionBlock& completion);
+  void store_and_answer(plist::Dictionary* reply, const CompletionBlock& completion);
 
   data_ark* ark_ = nullptr;
-  bool last_store_failed_ = false;  ///< the ark itself forgets that: a failed store clears its unsaved changes
+  /// The file lacks a change, or may lack one that was interrupted. The ark's own count of unsaved changes is
+  /// cleared by a failed store, and leaves changes out.
+  bool store_is_due_ = false;
   std::set<std::string, std::less<>> watched_;  ///< composed keys
 };
 

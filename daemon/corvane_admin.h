@@ -23,7 +23,7 @@ class CorvaneAdmin final : public IpcListenerDelegate,
   void storeRegulatoryImages_withCompletionBlock(plist::Value& images, const CompletionBlock& completion);
 
   /// Answers the entitlements of a running process. No dictionary where it has none, and where they cannot be
-  /// read, which is logged. Never an error.
+  /// read, which is logged. Error code 2 where the daemon may not look at the process.
   void copyEntitlementsForPID_withCompletionBlock(int32_t pid, const CompletionBlock& completion);
 
   /// The listeners that the status tells of; they must outlive the request queue's thread. Before the first

@@ -41,12 +41,14 @@ static bool save_images(const char* folder) {
   /* Without stored images there is no reply, and the walk finds nothing. */
   corvane_images* images = corvane_images_open(corvane_value_get(reply, "RegulatoryImages"));
   corvane_image image;
+  corvane_status found = CORVANE_OK;
   bool is_saved = true;
-  for (int number = 1; is_saved && corvane_images_next(images, &image) == CORVANE_OK; ++number) {
+  for (int number = 1; is_saved && (found = corvane_images_next(images, &image)) == CORVANE_OK; ++number) {
     is_saved = save_image(folder, number, &image);
   }
   corvane_images_close(images);
   corvane_value_release(reply);
+  if (is_saved && found != CORVANE_END) return fail("out of memory");
   return is_saved;
 }
 

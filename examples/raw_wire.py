@@ -51,7 +51,8 @@ class Reader:
         if kind == 6:
             return self.body[at:at + 2 * count].decode("utf-16-be")
         total = 2 * count if kind == 13 else count
-        values = [self.value(self.integer(at + i * self.reference_size, self.reference_size)) for i in range(total)]
+        references = [self.integer(at + i * self.reference_size, self.reference_size) for i in range(total)]
+        values = [self.value(reference) for reference in references]
         return dict(zip(values[:count], values[count:])) if kind == 13 else values
 
 

@@ -86,7 +86,8 @@ void ask(const std::string& root) {
     ENSURE(answer.response.failed || (answer.response.code == 0 && answer.response.description.empty()));
     return;
   }
-  ENSURE(answer.outcome == Outcome::bad_answer || answer.outcome == Outcome::closed);
+  ENSURE(answer.outcome == Outcome::bad_answer || answer.outcome == Outcome::too_long ||
+         answer.outcome == Outcome::closed);
   ENSURE(!answer.detail.empty() && answer.detail.find('\n') == answer.detail.npos);
 }
 

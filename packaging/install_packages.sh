@@ -6,8 +6,8 @@ set -euo pipefail
 
 libraries=(libasio-dev libabsl-dev libexpat1-dev libssl-dev libsystemd-dev libcli11-dev nlohmann-json3-dev)
 packages=(g++ cmake ninja-build "${libraries[@]}")
-tests=(libgtest-dev openssl dbus-daemon dbus-system-bus-common libglib2.0-bin modemmanager mypy ofono pkgconf polkitd
-       python3 systemd)
+tests=(libgtest-dev openssl dbus-daemon dbus-system-bus-common libglib2.0-bin modemmanager mypy ofono pkgconf
+       polkitd python3 systemd)
 case "$1" in
   run) ;;
   test) packages+=("${tests[@]}") ;;
@@ -18,8 +18,8 @@ case "$1" in
     ;;
   arm64-tools) packages=(g++-aarch64-linux-gnu qemu-user-static mmdebstrap cmake ninja-build "${tests[@]}") ;;
   package) packages+=(build-essential debhelper debootstrap dh-python iproute2 lintian procps python3) ;;
-  bench) packages+=(libgtest-dev libspdlog-dev libsqlite3-dev liblmdb-dev rapidjson-dev libmsgpack-cxx-dev libxml2-dev
-                    dbus-daemon python3) ;;
+  bench) packages+=(libgtest-dev libspdlog-dev libsqlite3-dev liblmdb-dev rapidjson-dev libmsgpack-cxx-dev
+                    libxml2-dev dbus-daemon python3) ;;
   *) echo "usage: $0 run|test|asan|arm64|arm64-tools|bench|package" >&2; exit 2 ;;
 esac
 

@@ -257,7 +257,8 @@ watchdog_restarts_it() {
   local before
   before=$(main_pid)
   inside systemctl kill -s STOP --kill-whom=main corvaned.service
-  within 60 is_another "$before" && ask && inside journalctl -q -o cat -u corvaned.service | grep "Watchdog timeout"
+  within 60 is_another "$before" && ask &&
+    inside journalctl -q -o cat -u corvaned.service | grep "Watchdog timeout"
 }
 
 # log_reaches_journal LEVEL: with the level that was configured for the log.

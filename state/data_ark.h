@@ -57,7 +57,8 @@ DataArk data_ark_load();
 
 /// Replaces the file by what the ark holds now, without the entries with attribute 1 or 7. Deletes the file where
 /// no entry is left to store, or where there is no memory to gather them, which is logged; but never a file that
-/// the load could neither read nor rename. A failure is logged, and the file stays as it was. The file is not
+/// the load could neither read nor rename. A failure leaves the file as it was and is logged, unless it was to be
+/// deleted. The file is not
 /// flushed to stable storage. In every case the count of unsaved changes is 0 afterwards. Never throws.
 void data_ark_store(data_ark* ark);
 

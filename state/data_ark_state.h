@@ -15,7 +15,7 @@
 #include "plist/value.h"
 #include "state/data_ark.h"
 
-// What an ark consists of. Only the two sources that implement it include this.
+// What an ark consists of. Only the sources that implement it include this.
 
 namespace corvane {
 

@@ -31,6 +31,9 @@ namespace {
 
 constexpr int attempts = 5;
 constexpr size_t bytes_in_request = 16 << 20;
+constexpr size_t bytes_in_entry = wire::admin_request_limit - (1 << 20);
+// Texts below name them.
+static_assert(wire::ark_key_size == 1024 && wire::ark_change_limit == 64 << 20 && wire::ark_value_depth == 117);
 constexpr int64_t last_attribute = 8;
 
 struct Options {
@@ -101,18 +104,28 @@ bool are_attributes(const plist::Value* value) {
 // As the daemon counts what a request sets.
 size_t change_size(const plist::Value& value) { return plist::estimate_size(value, wire::ark_change_limit); }
 
-// Null, or what is wrong.
+size_t encoded_size(const plist::Dictionary& ark_entry) {
+  plist::ByteChain chain;
+  const Ref<plist::String> fault = plist::encode_binary(ark_entry, chain);
+  if (fault) throw Failure{wrong_usage, std::string(fault->view())};
+  return chain.size();
+}
+
+// Null, or what the daemon would refuse.
 const char* fault_of(const plist::Value& item) {
   const auto* dictionary = cast<plist::Dictionary>(&item);
   if (dictionary == nullptr) return "not a dictionary";
   const auto* key = cast<plist::String>(dictionary->get(wire::key_key));
   if (key == nullptr || key->view().find('-') == std::string_view::npos) return "no composed key";
   if (key->view().size() > wire::ark_key_size) return "a key of more than 1,024 bytes";
+  if (key->view().find('\0') != std::string_view::npos) return "a key with U+0000";
   const plist::Value* value = dictionary->get(wire::value_key);
   if (value == nullptr) return "no value";
   if (change_size(*value) > wire::ark_change_limit) return "a value of more than 64 MiB";
+  if (plist::nesting_depth(*value) > wire::ark_value_depth) return "a value nested more than 117 deep";
   const plist::Value* attributes = dictionary->get(wire::attributes_key);
   if (attributes != nullptr && !are_attributes(attributes)) return "attributes are different numbers from 0 to 8";
+  if (encoded_size(*dictionary) > bytes_in_entry) return "more than 63 MiB when it is sent";
   return nullptr;
 }
 
@@ -130,13 +143,6 @@ Entries read_entries(const Options& options) {
     if (!options.domain || key_of(*found).starts_with(composed_key(options.domain, ""))) entries.push_back(found);
   }
   return entries;
-}
-
-size_t encoded_size(const plist::Dictionary& ark_entry) {
-  plist::ByteChain chain;
-  const Ref<plist::String> fault = plist::encode_binary(ark_entry, chain);
-  if (fault) throw Failure{wrong_usage, std::string(fault->view())};
-  return chain.size();
 }
 
 // As many of the entries from `first` on as go into one request.
@@ -179,8 +185,9 @@ void restore(const Options& options) {
   std::set<std::string_view> keys;
   for (const Ref<plist::Dictionary>& found : entries) keys.insert(key_of(*found));
   client::Connection connection(wire::admin_service);
-  send(connection, entries);
+  // First, so that a failure here leaves the ark as it was.
   const size_t others = count_others(connection, options.domain, keys);
+  send(connection, entries);
   print("set from " + plist::printable(options.file) + ": " + std::to_string(keys.size()) +
         "; left alone, because the file does not have them: " + std::to_string(others) + "\n");
 }

@@ -23,8 +23,8 @@ std::string read_file(const std::string& path);
 std::string read_standard_input();
 
 /// Makes or replaces a regular file as a whole: a complete temporary file is renamed over it, so that a reader
-/// finds the old content or the new. Both are on stable storage when it returns. A symbolic link stays a link to
-/// the file. Throws FileFault, and then the file is as it was.
+/// finds the old content or the new. Both are on stable storage when it returns. A symbolic link to a
+/// file stays one; a dangling one is replaced. Throws FileFault, and then the file is as it was.
 void replace_file(const std::string& path, std::string_view bytes, mode_t mode);
 
 /// Returns whether all bytes were written; errno has the reason if not.

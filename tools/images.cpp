@@ -72,9 +72,11 @@ std::string joined(const std::vector<std::string>& path) {
   return name;
 }
 
-// A link is not followed: the names are made of what somebody stored, and it could lead to any file.
+// A link is not followed: the names are made of what somebody stored, and it could lead to any file. A pipe is not
+// waited for.
 void write_new_content(const std::string& path, std::string_view bytes) {
-  const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  const int descriptor =
+      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
   const bool is_written = descriptor >= 0 && write_all(descriptor, bytes);
   const int error = errno;
   if (descriptor >= 0) close(descriptor);

@@ -49,7 +49,7 @@ std::string labels_text(const Labels& labels) {
   return text.empty() ? text : text + "}";
 }
 
-// A number or a Boolean; empty for every other value, and for none.
+// Of an integer, a Boolean or a date; empty for every other value, and for none.
 std::string sample_value(const plist::Value* value) {
   if (const auto* boolean = cast<plist::Boolean>(value)) return boolean->value() ? "1" : "0";
   if (const auto* date = cast<plist::Date>(value)) {

@@ -31,6 +31,10 @@ bool starts_frame(unsigned marker) {
 std::optional<PixelSize> jpeg_size(std::string_view bytes) {
   for (size_t at = 2; number_at(bytes, at, 1, true) == 0xFF;) {
     const unsigned marker = number_at(bytes, at + 1, 1, true);
+    if (marker == 0xFF) {  // a byte that fills the space before a marker
+      ++at;
+      continue;
+    }
     if (starts_frame(marker)) return size_of(number_at(bytes, at + 7, 2, true), number_at(bytes, at + 5, 2, true));
     const uint32_t length = number_at(bytes, at + 2, 2, true);
     if (length < 2) break;

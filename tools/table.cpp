@@ -103,7 +103,7 @@ std::vector<size_t> Table::widths(const Screen& screen) const {
     for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], display_width(row[i]));
   }
   if (screen.width == 0) return widths;
-  for (size_t& width : widths) width = std::min(width, screen.width);
+  for (size_t& width : widths) width = std::min(width, std::max(screen.width, narrowest_column));
   const size_t gaps = gap.size() * (widths.size() - 1);
   while (sum(widths) + gaps > screen.width) {
     size_t& widest = *std::max_element(widths.begin(), widths.end());

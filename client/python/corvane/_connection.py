@@ -65,7 +65,8 @@ class _Connection:
     def __init__(self, root: str | None = None, timeout: float = DEFAULT_TIMEOUT) -> None:
         """Asks the daemon below the folder `root`; where that is None, below CORVANE_ROOT or in the whole system.
         The timeout, in seconds, is that of each request. The connection is made at the first request, and again
-        where the daemon has closed it meanwhile. Several threads may use it: they wait for each other."""
+        where the daemon has closed it meanwhile: a request may then be sent twice. Several threads may use it: they
+        wait for each other. A signal handler may not, because the thread that it interrupts may be using it."""
         pointer = c_void_p()
         error = _library.ErrorRecord()
         milliseconds = round(timeout * 1000)

@@ -10,7 +10,7 @@ class Error(Exception):
 
 
 class Refused(Error, ConnectionRefusedError):
-    """Nobody serves the socket."""
+    """Nobody serves the socket, or no connection could be made."""
 
 
 class NotPermitted(Error, PermissionError):
@@ -52,7 +52,6 @@ _CLASSES: dict[int, type[Error]] = {
     4: TimedOut,
     5: BadAnswer,
     6: BadRequest,
-    9: BadRequest,
 }
 _DAEMON_ERROR = 7
 

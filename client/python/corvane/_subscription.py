@@ -25,7 +25,8 @@ class Notification(NamedTuple):
 
 class Subscription:
     """A subscription to the system-wide notifications: an iterator, for asyncio an asynchronous one. It connects
-    when it is made. For one thread and one task at a time, and only for the process that has made it.
+    when it is made. For one thread and one task at a time, not for signal handlers, and only for the process that has
+    made it.
 
     Iterating ends where none has come for `timeout` seconds; without a timeout it goes on until the daemon ends,
     which raises Closed."""
@@ -42,8 +43,10 @@ class Subscription:
     def close(self) -> None:
         """Ends the subscription, and cancels the task that waits for its next notification. Closing it again does
         nothing."""
-        self._stop_waiting()
-        self._handle.close()
+        try:
+            self._stop_waiting()
+        finally:
+            self._handle.close()
 
     def __enter__(self) -> Subscription:
         return self
@@ -110,15 +113,19 @@ class Subscription:
         loop.add_reader(descriptor, _set_done, self._readable)
         try:
             await asyncio.wait_for(self._readable, self._timeout)
-            return True
+            is_in_time = True
         except asyncio.TimeoutError:
-            return False
+            is_in_time = False
         finally:
+            was_closed = self._readable is None
             self._stop_waiting()
+        if was_closed:
+            raise asyncio.CancelledError("the subscription has been closed")
+        return is_in_time
 
     def _stop_waiting(self) -> None:
         readable, self._readable = self._readable, None
-        if readable is not None:
+        if readable is not None and not readable.get_loop().is_closed():
             readable.get_loop().remove_reader(self.fileno())
             readable.cancel()
 
