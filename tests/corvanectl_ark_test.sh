@@ -85,13 +85,15 @@ expect 0 $'KEY *\nKey *"in memory only"' '' ark list --domain t
 
 step='a list on a narrow terminal'
 expect 0 '*' '' ark set --domain a-rather-long-domain Key '日本の適合マーク、日本の適合マーク'
-on_terminal() { script -qec "stty cols 40; '$bin/corvanectl' $*" /dev/null ; }
+columns=40
+on_terminal() { script -qec "stty cols $columns; '$bin/corvanectl' $*" /dev/null ; }
 widest() { python3 -c 'import sys, unicodedata
 def width(line): return sum(2 if unicodedata.east_asian_width(c) == "W" else 1 for c in line.rstrip())
 print(max(map(width, sys.stdin)))'; }
 export TERM=xterm
 expect 0 $'\e\\[1mKEY *' '' on_terminal ark list
 expect 0 '40' '' eval "NO_COLOR=1 on_terminal ark list | widest"
+expect 0 '*-K*' '' eval 'columns=1 on_terminal ark list'
 expect 2 $'*: binary data does not go to a terminal\r' '' on_terminal ark dump -
 expect 0 'removed *' '' ark remove --domain a-rather-long-domain Key
 
@@ -212,6 +214,17 @@ expect 0 '*: the daemon closed the connection' '' tail -n 1 "$work/watched_until
 
 step='the ark of the next daemon'
 start_daemon simulated
+file_has_the_ark
+
+step='a removal of what became transient after it was stored'
+expect 0 '*' '' ark attributes SIMGID1 --none
+expect 0 'set -SIMGID1; *' '' ark set SIMGID1 text
+file_has_the_ark
+# This event changes nothing that is stored.
+expect 0 'set *' '' corvanectl profile set Telephony.PhoneNumber 444
+is_transient() { ark get SIMGID1 | grep -q '1 (not stored)'; }
+eventually is_transient
+expect 0 'removed -SIMGID1; *' '' ark remove SIMGID1
 file_has_the_ark
 
 step='a daemon that does not answer'
