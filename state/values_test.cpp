@@ -50,6 +50,11 @@ TEST(Detached, KeepsNothingOfTheMessage) {
   const auto* inner = as_array(as_dictionary(detached.get())->get("inner"));
   EXPECT_FALSE(plist::cast<plist::Data>(inner->items()[0].get())->is_slice());
   EXPECT_EQ(detached_value(*detached).get(), detached.get()) << "copied although it holds no slice";
+  // What occurs several times occurs as often in the copy, and is copied once.
+  const auto twice = plist::MutableArray::create();
+  for (int i = 0; i < 2; ++i) twice->append(value);
+  const auto copied = detached_value(*twice);
+  EXPECT_EQ(as_array(copied.get())->at(0), as_array(copied.get())->at(1));
 }
 
 TEST(Iteration, RunsOverASnapshotWhileTheCallbackChangesTheContainer) {
