@@ -5,6 +5,8 @@
 #include <list>
 #include <sys/types.h>
 
+#include "platform/ipc/turn_list.h"
+
 namespace corvane {
 
 /// Who is at the other end of a connection, by SO_PEERCRED. Process 0 is one of a foreign namespace.
@@ -24,7 +26,7 @@ class ShareTable {
 
   /// A connection's entry, owned by the connection. It leaves the table when it is destroyed, which must come
   /// first.
-  class Entry {
+  class Entry : public Turn {
    public:
     Entry() = default;
     ~Entry() {
@@ -38,7 +40,6 @@ class ShareTable {
     ShareTable* table_ = nullptr;  ///< null while it is in none
     Process* process_ = nullptr;
     std::list<Entry*>::iterator place_;
-    bool ready_ = false;
     bool idle_ = true;
     uint64_t admitted_ = 0;     ///< when, as a number that grows with each admission
     uint64_t last_active_ = 0;  ///< likewise, with each activity
@@ -97,8 +98,6 @@ class ShareTable {
  private:
   static const Process* largest_process(const User& user, const PeerIdentity* added);
   static Entry* first_to_go(const Process& process);
-  template <class Visit>
-  static void for_each_entry(const Process& process, Visit visit);
 
   const User* find_user(uid_t id) const;
   User& user_of(uid_t id);
@@ -109,8 +108,8 @@ class ShareTable {
   const size_t limit_;
   size_t size_ = 0;
   uint64_t clock_ = 0;
-  std::list<User> ready_users_;  ///< those with a ready connection, the next one first
-  std::list<User> other_users_;
+  std::list<User> users_;
+  TurnList<User> ready_users_;  ///< those with a ready connection, the next one first
 };
 
 }  // namespace corvane
