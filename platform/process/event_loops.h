@@ -62,12 +62,12 @@ class RequestQueue final : public WorkQueue {
   /// itself.
   void stop();
 
-  /// Where sockets and timers that belong to the queue live. Sockets must be used on the queue only; before
-  /// `create` and after `stop` wherever one likes.
+  /// Where sockets and timers that belong to the queue live. From `create` to `stop` its sockets may be used on
+  /// the queue only, because they have no locks.
   asio::io_context& context() { return context_; }
 
  private:
-  // Sockets without locks, because only the queue uses them; work is submitted from any thread.
+  // With locks for submitting work and for timers, but none for sockets.
   asio::io_context context_{ASIO_CONCURRENCY_HINT_UNSAFE_IO};
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work_guard_;
   std::vector<std::function<void()>> rearms_;
