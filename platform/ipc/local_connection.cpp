@@ -175,7 +175,7 @@ void LocalConnection::measure_kernel_buffer() {
   int unread = 0;
   if (in_kernel_ == 0 || ioctl(socket_, SIOCOUTQ, &unread) != 0) return;
   const size_t before = std::exchange(in_kernel_, static_cast<size_t>(unread));
-  // An estimate that was too large is no sign of life, and does no harm either.
+  // The client has read some of it. Where only the estimate was too large, the longer timeout does no harm.
   if (in_kernel_ < before) write_ticks_ = 0;
 }
 

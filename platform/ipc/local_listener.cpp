@@ -249,8 +249,8 @@ void LocalListener::post_work() {
   posted_ = true;
 }
 
-// A turn that took long, for large answers, is followed by as long a time for sending: a client that reads one
-// gets it piece by piece, and must not wait for another turn between any two of them.
+// Turns that took long, for large answers, are followed by as long a time for sending. A client takes a large
+// answer piece by piece, and must not wait for other requests between two pieces.
 void LocalListener::serve_turns() {
   const auto start = steady_clock::now();
   if (start < next_turns_) return;

@@ -54,7 +54,7 @@ const ShareTable::Process* ShareTable::largest_process(const User& user, const P
   return largest != nullptr && largest->count() > own_count ? largest : own;
 }
 
-ShareTable::Entry* ShareTable::first_to_go(const Process& process) {
+ShareTable::Entry* ShareTable::next_to_evict(const Process& process) {
   Entry* idle_longest = nullptr;
   Entry* admitted_first = nullptr;
   for (Entry* entry : process.entries) {
@@ -77,14 +77,14 @@ ShareTable::Admission ShareTable::admission_of(PeerIdentity peer) const {
     largest = &user;
     most = user.count;
   }
-  const Process* payer = nullptr;
+  const Process* evicted_from = nullptr;
   if (largest != nullptr) {
-    payer = largest_process(*largest, nullptr);
+    evicted_from = largest_process(*largest, nullptr);
   } else if (own != nullptr) {
-    payer = largest_process(*own, &peer);
+    evicted_from = largest_process(*own, &peer);
   }
-  if (payer == nullptr) return {Verdict::refuse};
-  return {Verdict::evict, first_to_go(*payer)};
+  if (evicted_from == nullptr) return {Verdict::refuse};
+  return {Verdict::evict, next_to_evict(*evicted_from)};
 }
 
 ShareTable::Entry* ShareTable::first_to_evict() const {
@@ -92,7 +92,7 @@ ShareTable::Entry* ShareTable::first_to_evict() const {
   for (const User& user : users_) {
     if (largest == nullptr || user.count > largest->count) largest = &user;
   }
-  return largest == nullptr ? nullptr : first_to_go(*largest_process(*largest, nullptr));
+  return largest == nullptr ? nullptr : next_to_evict(*largest_process(*largest, nullptr));
 }
 
 ShareTable::User& ShareTable::user_of(uid_t id) {

@@ -56,7 +56,7 @@ class ShareTable {
   enum class Verdict {
     admit,   ///< there is room
     evict,   ///< there is room once `evicted` is removed
-    refuse,  ///< the new connection's own process has to pay, and has no other connection
+    refuse,  ///< the new connection's own process would have to give one up, and has no other
   };
   struct Admission {
     Verdict verdict;
@@ -65,7 +65,8 @@ class ShareTable {
 
   /// What becomes of a new connection. A full table makes room at the cost of the user with the most connections,
   /// the new one counted, and in it of the process with the most; on a tie the new connection's own user and
-  /// process pay. There the connection idle for longest goes, or, if none is idle, the one admitted first.
+  /// process give one up. There the connection idle for longest is evicted, or, if none is idle, the one admitted
+  /// first.
   Admission admission_of(PeerIdentity peer) const;
   /// The connection that would make room for one of somebody else; null where there is none.
   Entry* first_to_evict() const;
@@ -97,7 +98,7 @@ class ShareTable {
 
  private:
   static const Process* largest_process(const User& user, const PeerIdentity* added);
-  static Entry* first_to_go(const Process& process);
+  static Entry* next_to_evict(const Process& process);
 
   const User* find_user(uid_t id) const;
   User& user_of(uid_t id);
