@@ -88,13 +88,11 @@ void append_argument(std::string& line, const char* start, const Conversion& con
 
 void append_message(std::string& line, const char* format, std::span<const Argument> arguments) {
   size_t next = 0;
-  for (const char* c = format; *c != '\0';) {
-    const char* const plain_end = strchrnul(c, '%');
-    if (plain_end != c) {
-      line.append(c, plain_end);
-      c = plain_end;
-      continue;
-    }
+  for (const char* c = format;;) {
+    const auto plain = static_cast<size_t>(strchrnul(c, '%') - c);
+    line.append(c, plain);
+    c += plain;
+    if (*c == '\0') return;
     const Conversion conversion = log_format::read_conversion(c);
     if (conversion.letter == '%') {
       line += '%';
