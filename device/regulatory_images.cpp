@@ -17,7 +17,7 @@ constexpr char images_file[] = "regulatory_images/regulatory_images.plist";
 
 constexpr char version_key[] = "ProductVersion";
 
-// Every request reads it, and the root below which its path lies never changes.
+// Every request needs it, and the root never changes.
 const char* images_path() {
   static const StatePath path = state_path(images_file);
   return path.text;

@@ -2,11 +2,11 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <fcntl.h>
 #include <new>
 
 #include "daemon/log/cv_log.h"
+#include "daemon/log/error_text.h"
 #include "platform/descriptor.h"
 #include "plist/reader.h"
 #include "plist/writer.h"
@@ -46,12 +46,12 @@ bool read_in_one_call(int descriptor, char* bytes, size_t size) {
 int write_file(const char* path, std::string_view bytes) {
   const Descriptor file(_safe_open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644, S_IFREG));
   if (!file.is_open()) {
-    cv_log("store_dict", 0, "Could not create %s: %s", path, std::strerror(errno));
+    cv_log("store_dict", 0, "Could not create %s: %s", path, error_text(errno));
     log_path_and_parent(path);
     return -1;
   }
   if (!write_in_one_call(file.number(), bytes)) {
-    cv_log("store_dict", 0, "Could not write to %s: %s", path, std::strerror(errno));
+    cv_log("store_dict", 0, "Could not write to %s: %s", path, error_text(errno));
     log_path_and_parent(path);
     return -1;
   }
@@ -65,7 +65,7 @@ plist::Ref<plist::Data> read_file(const char* path, int descriptor, size_t size)
     return nullptr;
   }
   if (!read_in_one_call(descriptor, buffer->mutable_bytes(), size)) {
-    cv_log("_load_dict", 0, "Could not read %s: %s", path, std::strerror(errno));
+    cv_log("_load_dict", 0, "Could not read %s: %s", path, error_text(errno));
     return nullptr;
   }
   return buffer;
@@ -97,13 +97,13 @@ int store_dict(const char* path, const plist::Value& value) {
 plist::Ref<plist::Value> _load_dict(const char* path, bool immutable) {
   Descriptor file(_safe_open(path, O_RDONLY | O_NOFOLLOW, 0, S_IFREG));
   if (!file.is_open()) {
-    cv_log("_load_dict", 0, "Could not open %s: %s", path, std::strerror(errno));
+    cv_log("_load_dict", 0, "Could not open %s: %s", path, error_text(errno));
     log_path_and_parent(path);
     return nullptr;
   }
   struct stat status;
   if (fstat(file.number(), &status) != 0) {
-    cv_log("_load_dict", 0, "Could not fstat %s: %s", path, std::strerror(errno));
+    cv_log("_load_dict", 0, "Could not fstat %s: %s", path, error_text(errno));
     log_path_and_parent(path);
     return nullptr;
   }

@@ -10,8 +10,10 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <string_view>
 
 #include "daemon/log/cv_log.h"
+#include "daemon/log/error_text.h"
 #include "platform/descriptor.h"
 #include "platform/files.h"
 #include "platform/platform.h"
@@ -63,12 +65,12 @@ size_t start_of_last(const char* path, size_t length) {
 int _safe_open(const char* path, int flags, mode_t mode, mode_t expected_type) {
   Descriptor file(platform().files().open(path, flags | O_NOFOLLOW | nonblocking_flags, mode, protection_class));
   if (!file.is_open()) {
-    cv_log("_safe_open", 1, "open(%s) failed: %s", path, std::strerror(errno));
+    cv_log("_safe_open", 1, "open(%s) failed: %s", path, error_text(errno));
     return -1;
   }
   char actual_path[path_limit + 1];
   if (platform().files().locate(file.number(), actual_path) != 0) {
-    cv_log("_safe_open", 1, "FDLOCATE(%s) failed: %s", path, std::strerror(errno));
+    cv_log("_safe_open", 1, "FDLOCATE(%s) failed: %s", path, error_text(errno));
     return -1;
   }
   if (std::strcmp(path, actual_path) != 0) {
@@ -78,7 +80,7 @@ int _safe_open(const char* path, int flags, mode_t mode, mode_t expected_type) {
   }
   struct stat status;
   if (fstat(file.number(), &status) != 0) {
-    cv_log("_safe_open", 1, "fstat(%s) failed: %s", path, std::strerror(errno));
+    cv_log("_safe_open", 1, "fstat(%s) failed: %s", path, error_text(errno));
     return -1;
   }
   const mode_t type = status.st_mode & S_IFMT;
@@ -113,12 +115,12 @@ int safe_create(const char* path, int flags, mode_t mode, mode_t expected_type) 
 int safe_bundle(const char* path, char* destination, size_t size) {
   const Descriptor file(::open(path, O_RDONLY | O_CLOEXEC | nonblocking_flags));
   if (!file.is_open()) {
-    cv_log("safe_bundle", 0, "safe_bundle(%s) failed: %s", path, std::strerror(errno));
+    cv_log("safe_bundle", 0, "safe_bundle(%s) failed: %s", path, error_text(errno));
     return -1;
   }
   char resolved[path_limit + 1];
   if (platform().files().locate(file.number(), resolved) != 0) {
-    cv_log("safe_bundle", 0, "FDLOCATE(%s) failed: %s", path, std::strerror(errno));
+    cv_log("safe_bundle", 0, "FDLOCATE(%s) failed: %s", path, error_text(errno));
     return -1;
   }
   for (const char* directory : bundle_directories) {
@@ -133,7 +135,7 @@ void log_file_info(const char* path) {
   const ErrnoKeeper keeper;
   struct stat status;
   if (stat(path, &status) != 0) {
-    cv_log("log_file_info", 0, "Can't stat %s: %s", path, std::strerror(errno));
+    cv_log("log_file_info", 0, "Can't stat %s: %s", path, error_text(errno));
     return;
   }
   cv_log("log_file_info", 0, "stat %s uid=%d gid=%d p=%o", path, static_cast<int>(status.st_uid),
@@ -143,7 +145,7 @@ void log_file_info(const char* path) {
 void log_path_and_parent(const char* path) {
   log_file_info(path);
   char parent[path_limit + 1];
-  std::snprintf(parent, sizeof parent, "%s", path);
+  parent[std::string_view(path).copy(parent, path_limit)] = '\0';
   log_file_info(path_dirname(parent));
 }
 

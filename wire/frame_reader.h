@@ -34,6 +34,8 @@ class FrameReader {
   std::span<char> prepare();
   /// Says that the first `count` bytes of that buffer have been filled.
   void commit(size_t count);
+  /// Whether `next` has anything to look at; where it has not, it answers `incomplete`.
+  bool may_have_frame() const { return input_begin_ != input_end_ || (body_ && body_size_ == header_.length); }
   /// Takes the next frame.
   Status next(Frame& frame);
   /// Whether a part of a frame has come.

@@ -22,7 +22,9 @@ std::string read_in_chunks(std::string_view stream, size_t chunk) {
     stream.remove_prefix(count);
     reader.commit(count);
     come += count;
-    while (reader.next(taken) == FrameReader::Status::frame) read += frame(taken.body->bytes(), taken.kind);
+    while (reader.may_have_frame() && reader.next(taken) == FrameReader::Status::frame) {
+      read += frame(taken.body->bytes(), taken.kind);
+    }
   }
   return read;
 }

@@ -29,7 +29,7 @@ void append_digits(std::string& line, Integer value, int base) {
 
 // The usual conversions, without snprintf(3), which takes many times as long. False for others.
 bool append_plain(std::string& line, const char* start, const Conversion& conversion, const Argument& argument) {
-  if (is_one_of(start[1], "-+ #0123456789.")) return false;
+  if (is_flag_or_width(start[1])) return false;
   switch (conversion.letter) {
     case 's':
       line += argument.c_string == nullptr ? "(null)" : argument.c_string;
@@ -88,12 +88,11 @@ void append_argument(std::string& line, const char* start, const Conversion& con
 
 void append_message(std::string& line, const char* format, std::span<const Argument> arguments) {
   size_t next = 0;
-  for (const char* c = format; *c != '\0';) {
-    if (const size_t plain = std::strcspn(c, "%"); plain != 0) {
-      line.append(c, plain);
-      c += plain;
-      continue;
-    }
+  for (const char* c = format;;) {
+    const auto plain = static_cast<size_t>(strchrnul(c, '%') - c);
+    line.append(c, plain);
+    c += plain;
+    if (*c == '\0') return;
     const Conversion conversion = log_format::read_conversion(c);
     if (conversion.letter == '%') {
       line += '%';

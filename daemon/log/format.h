@@ -76,6 +76,10 @@ constexpr bool is_one_of(char c, const char* characters) {
   return false;
 }
 
+/// Whether `c` stands between the '%' of a conversion and its length modifier or letter. Most conversions have no
+/// such character, and this is asked for each, so that letters, which all come behind '9', are told at once.
+constexpr bool is_flag_or_width(char c) { return c <= '9' && is_one_of(c, "-+ #0123456789."); }
+
 /// A conversion's letter and the size that its length modifier asks for (0: none was given).
 struct Conversion {
   const char* end;
@@ -86,7 +90,7 @@ struct Conversion {
 /// Reads the conversion whose '%' stands at `at`.
 constexpr Conversion read_conversion(const char* at) {
   const char* c = at + 1;
-  while (is_one_of(*c, "-+ #0123456789.")) ++c;
+  while (is_flag_or_width(*c)) ++c;
   size_t size = 0;
   if (c[0] == 'l' && c[1] == 'l') {
     size = sizeof(long long);

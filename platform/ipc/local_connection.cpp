@@ -91,7 +91,7 @@ void LocalConnection::received(size_t count) {
 
 bool LocalConnection::has_request() {
   if (request_) return unsent_ <= wire::unread_output_limit;
-  if (!wants_input()) return false;
+  if (!reader_.may_have_frame() || !wants_input()) return false;
   wire::Frame frame;
   switch (reader_.next(frame)) {
     case wire::FrameReader::Status::frame:
@@ -115,15 +115,15 @@ bool LocalConnection::serve() {
   request_ticks_ = 0;
   plist::ByteChain body;
   if (!interface_->deliver(*object_, Message{request.kind, request.body}, body)) return false;
-  OutgoingFrame frame{wire::encode_header({wire::raw_data_kind, static_cast<uint32_t>(body.size())}), {}, nullptr};
+  OutgoingFrame& frame = output_.emplace_back();
+  frame.header = wire::encode_header({wire::raw_data_kind, static_cast<uint32_t>(body.size())});
   if (SharedAnswers::is_large(body)) {
     frame.shared = environment_.answers.share(std::move(body));
   } else {
     frame.own = std::move(body);
   }
-  output_.push_back(std::move(frame));
-  unsent_ += output_.back().size();
-  own_output_ += output_.back().own_size();
+  unsent_ += frame.size();
+  own_output_ += frame.own_size();
   return true;
 }
 
@@ -175,7 +175,7 @@ void LocalConnection::measure_kernel_buffer() {
   int unread = 0;
   if (in_kernel_ == 0 || ioctl(socket_, SIOCOUTQ, &unread) != 0) return;
   const size_t before = std::exchange(in_kernel_, static_cast<size_t>(unread));
-  // An estimate that was too large is no sign of life, and does no harm either.
+  // The client has read some of it. Where only the estimate was too large, the longer timeout does no harm.
   if (in_kernel_ < before) write_ticks_ = 0;
 }
 

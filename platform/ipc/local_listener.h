@@ -95,7 +95,7 @@ class LocalListener final : public IpcListener {
   ShareTable shares_;
   std::list<Client> clients_;
   std::list<Client> served_;  ///< those of them that have just been served, and whose answers are to be sent
-  std::list<Client> closed_;  ///< are dropped when neither the work under way nor a handler may name them
+  std::list<Client> closed_;  ///< dropped once no handler and no work under way refers to them
   size_t memory_ = 0;         ///< of all connections, without the answers they share
 
   ListeningSocket listening_;

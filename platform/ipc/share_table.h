@@ -5,6 +5,8 @@
 #include <list>
 #include <sys/types.h>
 
+#include "platform/ipc/turn_list.h"
+
 namespace corvane {
 
 /// Who is at the other end of a connection, by SO_PEERCRED. Process 0 is one of a foreign namespace.
@@ -24,7 +26,7 @@ class ShareTable {
 
   /// A connection's entry, owned by the connection. It leaves the table when it is destroyed, which must come
   /// first.
-  class Entry {
+  class Entry : public Turn {
    public:
     Entry() = default;
     ~Entry() {
@@ -38,7 +40,6 @@ class ShareTable {
     ShareTable* table_ = nullptr;  ///< null while it is in none
     Process* process_ = nullptr;
     std::list<Entry*>::iterator place_;
-    bool ready_ = false;
     bool idle_ = true;
     uint64_t admitted_ = 0;     ///< when, as a number that grows with each admission
     uint64_t last_active_ = 0;  ///< likewise, with each activity
@@ -55,7 +56,7 @@ class ShareTable {
   enum class Verdict {
     admit,   ///< there is room
     evict,   ///< there is room once `evicted` is removed
-    refuse,  ///< the new connection's own process has to pay, and has no other connection
+    refuse,  ///< the new connection's own process would have to give one up, and has no other
   };
   struct Admission {
     Verdict verdict;
@@ -64,7 +65,8 @@ class ShareTable {
 
   /// What becomes of a new connection. A full table makes room at the cost of the user with the most connections,
   /// the new one counted, and in it of the process with the most; on a tie the new connection's own user and
-  /// process pay. There the connection idle for longest goes, or, if none is idle, the one admitted first.
+  /// process give one up. There the connection idle for longest is evicted, or, if none is idle, the one admitted
+  /// first.
   Admission admission_of(PeerIdentity peer) const;
   /// The connection that would make room for one of somebody else; null where there is none.
   Entry* first_to_evict() const;
@@ -96,9 +98,7 @@ class ShareTable {
 
  private:
   static const Process* largest_process(const User& user, const PeerIdentity* added);
-  static Entry* first_to_go(const Process& process);
-  template <class Visit>
-  static void for_each_entry(const Process& process, Visit visit);
+  static Entry* next_to_evict(const Process& process);
 
   const User* find_user(uid_t id) const;
   User& user_of(uid_t id);
@@ -109,8 +109,8 @@ class ShareTable {
   const size_t limit_;
   size_t size_ = 0;
   uint64_t clock_ = 0;
-  std::list<User> ready_users_;  ///< those with a ready connection, the next one first
-  std::list<User> other_users_;
+  std::list<User> users_;
+  TurnList<User> ready_users_;  ///< those with a ready connection, the next one first
 };
 
 }  // namespace corvane

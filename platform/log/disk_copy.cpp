@@ -1,7 +1,7 @@
 // The file stays open from line to line. Before each line fstat tells its size and whether it still has a name,
-// and about once a second lstat tells whether that name is the path. Nothing is ever done to a file by its name
-// but opening it without following links and renaming it, so whatever somebody puts in its place meanwhile is
-// either moved out of the way as it is or refused; it is never written to or cut.
+// and about once a second lstat tells whether that name is the path. By their names files are only opened, without
+// following links, and renamed, and the oldest is removed. So whatever somebody puts in the newest file's place
+// meanwhile is either moved out of the way as it is or refused; it is never written to or cut.
 
 #include "platform/log/disk_copy.h"
 
@@ -89,8 +89,10 @@ bool DiskCopy::make_room_for(std::string_view line) {
   return static_cast<size_t>(size_) + line.size() <= bytes_ || rotate();
 }
 
-// rename(2) replaces files and links as they are, and refuses where a folder is in the way.
+// rename(2) takes files and links as they are, and refuses where a folder is in the way. The oldest file is
+// removed before, because ext4 writes a file out at once when it is renamed over another one.
 bool DiskCopy::rotate() {
+  unlink(paths_.back().c_str());
   for (size_t age = paths_.size() - 1; age > 0; --age) {
     if (rename(paths_[age - 1].c_str(), paths_[age].c_str()) != 0 && errno != ENOENT) return false;
   }

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <ctime>
 #include <sys/socket.h>
 #include <syslog.h>
@@ -16,8 +15,10 @@ namespace corvane {
 
 namespace {
 
-// As syslog(3) writes it: in local time, to the second. The second rarely changes: it is kept as text.
+// As syslog(3) writes it: in local time, to the second. The second and the process rarely change: they are kept as
+// text.
 std::string head(int level) {
+  static const std::string process = " corvaned[" + std::to_string(getpid()) + "]: ";
   thread_local std::time_t formatted_second = -1;
   thread_local char time[32];
   if (const std::time_t now = std::time(nullptr); now != formatted_second) {
@@ -26,30 +27,33 @@ std::string head(int level) {
     std::strftime(time, sizeof time, "%b %e %H:%M:%S", &local);
     formatted_second = now;
   }
-  char text[96];
   const int priority = LOG_DAEMON | std::clamp(level, LOG_EMERG, LOG_DEBUG);
-  std::snprintf(text, sizeof text, "<%d>%s corvaned[%d]: ", priority, time, getpid());
-  return text;
+  return "<" + std::to_string(priority) + ">" + time + process;
 }
 
 }  // namespace
 
 void SystemLog::write(int level, std::string_view text) {
+  connected_ = connected_ || connect();
+  if (!connected_) return;
   const std::string datagram = head(level).append(text);
-  if (socket_ && (send(datagram) || errno == EAGAIN || errno == EMSGSIZE)) return;
-  // There was no system log before, or it has been started anew.
-  connect();
-  if (socket_) send(datagram);
+  if (send(datagram) || errno == EAGAIN || errno == EMSGSIZE) return;
+  // It may have been started anew.
+  connected_ = connect();
+  if (connected_) send(datagram);
 }
 
 bool SystemLog::send(const std::string& datagram) const {
   return ::send(socket_->number(), datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0;
 }
 
-void SystemLog::connect() {
+// The socket stays open where this fails, because making one takes much longer than asking again.
+bool SystemLog::connect() {
   const wire::SocketAddress address(path_);
-  socket_.emplace(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (::connect(socket_->number(), address.get(), address.size()) != 0) socket_.reset();
+  if (!socket_ || !socket_->is_open()) {
+    socket_.emplace(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  }
+  return ::connect(socket_->number(), address.get(), address.size()) == 0;
 }
 
 }  // namespace corvane

@@ -19,10 +19,11 @@ class SystemLog {
 
  private:
   bool send(const std::string& datagram) const;
-  void connect();
+  bool connect();
 
   const std::string path_;
   std::optional<Descriptor> socket_;
+  bool connected_ = false;
 };
 
 }  // namespace corvane

@@ -62,11 +62,13 @@ class RequestQueue final : public WorkQueue {
   /// itself.
   void stop();
 
-  /// Where sockets and timers that belong to the queue live.
+  /// Where sockets and timers that belong to the queue live. From `create` to `stop` its sockets may be used on
+  /// the queue only, because they have no locks.
   asio::io_context& context() { return context_; }
 
  private:
-  asio::io_context context_{1};
+  // With locks for submitting work and for timers, but none for sockets.
+  asio::io_context context_{ASIO_CONCURRENCY_HINT_UNSAFE_IO};
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work_guard_;
   std::vector<std::function<void()>> rearms_;
   std::thread thread_;
