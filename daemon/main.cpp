@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -25,6 +26,8 @@ namespace corvane {
 
 namespace {
 
+constexpr char out_of_memory[] = "out of memory";
+
 // Null, and one line in `refusal`, where the daemon cannot run here.
 std::unique_ptr<Device> open_device(const Environment& environment, std::string& refusal) {
   if (environment.simulated) return SimulatedDevice::open(environment.profile, refusal);
@@ -40,6 +43,9 @@ std::unique_ptr<Platform> start_platform(std::string& refusal) {
     return std::make_unique<SystemPlatform>(*environment, std::move(device));
   } catch (const std::system_error& error) {
     refusal = std::string("could not make the event loops: ") + error.what();
+    return nullptr;
+  } catch (const std::bad_alloc&) {
+    refusal = out_of_memory;
     return nullptr;
   }
 }
@@ -114,5 +120,9 @@ int main() {
   }
   corvane::install_platform(platform.get());
   corvane::set_report_sink(corvane::log_report);
-  return corvane::run_daemon();
+  try {
+    return corvane::run_daemon();
+  } catch (const std::bad_alloc&) {
+    corvane::end_process("main", corvane::out_of_memory);
+  }
 }

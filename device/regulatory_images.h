@@ -10,8 +10,8 @@ namespace corvane {
 plist::Ref<plist::Value> copy_product_version();
 
 /// Replaces the file by {"RegulatoryImages": images, "ProductVersion": the current system version}. The
-/// images are borrowed and not inspected. 0; -1, the old file untouched and nothing logged, where the
-/// device has no version or memory is out; otherwise what `store_dict` answers.
+/// images are borrowed and not inspected. 0; -1, the old file untouched, where memory is out, or where the
+/// device has no version, which is not logged; otherwise what `store_dict` answers.
 int store_regulatory_images(plist::Value& images);
 
 /// The file's whole dictionary, owned and immutable, under whatever version it was stored. Null when the file

@@ -84,7 +84,8 @@ bool refresh_identity(data_ark* ark, const char* ark_key, const char* what, plis
 }
 
 void store_transient(data_ark* ark, const String& key, plist::Value* value) {
-  data_ark_set_attribute(ark, nullptr, &key, ARK_NOT_STORED);
+  // Without the attribute the value would get into the file, and stay there.
+  if (data_ark_set_attribute(ark, nullptr, &key, ARK_NOT_STORED) != 0) return;
   data_ark_set(ark, nullptr, &key, value);
 }
 
@@ -164,9 +165,16 @@ void handle_sim_notification(data_ark* ark, const String* name) {
   ++counts.events;
   if (!baseband_class_above_one() && name != nullptr && name->view() == telvo_sim_inserted)
     post_phone_number_changed();
-  if (!lookup_baseband_info(ark)) return;
-  ++counts.changes;
-  if (radio_change_hook != nullptr) radio_change_hook(ark);
+  const auto tell_change = [ark] {
+    ++counts.changes;
+    if (radio_change_hook != nullptr) radio_change_hook(ark);
+  };
+  try {
+    if (lookup_baseband_info(ark)) tell_change();
+  } catch (const std::bad_alloc&) {
+    tell_change();  // The next look-up would take what this one has set for known.
+    throw;
+  }
 }
 
 }  // namespace

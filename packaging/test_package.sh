@@ -114,7 +114,8 @@ make_root() {
 }
 
 make_state_of_root() {
-  mkdir -p "$root$library/cvd" "$root$library/Logs/corvaned"
+  mkdir -p "$root$library/cvd" "$root$library/Logs/corvaned" "$root/run/corvaned"
+  (umask 077 && touch "$root/run/corvaned/corvaned.lock")
   chmod 700 "$root$library/cvd"
   cp "$source/plist/testdata/ark.bin.plist" "$root$library/cvd/data_ark.plist"
   echo 'a line of before' >"$root$library/Logs/corvaned/corvaned.log"

@@ -2,6 +2,8 @@
 
 #include <absl/container/flat_hash_map.h>
 
+#include "plist/hash_tables.h"
+
 namespace corvane {
 
 using plist::cast;
@@ -18,6 +20,7 @@ class Detaching {
     if (!value.is_container() && (data == nullptr || !data->is_slice())) return &value;
     if (const auto known = made_.find(&value); known != made_.end()) return known->second;
     Ref<plist::Value> made = data != nullptr ? plist::Data::create(data->bytes()) : detached_container(value);
+    plist::make_room(made_);
     made_.emplace(&value, made);
     return made;
   }

@@ -1,7 +1,7 @@
-#include "state/detached_value.h"
 #include "state/values.h"
 
 #include "plist/describe.h"
+#include "state/detached_value.h"
 #include "tests/support/state_fixture.h"
 
 namespace corvane {
@@ -55,6 +55,14 @@ TEST(Detached, KeepsNothingOfTheMessage) {
   for (int i = 0; i < 2; ++i) twice->append(value);
   const auto copied = detached_value(*twice);
   EXPECT_EQ(as_array(copied.get())->at(0), as_array(copied.get())->at(1));
+  for (int number = 0, failed = 1; failed != 0; ++number) {
+    failed = testing::run_with_failing_allocation(number, [&] {
+      try {
+        detached_value(*value);
+      } catch (const std::bad_alloc&) {
+      }
+    });
+  }
 }
 
 TEST(Iteration, RunsOverASnapshotWhileTheCallbackChangesTheContainer) {

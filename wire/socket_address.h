@@ -10,7 +10,7 @@ namespace corvane::wire {
 /// Where the socket of a service lies below `root`.
 std::string socket_path(std::string_view root, std::string_view service_name);
 
-/// The address of a local socket at any path. A path that is too long for sun_path is written as
+/// The address of a local socket at any absolute path. A path that is too long for sun_path is written as
 /// /proc/self/fd/<descriptor of its folder>/<name>; the descriptor, and so the address, lives as long as the
 /// object.
 class SocketAddress {

@@ -107,19 +107,25 @@ void move_to(List& list, Client& client) {
 
 void LocalListener::admit(int socket) {
   const PeerIdentity peer = identity_of(socket);
+  if (Client* const client = add_client(socket)) run(*client, [&] { set_up(*client, peer); });
+  drop_closed();
+}
+
+// Null where memory is out; the socket is closed then.
+LocalListener::Client* LocalListener::add_client(int socket) {
   SocketCloser* const closer = listening_.refuses_descriptors() ? nullptr : &closer_;
   try {
     Client& client = clients_.emplace_back(
         socket, LocalConnection::Environment{policy_.request_limit, answers_, closer}, queue_.context());
     client.list = &clients_;
     client.place = std::prev(clients_.end());
-    run(client, [&] { set_up(client, peer); });
+    return &client;
   } catch (const std::bad_alloc&) {
     report("out of memory: a new connection was closed");
     counts_.count(CloseReason::out_of_memory);
     close_socket(socket, closer);
+    return nullptr;
   }
-  drop_closed();
 }
 
 void LocalListener::set_up(Client& client, PeerIdentity peer) {
@@ -147,8 +153,10 @@ bool LocalListener::make_room(PeerIdentity peer) {
 
 void LocalListener::make_room_for_descriptors() {
   if (!policy_.shares) return;
-  if (ShareTable::Entry* first = shares_.first_to_evict())
+  if (ShareTable::Entry* first = shares_.first_to_evict()) {
+    evicted_report_("evicted a connection of the user with the most: no descriptor is left");
     close(static_cast<Client&>(*first), CloseReason::evicted);
+  }
   drop_closed();
 }
 

@@ -56,6 +56,7 @@ class LocalListener final : public IpcListener {
 
   void rearm();
   void admit(int socket);
+  Client* add_client(int socket);
   bool make_room(PeerIdentity peer);
   void make_room_for_descriptors();
   void set_up(Client& client, PeerIdentity peer);

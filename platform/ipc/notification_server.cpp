@@ -78,7 +78,8 @@ bool NotificationServer::Subscriber::send(const std::string& frame) {
     ++missed_;
     return false;
   }
-  if (missed_ != 0) pending_ += frame_of(*wire::make_missed(std::exchange(missed_, 0)));
+  if (missed_ != 0) pending_ += frame_of(*wire::make_missed(missed_));
+  missed_ = 0;
   pending_ += frame;
   write_pending();
   return true;

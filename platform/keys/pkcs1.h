@@ -22,7 +22,8 @@ enum class RsaKeyKind : unsigned char { public_key, private_key };
 /// a modulus beyond OPENSSL_RSA_MAX_MODULUS_BITS or numbers that are longer than it.
 EvpKey read_pkcs1(std::string_view der, RsaKeyKind kind);
 
-/// Wiped when released. Null where `key` is no RSA key, lacks what the kind has, or has more than two primes.
+/// Wiped when released. Null where `key` is no RSA key, or lacks what the kind has. It must not have more than
+/// two primes.
 plist::Ref<plist::Data> write_pkcs1(const EVP_PKEY& key, RsaKeyKind kind);
 
 }  // namespace corvane

@@ -90,9 +90,10 @@ std::optional<int64_t> BusProperties::number(std::string_view name) const {
   return *number;
 }
 
-bool BusProperties::is_set(std::string_view name) const {
+std::optional<bool> BusProperties::flag(std::string_view name) const {
   const auto* flag = find<bool>(name);
-  return flag != nullptr && *flag;
+  if (flag == nullptr) return std::nullopt;
+  return *flag;
 }
 
 std::optional<std::string> BusProperties::bytes(std::string_view name) const {

@@ -25,7 +25,8 @@ class BusProperties {
 
   std::string text(std::string_view name) const;               ///< a string or an object path; empty where unknown
   std::optional<int64_t> number(std::string_view name) const;  ///< of 32 bits
-  bool is_set(std::string_view name) const;                    ///< a Boolean that is true
+  std::optional<bool> flag(std::string_view name) const;
+  bool is_set(std::string_view name) const { return flag(name).value_or(false); }
   std::optional<std::string> bytes(std::string_view name) const;
   const std::vector<std::string>& list(std::string_view name) const;  ///< of texts; empty where unknown
   bool has(std::string_view name) const { return values_.find(name) != values_.end(); }

@@ -87,8 +87,8 @@ void LinuxTelephony::set_default_run_loop(RunLoop& run_loop) {
                             ofono_reader_.start(bus);
                           },
                           [this] {
-                            modem_manager_reader_.stop();
-                            ofono_reader_.stop();
+                            run_in_callback([this] { modem_manager_reader_.stop(); });
+                            run_in_callback([this] { ofono_reader_.stop(); });
                           }});
   } catch (const std::system_error& error) {
     report("the radio cannot be followed: %s", error.what());

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <initializer_list>
+#include <optional>
 #include <utility>
 
 #include "platform/linux/bus_properties.h"
@@ -14,8 +15,9 @@ constexpr char card_interface[] = "org.ofono.SimManager";
 
 // Empty where the service does not say.
 std::string_view status_of(const BusProperties& card) {
-  if (!card.has("Present")) return "";
-  if (!card.is_set("Present")) return sim_status::not_inserted;
+  const std::optional<bool> is_present = card.flag("Present");
+  if (!is_present) return "";
+  if (!*is_present) return sim_status::not_inserted;
   const std::string lock = card.text("PinRequired");
   if (lock.empty()) return "";
   if (lock == "none" || lock == "pin2" || lock == "puk2") return sim_status::ready;

@@ -68,6 +68,8 @@ BusSlot ServiceReader::call(const char* destination, const TelephonyProtocol::Me
 
 void ServiceReader::start(sd_bus& bus) {
   bus_ = &bus;
+  // It may still be set where the end of the bus before was interrupted.
+  owner_.clear();
   owner_match_ = match(owner_rule(protocol_.service()), [](sd_bus_message* signal, void* self, sd_bus_error*) {
     auto& reader = *static_cast<ServiceReader*>(self);
     return handle(reader, [&] {
@@ -108,16 +110,19 @@ void ServiceReader::take_owner(sd_bus_message& reply) {
   owner_call_.reset();
   if (sd_bus_message_is_method_error(&reply, "org.freedesktop.DBus.Error.NameHasNoOwner") > 0)
     return set_owner("");
-  if (is_error(reply) || sd_bus_message_read_basic(&reply, 's', &owner) <= 0) {
-    return fail("the bus did not name its owner", error_of(reply));
-  }
+  if (is_error(reply)) return fail("the bus did not name its owner", error_of(reply));
+  if (sd_bus_message_read_basic(&reply, 's', &owner) <= 0) return fail("the bus named no owner", EBADMSG);
   set_owner(owner);
 }
 
 void ServiceReader::set_owner(std::string_view owner) {
   owner_call_.reset();
   if (owner != owner_) {
-    owner_report_("%s is %s", protocol_.service(), owner.empty() ? "gone" : "there");
+    if (owner.empty()) {
+      gone_report_("%s is gone", protocol_.service());
+    } else {
+      there_report_("%s is there", protocol_.service());
+    }
   } else if (!owner.empty()) {
     return;
   }
@@ -143,6 +148,7 @@ void ServiceReader::set_owner(std::string_view owner) {
 // After a failure in the middle. The owner is found, and everything read, anew. It takes no memory.
 void ServiceReader::start_over() {
   owner_.clear();
+  signal_matches_.clear();
   list_call_.reset();
   card_calls_.clear();
   is_reading_ = false;

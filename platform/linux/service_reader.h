@@ -83,7 +83,7 @@ class ServiceReader {
   BusTimer timer_;  ///< to read, or find the owner, again
   std::chrono::steady_clock::time_point next_reading_{};
   bool is_failing_ = false;  ///< that it fails has been reported
-  RateLimitedReport owner_report_;
+  RateLimitedReport there_report_, gone_report_;
   RateLimitedReport failure_report_;
 };
 

@@ -10,6 +10,7 @@
 
 #include "platform/descriptor.h"
 #include "plist/reader.h"
+#include "plist/value_size.h"
 
 namespace corvane {
 
@@ -19,7 +20,10 @@ namespace {
 // look like one. The slowest tick in use is 10 ms.
 constexpr int64_t stamp_settles_after_ns = 20'000'000;
 
-SmallFile failure(int error) { return {nullptr, std::generic_category().message(error)}; }
+// With what occurs several times counted each time, as comparing and logging do.
+constexpr size_t repeated_limit = 4 * small_file_limit;
+
+SmallFile failure(int error) { return {nullptr, std::generic_category().message(error), error != ENOENT}; }
 
 int64_t nanoseconds(const timespec& time) { return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec; }
 
@@ -45,7 +49,7 @@ SmallFile read_bytes(int descriptor, size_t size) {
     if (got == 0) break;
     filled += static_cast<size_t>(got);
   }
-  return {plist::Data::slice(buffer, 0, filled), {}};
+  return {plist::Data::slice(buffer, 0, filled), {}, false};
 }
 
 DictionaryFile::Contents decode_dictionary(const SmallFile& file) {
@@ -54,6 +58,9 @@ DictionaryFile::Contents decode_dictionary(const SmallFile& file) {
   if (decoded.error) return {nullptr, std::string(decoded.error->view())};
   auto* const dictionary = plist::cast<plist::Dictionary>(decoded.value.get());
   if (dictionary == nullptr) return {nullptr, "not a dictionary"};
+  if (plist::estimate_size(*dictionary, repeated_limit) > repeated_limit) {
+    return {nullptr, "repeats itself to more than " + std::to_string(repeated_limit) + " bytes"};
+  }
   return {dictionary, {}};
 }
 
@@ -64,9 +71,10 @@ SmallFile read_small_file(const std::string& path) {
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   struct stat status;
   if (!file.is_open() || fstat(file.number(), &status) != 0) return failure(errno);
-  if (!S_ISREG(status.st_mode)) return {nullptr, "not a regular file"};
+  if (!S_ISREG(status.st_mode)) return {nullptr, "not a regular file", false};
   const auto size = static_cast<size_t>(status.st_size);
-  if (size > small_file_limit) return {nullptr, "larger than " + std::to_string(small_file_limit) + " bytes"};
+  if (size > small_file_limit)
+    return {nullptr, "larger than " + std::to_string(small_file_limit) + " bytes", false};
   return read_bytes(file.number(), size);
 }
 
@@ -88,8 +96,9 @@ void DictionaryFile::refresh() {
   // In this order no change in between goes unnoticed: at worst the file is read once too often.
   const int64_t now = clock_time();
   const Stamp stamp = take_stamp(path_);
-  take_in(decode_dictionary(read_small_file(path_)), stamp);
-  settled_ = is_settled(stamp.changed, now);
+  const SmallFile file = read_small_file(path_);
+  take_in(decode_dictionary(file), stamp);
+  settled_ = !file.may_pass && is_settled(stamp.changed, now);
 }
 
 // A file that is not settled is read at each call; the same contents are no new version.

@@ -18,6 +18,7 @@ inline constexpr size_t small_file_limit = 1024 * 1024;
 struct SmallFile {
   plist::Ref<plist::Data> bytes;  ///< null exactly when `fault` is set
   std::string fault;              ///< in a few words, without the path: why there are no bytes
+  bool may_pass = false;          ///< the fault is not the file's own, and may be gone at the next call
 };
 
 /// Reads a regular file of at most `small_file_limit` bytes; links are followed. Waits for nothing but the disk,

@@ -8,7 +8,7 @@ namespace corvane {
 /// What the environment says about where and on what the daemon runs.
 struct Environment {
   std::string root;            ///< CORVANE_ROOT, or empty
-  std::string profile;         ///< CORVANE_PROFILE on the simulated device; empty on Linux
+  std::string profile;         ///< CORVANE_PROFILE; for the simulated device only
   bool simulated = false;      ///< CORVANE_PLATFORM is "simulated" rather than "linux"
   bool log_to_stderr = false;  ///< CORVANE_LOG_STDERR is "1"
 };

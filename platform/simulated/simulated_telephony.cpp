@@ -125,6 +125,8 @@ Ref<plist::Dictionary> SimulatedTelephony::take_new_snapshot() {
 }
 
 Ref<plist::Dictionary> SimulatedTelephony::snapshot() {
+  // Nobody is told of changes then, so that none can be missed.
+  if (!is_watched_) take_new_snapshot();
   const std::lock_guard lock(mutex_);
   return snapshot_;
 }
@@ -164,12 +166,14 @@ void SimulatedTelephony::set_default_run_loop(RunLoop& run_loop) {
   }
   // What changed before the watch began is not announced.
   take_new_snapshot();
+  is_watched_ = true;
   try {
     run_loop.watch(watcher, [this, watcher] {
       drain(watcher);
       look_for_changes();
     });
   } catch (const std::system_error& error) {
+    is_watched_ = false;
     close(watcher);
     report("could not watch the folder of %s: %s", profile_.path().c_str(), error.what());
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -13,10 +14,11 @@ namespace corvane {
 /// The telephony service of a simulated device: answers from the profile's dictionary "Telephony", and
 /// delivers the notifications that follow from an edit of the profile.
 ///
-/// Every question is answered from a snapshot: the dictionary as it was when the profile was last read. A
-/// connection keeps the snapshot that it was made with, and reports bad numbers among its "Errors" once for each
-/// snapshot. Without a "Telephony" there is no centre and no connection. Once the centre has its run loop, the
-/// profile's folder is watched there, so that a file that is replaced is seen as well as one that is written.
+/// Every question is answered from a snapshot: the dictionary as it was when the profile was last read, which is
+/// at each question where the profile's folder is not watched. A connection keeps the snapshot that it was made
+/// with, and reports bad numbers among its "Errors" once for each snapshot. Without a "Telephony" there is no
+/// centre and no connection. Once the centre has its run loop, the profile's folder is watched there, so that a
+/// file that is replaced is seen as well as one that is written.
 class SimulatedTelephony final : public Telephony, public TelephonyCentre {
  public:
   /// The profile must outlive this.
@@ -45,6 +47,7 @@ class SimulatedTelephony final : public Telephony, public TelephonyCentre {
   plist::Ref<plist::Dictionary> last_connected_;  // request queue: the snapshot of the last connection
   std::mutex mutex_;
   plist::Ref<plist::Dictionary> snapshot_;
+  std::atomic<bool> is_watched_ = false;
 };
 
 }  // namespace corvane
