@@ -119,11 +119,15 @@ TEST_F(Ark, ASetThatRunsOutOfMemoryIsCountedIfItHasSetTheValue) {
   bool failed = true;
   for (int number = 0; failed; ++number) {
     ark_ = data_ark_load();
+    for (const char* other : {"a", "b", "c", "d"}) set("other", other, "1");
+    data_ark_store(ark_.get());
+    copy("other");  // From here on the keys are kept in order, and the dictionary has to grow for another entry.
     set_attribute("domain", nullptr, 3);
     watch("domain", long_key, "watch", ARK_WATCH_SET);
     failed = run_with_failing_allocation(number,
                                          [&] { data_ark_set(ark_.get(), domain.get(), key.get(), value.get()); });
     const bool is_set = data_ark_exists(ark_.get(), domain.get(), key.get());
+    EXPECT_EQ(copy("domain") == "{}", !is_set) << "allocation " << number << " fails";
     EXPECT_EQ(dirty_count(), is_set ? 1u : 0u) << "allocation " << number << " fails";
     EXPECT_EQ(has_attribute("domain", long_key, 3), is_set) << "allocation " << number << " fails";
   }
