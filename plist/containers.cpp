@@ -160,7 +160,8 @@ struct Dictionary::Index {
     return entry.key->view() == key;
   }
 
-  // A free slot ends a search. So each slot behind it that is searched for from before it moves into the gap.
+  // A search ends at a free slot. So the next slot whose search begins at or before the gap moves there, and
+  // leaves the gap behind it.
   void free(Slot& slot) {
     auto gap = static_cast<size_t>(&slot - slots.data());
     for (size_t at = (gap + 1) & mask(); slots[at].position != none; at = (at + 1) & mask()) {
