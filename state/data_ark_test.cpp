@@ -133,6 +133,25 @@ TEST_F(Ark, ASetThatRunsOutOfMemoryIsCountedIfItHasSetTheValue) {
   }
 }
 
+TEST_F(Ark, ADomainsCopyFindsTheEntryThatTookARemovedOnesPlace) {
+  for (const char* key : {"a", "b", "c"}) set("domain", key, key);
+  set("other", "last", "of all");
+  EXPECT_EQ(copy("other"), R"({"last": "of all"})");
+  remove("domain", "a");
+  EXPECT_EQ(copy("other"), R"({"last": "of all"})");
+  EXPECT_EQ(copy("domain"), R"({"b": "b", "c": "c"})");
+}
+
+TEST_F(Ark, AStoreLeavesOutTheEntriesWithAttribute1Or7) {
+  for (const char* key : {"h", "b", "f", "d", "g", "a", "e", "c"}) set(nullptr, key, "value");
+  for (const char* key : {"a", "b", "c", "d"}) set_attribute(nullptr, key, ARK_NOT_STORED);
+  for (const char* key : {"e", "f"}) set_attribute(nullptr, key, ARK_ALSO_NOT_STORED);
+  set_attribute(nullptr, "g", ARK_CHANGE_UNCOUNTED);
+  set_attribute("no entry", nullptr, ARK_NOT_STORED);
+  data_ark_store(ark_.get());
+  EXPECT_EQ(stored(), R"({"-g": "value", "-h": "value"})");
+}
+
 TEST_F(Ark, ASetNotifiesTheWatchesOfTheKeyAndThenOfItsDomain) {
   for (const char* key : {"key", static_cast<const char*>(nullptr)}) {
     const std::string of = key == nullptr ? " of domain" : " of key";
