@@ -1,10 +1,12 @@
 #include <absl/container/flat_hash_set.h>
 
 #include <algorithm>
+#include <bit>
 #include <limits>
 #include <memory>
 #include <new>
 #include <utility>
+#include <vector>
 
 #include "plist/hash_tables.h"
 #include "plist/value.h"
@@ -107,36 +109,74 @@ void MutableSet::add(Ref<Value> value) {
 
 // ---- dictionary ---------------------------------------------------------------------------------------
 
-// The positions of the entries, found by their keys. Positions alone keep the table small, and a lookup in the
-// cache.
+// The positions of the entries, found by their keys. A search begins at the slot that the key's hash names, and
+// goes on to a free one. A slot holds the hash too: a lookup then touches no other key as a rule, and the table
+// grows without touching any.
 struct Dictionary::Index {
+  static constexpr uint32_t none = std::numeric_limits<uint32_t>::max();
   struct Slot {
-    mutable uint32_t position;  // changes where the entry moves; the hash, which is the key's, does not
-  };
-  struct Hash {
-    using is_transparent = void;
-    size_t operator()(std::string_view key) const { return BytesHash()(key); }
-    size_t operator()(Slot slot) const { return BytesHash()((*entries)[slot.position].key->view()); }
-    const ElementList<Entry>* entries;
-  };
-  struct Equal {
-    using is_transparent = void;
-    bool operator()(Slot a, Slot b) const { return a.position == b.position; }
-    bool operator()(Slot slot, std::string_view key) const {
-      const Entry& entry = (*entries)[slot.position];
-      // The value is wanted next: it is fetched while the keys are compared.
-      __builtin_prefetch(entry.value.get());
-      return entry.key->view() == key;
-    }
-    const ElementList<Entry>* entries;
+    uint32_t hash = 0;
+    uint32_t position = none;  // of a free slot
   };
 
-  explicit Index(const ElementList<Entry>& entries) : positions(0, Hash{&entries}, Equal{&entries}) {
-    make_room(positions, entries.capacity());
-    for (uint32_t i = 0; i < entries.size(); ++i) positions.insert({i});
+  static uint32_t hash_of(std::string_view key) { return static_cast<uint32_t>(BytesHash()(key)); }
+
+  explicit Index(const ElementList<Entry>& list) : entries(list) {
+    make_room_for(entries.capacity());
+    for (uint32_t i = 0; i < entries.size(); ++i) add({hash_of(entries[i].key->view()), i});
   }
 
-  absl::flat_hash_set<Slot, Hash, Equal> positions;
+  // At most four fifths of the slots are taken, so that searches are short.
+  void make_room_for(size_t count) {
+    if (5 * count <= 4 * slots.size()) return;
+    std::vector<Slot> smaller(std::bit_ceil(5 * count / 4 + 1));
+    slots.swap(smaller);
+    for (const Slot slot : smaller) {
+      if (slot.position != none) add(slot);
+    }
+  }
+
+  // Precondition: the key is not there yet.
+  void add(Slot slot) {
+    size_t at = slot.hash & mask();
+    while (slots[at].position != none) at = (at + 1) & mask();
+    slots[at] = slot;
+  }
+
+  // A free one where the key is not there.
+  Slot& slot_of(std::string_view key, uint32_t hash) {
+    size_t at = hash & mask();
+    while (slots[at].position != none && !(slots[at].hash == hash && is_at(slots[at].position, key))) {
+      at = (at + 1) & mask();
+    }
+    return slots[at];
+  }
+  Slot& slot_of(std::string_view key) { return slot_of(key, hash_of(key)); }
+
+  bool is_at(uint32_t position, std::string_view key) const {
+    const Entry& entry = entries[position];
+    // The value is wanted next: it is fetched while the keys are compared.
+    __builtin_prefetch(entry.value.get());
+    return entry.key->view() == key;
+  }
+
+  // A search ends at a free slot. So the next slot whose search begins at or before the gap moves there, and
+  // leaves the gap behind it.
+  void free(Slot& slot) {
+    auto gap = static_cast<size_t>(&slot - slots.data());
+    for (size_t at = (gap + 1) & mask(); slots[at].position != none; at = (at + 1) & mask()) {
+      const size_t from_start = (at - slots[at].hash) & mask(), from_gap = (at - gap) & mask();
+      if (from_start < from_gap) continue;
+      slots[gap] = slots[at];
+      gap = at;
+    }
+    slots[gap].position = none;
+  }
+
+  size_t mask() const { return slots.size() - 1; }
+
+  const ElementList<Entry>& entries;
+  std::vector<Slot> slots;  // a power of two
 };
 
 Dictionary::Dictionary(size_t capacity) : Container(Kind::dictionary, true), entries_(this + 1, capacity) {}
@@ -144,8 +184,8 @@ Dictionary::~Dictionary() = default;
 
 size_t Dictionary::find(std::string_view key) const {
   if (index_ != nullptr) {
-    const auto found = index_->positions.find(key);
-    return found == index_->positions.end() ? not_found : found->position;
+    const uint32_t position = index_->slot_of(key).position;
+    return position == Index::none ? not_found : position;
   }
   for (size_t i = 0; i < entries_.size(); ++i) {
     if (entries_[i].key->view() == key) return i;
@@ -180,19 +220,17 @@ void MutableDictionary::build_index() {
 
 void MutableDictionary::set(Ref<String> key, Ref<Value> value) {
   if (index_ == nullptr) return set_without_index(std::move(key), std::move(value));
-  if (entries_.size() == std::numeric_limits<uint32_t>::max()) throw std::bad_alloc();
-  // Room first, so that nothing can fail once the index names the entry.
-  make_room(index_->positions);
+  if (entries_.size() == Index::none) throw std::bad_alloc();
+  // Room first, so that the slot stays where it is, and nothing can fail once it names the entry.
+  index_->make_room_for(entries_.size() + 1);
   if (entries_.size() == entries_.capacity()) entries_.reserve(2 * entries_.size());
-  bool is_new = false;
-  const auto entry = index_->positions.lazy_emplace(key->view(), [&](const auto& emplace) {
-    emplace(Index::Slot{static_cast<uint32_t>(entries_.size())});
-    is_new = true;
-  });
-  if (!is_new) {
-    entries_[entry->position].value = std::move(value);
+  const uint32_t hash = Index::hash_of(key->view());
+  Index::Slot& slot = index_->slot_of(key->view(), hash);
+  if (slot.position != Index::none) {
+    entries_[slot.position].value = std::move(value);
     return;
   }
+  slot = {hash, static_cast<uint32_t>(entries_.size())};
   entries_.push_back({std::move(key), std::move(value)});
 }
 
@@ -231,11 +269,11 @@ void MutableDictionary::add(std::string_view key, Ref<Value> value) {
 bool MutableDictionary::remove(std::string_view key) {
   const size_t position = find(key);
   if (position == not_found) return false;
-  if (index_ != nullptr) index_->positions.erase(key);
+  if (index_ != nullptr) index_->free(index_->slot_of(key));
   // The last entry takes its place, so that removal costs the same in every dictionary.
   if (position + 1 != entries_.size()) {
     if (index_ != nullptr) {
-      index_->positions.find(entries_.back().key->view())->position = static_cast<uint32_t>(position);
+      index_->slot_of(entries_.back().key->view()).position = static_cast<uint32_t>(position);
     }
     std::swap(entries_[position], entries_.back());
   }

@@ -397,7 +397,7 @@ class MutableDictionary final : public Dictionary {
     return freeze(std::move(selection));
   }
 
-  /// Replaces the value of an equal key; the key object that was there stays.
+  /// Replaces the value of an equal key; the key object that was there stays. A new entry becomes the last one.
   void set(Ref<String> key, Ref<Value> value);
   void set(std::string_view key, Ref<Value> value);
   /// The value of an entry, which may be replaced there; null where there is no entry. Valid until an entry is
@@ -405,7 +405,7 @@ class MutableDictionary final : public Dictionary {
   Ref<Value>* find_value(std::string_view key);
   /// Adds only if the key is absent.
   void add(std::string_view key, Ref<Value> value);
-  /// Answers whether there was an entry.
+  /// Answers whether there was an entry. The last one takes its place, and no other moves.
   bool remove(std::string_view key);
 
  private:

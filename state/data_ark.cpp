@@ -29,6 +29,9 @@ namespace {
 // A change of an entry with one of these is not counted as unsaved.
 constexpr uint16_t uncounted_attributes = transient_attributes | attribute_bit(ARK_CHANGE_UNCOUNTED);
 
+// About what a string and its entry take besides the text.
+constexpr size_t usual_value_size = 56;
+
 void compose(std::string& composed, const String* domain, const String* key) {
   composed.clear();
   if (domain != nullptr) composed += domain->view();
@@ -114,11 +117,11 @@ bool store_value(data_ark& ark, const ComposedKey& key, plist::Value* value, boo
     attributes_key = key.full();
     plist::make_room(ark.attributes);
   }
-  if (ark.sorted_keys != nullptr) ark.sorted_keys->insert(key_object->view());
+  if (ark.order != nullptr) ark.order->emplace(key_object->view(), static_cast<uint32_t>(ark.values->size()));
   try {
     ark.values->set(key_object, value);
   } catch (const std::bad_alloc&) {
-    if (ark.sorted_keys != nullptr) ark.sorted_keys->erase(key_object->view());
+    if (ark.order != nullptr) ark.order->erase(key_object->view());
     throw;
   }
   if (inherited != 0) ark.attributes.try_emplace(std::move(attributes_key)).first->second |= inherited;
@@ -148,16 +151,29 @@ void set_number(const char* function, data_ark* ark, const String* domain, const
   data_ark_set(ark, domain, key, number.get());
 }
 
+// Called before the entry is removed. The last entry takes its place.
+void remove_from_order(data_ark& ark, std::string_view key) {
+  if (ark.order == nullptr) return;
+  const auto removed = ark.order->find(key);
+  if (removed == ark.order->end()) return;
+  ark.order->find(ark.values->entries().back().key->view())->second = removed->second;
+  ark.order->erase(removed);
+}
+
 Ref<plist::Value> copy_domain(data_ark& ark, std::string_view prefix) {
-  const auto& keys = ark.keys_in_order();
+  const KeyOrder& keys = ark.keys_in_order();
   const auto first = keys.lower_bound(prefix);
   auto last = first;
-  size_t count = 0;
-  for (; last != keys.end() && last->starts_with(prefix); ++last) ++count;
-
+  size_t count = 0, size = 0;
+  for (; last != keys.end() && last->first.starts_with(prefix); ++last) {
+    ++count;
+    size += last->first.size() - prefix.size();
+  }
+  const plist::ValueBlocks blocks(size + (count + 1) * usual_value_size);
   Ref<plist::MutableDictionary> domain = plist::MutableDictionary::create(count);
   for (auto next = first; next != last; ++next) {
-    domain->set(String::create(next->substr(prefix.size())), ark.values->get(*next));
+    const plist::Dictionary::Entry& entry = ark.values->entries()[next->second];
+    domain->set(String::create(next->first.substr(prefix.size())), entry.value);
   }
   return domain;
 }
@@ -233,13 +249,16 @@ int register_watch(Watches& watches, const String* domain, const String* key, co
 
 }  // namespace
 
-const absl::btree_set<std::string_view>& data_ark::keys_in_order() {
-  if (sorted_keys == nullptr) {
-    auto keys = std::make_unique<absl::btree_set<std::string_view>>();
-    for (const plist::Dictionary::Entry& entry : values->entries()) keys->insert(entry.key->view());
-    sorted_keys = std::move(keys);
+const KeyOrder& data_ark::keys_in_order() {
+  if (order == nullptr) {
+    auto keys = std::make_unique<KeyOrder>();
+    const auto entries = values->entries();
+    for (uint32_t position = 0; position < entries.size(); ++position) {
+      keys->emplace(entries[position].key->view(), position);
+    }
+    order = std::move(keys);
   }
-  return *sorted_keys;
+  return *order;
 }
 
 void assert_ark_owner() {
@@ -289,7 +308,7 @@ int data_ark_remove(data_ark* ark, const String* domain, const String* key) {
   assert_ark_owner();
   if (!ark->values) return -1;
   const ComposedKey composed(domain, key);
-  if (ark->sorted_keys != nullptr) ark->sorted_keys->erase(composed.full());
+  remove_from_order(*ark, composed.full());
   if (!ark->values->remove(composed.full())) return 0;
   const bool transient = (ark->attributes_of(composed.full()) & transient_attributes) != 0;
   ark->attributes.erase(composed.full());

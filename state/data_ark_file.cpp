@@ -13,6 +13,7 @@
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include "daemon/log/cv_log.h"
 #include "platform/descriptor.h"
@@ -70,18 +71,29 @@ void load_entries(data_ark& ark) {
 
 // ---- storing ------------------------------------------------------------------------------------------
 
-bool has_transient_entries(const data_ark& ark) {
-  return std::any_of(ark.attributes.begin(), ark.attributes.end(),
-                     [](const auto& each) { return (each.second & transient_attributes) != 0; });
+// The values that are not stored, in the order of their entries. They are found by the attributes, which few keys
+// have.
+std::vector<const Ref<plist::Value>*> transient_values(const data_ark& ark) {
+  std::vector<const Ref<plist::Value>*> values;
+  for (const auto& [key, attributes] : ark.attributes) {
+    if ((attributes & transient_attributes) == 0) continue;
+    if (const Ref<plist::Value>* value = ark.values->find_value(key)) values.push_back(value);
+  }
+  std::ranges::sort(values);
+  return values;
 }
 
 // Null where memory is out. The ark's own dictionary where all of it is stored.
 Ref<plist::Dictionary> persistent_entries(const data_ark& ark) {
   try {
     if (!ark.values) return plist::MutableDictionary::create();
-    if (!has_transient_entries(ark)) return ark.values;
-    return plist::MutableDictionary::select(*ark.values, [&ark](const plist::Dictionary::Entry& entry) {
-      return (ark.attributes_of(entry.key->view()) & transient_attributes) == 0;
+    const auto transient = transient_values(ark);
+    if (transient.empty()) return ark.values;
+    auto next = transient.begin();
+    return plist::MutableDictionary::select(*ark.values, [&](const plist::Dictionary::Entry& entry) {
+      if (next == transient.end() || *next != &entry.value) return true;
+      ++next;
+      return false;
     });
   } catch (const std::bad_alloc&) {
     cv_log("data_ark_store", 0, "Nothing mutable changed!");

@@ -21,9 +21,9 @@ size_t size_of(const ArkEntry& entry, size_t limit) {
   return entry_overhead + entry.key->view().size() + plist::estimate_size(*entry.value, limit);
 }
 
-ArkEntry entry_of(data_ark& ark, std::string_view composed_key, size_t prefix_size) {
-  return {String::create(composed_key.substr(prefix_size)), ark.values->get(composed_key),
-          ark.attributes_of(composed_key)};
+ArkEntry entry_of(data_ark& ark, const KeyOrder::value_type& key, size_t prefix_size) {
+  return {String::create(key.first.substr(prefix_size)), ark.values->entries()[key.second].value,
+          ark.attributes_of(key.first)};
 }
 
 }  // namespace
@@ -34,10 +34,10 @@ ArkPage data_ark_copy_page(data_ark* ark, const String* domain, const String* af
   ArkPage page;
   if (!ark->values) return page;
   const std::string prefix = domain == nullptr ? std::string() : std::string(domain->view()) + '-';
-  const auto& keys = ark->keys_in_order();
+  const KeyOrder& keys = ark->keys_in_order();
   auto next = after == nullptr ? keys.lower_bound(prefix) : keys.upper_bound(prefix + std::string(after->view()));
   size_t size = 0;
-  for (; next != keys.end() && next->starts_with(prefix); ++next) {
+  for (; next != keys.end() && next->first.starts_with(prefix); ++next) {
     ArkEntry entry = entry_of(*ark, *next, prefix.size());
     size += size_of(entry, most_bytes);
     const bool is_full = page.entries.size() == most_entries || size > most_bytes;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <absl/container/btree_set.h>
+#include <absl/container/btree_map.h>
 #include <absl/container/flat_hash_map.h>
 
 #include <array>
@@ -22,11 +22,14 @@ namespace corvane {
 template <class T>
 using ByComposedKey = absl::flat_hash_map<std::string, T, plist::BytesHash, std::equal_to<>>;
 
+/// The composed keys in order, each with the position of its entry among the `entries` of the values.
+using KeyOrder = absl::btree_map<std::string_view, uint32_t>;
+
 /// What can happen to an entry, in the order in which the watches for it are registered.
 enum class ArkEvent { change, set, remove };
 
 struct data_ark {
-  /// Null until something was loaded or set. Whoever adds or removes an entry updates `sorted_keys` too.
+  /// Null until something was loaded or set. Whoever adds or removes an entry updates `order` too.
   plist::Ref<plist::MutableDictionary> values;
   uint32_t dirty = 0;
   uint64_t changes = 0;  ///< of values and attributes, whether or not they are counted as unsaved
@@ -37,17 +40,16 @@ struct data_ark {
   std::array<ByComposedKey<const std::function<void()>*>, 3> callbacks;   ///< by ArkEvent
   std::deque<std::function<void()>> callback_copies;                      ///< its elements never move
 
-  /// The composed keys in order, built at the first copy of a domain or of a page. They point into the key objects
-  /// of `values`.
-  std::unique_ptr<absl::btree_set<std::string_view>> sorted_keys;
+  /// Built at the first copy of a domain or of a page. Its keys point into the key objects of `values`.
+  std::unique_ptr<KeyOrder> order;
 
   uint64_t stores = 0, failed_stores = 0;
   bool was_unreadable = false;  ///< at the load there was a file, but none that could be read
   /// The ark's file could be neither read nor renamed, and must not be deleted.
   bool unreadable_in_place = false;
 
-  /// `sorted_keys`, which are built where they are not there yet. Precondition: there are `values`.
-  const absl::btree_set<std::string_view>& keys_in_order();
+  /// `order`, which is built where it is not there yet. Precondition: there are `values`.
+  const KeyOrder& keys_in_order();
 
   uint16_t attributes_of(std::string_view composed_key) const {
     if (attributes.empty()) return 0;

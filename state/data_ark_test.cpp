@@ -119,14 +119,37 @@ TEST_F(Ark, ASetThatRunsOutOfMemoryIsCountedIfItHasSetTheValue) {
   bool failed = true;
   for (int number = 0; failed; ++number) {
     ark_ = data_ark_load();
+    for (const char* other : {"a", "b", "c", "d"}) set("other", other, "1");
+    data_ark_store(ark_.get());
+    copy("other");  // From here on the keys are kept in order, and the dictionary has to grow for another entry.
     set_attribute("domain", nullptr, 3);
     watch("domain", long_key, "watch", ARK_WATCH_SET);
     failed = run_with_failing_allocation(number,
                                          [&] { data_ark_set(ark_.get(), domain.get(), key.get(), value.get()); });
     const bool is_set = data_ark_exists(ark_.get(), domain.get(), key.get());
+    EXPECT_EQ(copy("domain") == "{}", !is_set) << "allocation " << number << " fails";
     EXPECT_EQ(dirty_count(), is_set ? 1u : 0u) << "allocation " << number << " fails";
     EXPECT_EQ(has_attribute("domain", long_key, 3), is_set) << "allocation " << number << " fails";
   }
+}
+
+TEST_F(Ark, ADomainsCopyFindsTheEntryThatTookARemovedOnesPlace) {
+  for (const char* key : {"a", "b", "c"}) set("domain", key, key);
+  set("other", "last", "of all");
+  EXPECT_EQ(copy("other"), R"({"last": "of all"})");
+  remove("domain", "a");
+  EXPECT_EQ(copy("other"), R"({"last": "of all"})");
+  EXPECT_EQ(copy("domain"), R"({"b": "b", "c": "c"})");
+}
+
+TEST_F(Ark, AStoreLeavesOutTheEntriesWithAttribute1Or7) {
+  for (const char* key : {"h", "b", "f", "d", "g", "a", "e", "c"}) set(nullptr, key, "value");
+  for (const char* key : {"a", "b", "c", "d"}) set_attribute(nullptr, key, ARK_NOT_STORED);
+  for (const char* key : {"e", "f"}) set_attribute(nullptr, key, ARK_ALSO_NOT_STORED);
+  set_attribute(nullptr, "g", ARK_CHANGE_UNCOUNTED);
+  set_attribute("no entry", nullptr, ARK_NOT_STORED);
+  data_ark_store(ark_.get());
+  EXPECT_EQ(stored(), R"({"-g": "value", "-h": "value"})");
 }
 
 TEST_F(Ark, ASetNotifiesTheWatchesOfTheKeyAndThenOfItsDomain) {
