@@ -79,7 +79,11 @@ void create_request_queue() {
   }
 }
 
-int run_daemon() {
+struct Listeners {
+  std::unique_ptr<IpcListener> admin, everyone;
+};
+
+void start_daemon(Listeners& listeners) {
   cv_log("main", 0, "____________________ Corvane startup _____________________");
 
   if (TelephonyCentre* centre = TelvoTelephonyCenterGetDefault()) {
@@ -93,16 +97,24 @@ int run_daemon() {
   daemon_object->setDark(ark.get());
   admin_object->set_ark(ark.get());
 
-  const auto admin_listener = create_listener(wire::admin_service, IpcAccess::owner);
-  const auto listener = create_listener(wire::public_service, IpcAccess::everyone);
-  admin_object->set_listeners(*listener, *admin_listener);
+  listeners.admin = create_listener(wire::admin_service, IpcAccess::owner);
+  listeners.everyone = create_listener(wire::public_service, IpcAccess::everyone);
+  admin_object->set_listeners(*listeners.everyone, *listeners.admin);
   create_request_queue();
-  admin_listener->set_delegate(*admin_object);
-  listener->set_delegate(*daemon_object);
+  listeners.admin->set_delegate(*admin_object);
+  listeners.everyone->set_delegate(*daemon_object);
   platform().notifications().resume();
-  admin_listener->resume();
-  listener->resume();
+  listeners.admin->resume();
+  listeners.everyone->resume();
+}
 
+int run_daemon() {
+  Listeners listeners;
+  try {
+    start_daemon(listeners);
+  } catch (const std::bad_alloc&) {
+    end_process("main", out_of_memory);
+  }
   platform().main_run_loop().run();
   return 0;
 }
@@ -120,9 +132,5 @@ int main() {
   }
   corvane::install_platform(platform.get());
   corvane::set_report_sink(corvane::log_report);
-  try {
-    return corvane::run_daemon();
-  } catch (const std::bad_alloc&) {
-    corvane::end_process("main", corvane::out_of_memory);
-  }
+  return corvane::run_daemon();
 }
