@@ -11,15 +11,16 @@ using plist::Ref;
 
 Ref<plist::Dictionary> copy_dict_from_port_data(const Message* message) {
   if (message == nullptr || message->kind != Message::raw_data) return nullptr;
-  const plist::Decoded decoded =
-      plist::decode(message->body, plist::Containers::immutable, wire::request_depth_limit);
+  plist::Decoded decoded = plist::decode(message->body, plist::Containers::immutable, wire::request_depth_limit);
   if (!decoded.value) {
     cv_log("copy_dict_from_port_data", 0, "PlistCreateWithData failed: %@", decoded.error);
     return nullptr;
   }
-  plist::Dictionary* dictionary = as_dictionary(decoded.value.get());
-  if (dictionary == nullptr) cv_log("copy_dict_from_port_data", 0, "got something other than a dictionary");
-  return dictionary;
+  if (as_dictionary(decoded.value.get()) == nullptr) {
+    cv_log("copy_dict_from_port_data", 0, "got something other than a dictionary");
+    return nullptr;
+  }
+  return Ref<plist::Dictionary>::adopt(static_cast<plist::Dictionary*>(decoded.value.detach()));
 }
 
 }  // namespace corvane

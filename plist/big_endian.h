@@ -29,13 +29,20 @@ inline uint64_t load_big_endian(const char* bytes, size_t size) {
 
 /// Writes the low `size` bytes of `value`, 1 to 8.
 inline void store_big_endian(char* to, uint64_t value, size_t size) {
-  if (size == 1) {
-    *to = static_cast<char>(value);
-    return;
-  }
   value <<= 64 - 8 * size;
   if (std::endian::native == std::endian::little) value = __builtin_bswap64(value);
-  std::memcpy(to, &value, size);
+  switch (size) {  // a copy of known size takes one instruction
+    case 1:
+      return void(std::memcpy(to, &value, 1));
+    case 2:
+      return void(std::memcpy(to, &value, 2));
+    case 4:
+      return void(std::memcpy(to, &value, 4));
+    case 8:
+      return void(std::memcpy(to, &value, 8));
+    default:
+      std::memcpy(to, &value, size);
+  }
 }
 
 /// Appends the low `size` bytes of `value`.

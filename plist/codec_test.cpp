@@ -3,6 +3,7 @@
 #include <bit>
 #include <fstream>
 #include <malloc.h>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -157,6 +158,49 @@ TEST(BinaryReader, RefusesWhatCostsMoreThanItsBytes) {
   EXPECT_EQ(outcome(read(binary({"\xCF\x11\x30\x00"s + std::string(0x3000, '\1'), text}))), repeated);
 }
 
+TEST(BinaryReader, TakesOnlyAsciiForAscii) {
+  for (size_t size = 1; size < 30; ++size) {
+    const std::string marker = "\x5F\x10"s + static_cast<char>(size);
+    EXPECT_TRUE(read(binary({marker + std::string(size, 'a')})).value) << size;
+    for (size_t wrong = 0; wrong < size; ++wrong) {
+      std::string text(size, 'a');
+      text[wrong] = '\x80';
+      EXPECT_EQ(outcome(read(binary({marker + text}))), "an ASCII string that is not ASCII") << text;
+    }
+  }
+}
+
+// The dictionary drops its first value and its second key, which the array has as well.
+TEST(BinaryReader, MeetsAgainWhatARepeatedKeyReplaced) {
+  const std::string bytes =
+      binary({"\xA3\x01\x04\x03", "\xD2\x02\x03\x04\x05", "\x51k", "\x51k", "\x53old", "\x53new"});
+  for (const Containers containers : {Containers::immutable, Containers::made_mutable}) {
+    EXPECT_EQ(outcome(read(bytes, containers)), "[{\"k\": \"new\"}, \"old\", \"k\"]");
+  }
+}
+
+// Values of one document share blocks of memory, and all go with the last of them.
+TEST(BinaryReader, KeepsNoMemoryButTheBlockOfAKeptValue) {
+  const auto document = MutableArray::create();
+  for (int i = 0; i < 3000; ++i) {
+    const auto record = MutableDictionary::create();
+    record->set("key " + std::to_string(i), String::create("text " + std::to_string(i)));
+    document->append(record);
+  }
+  document->append(read(binary({"\xA1\x01", "\xA1\x02", "\xA0"})).value);
+  const Ref<Data> bytes = Data::create(write(*document, Encoding::binary));
+  for (const Containers containers : {Containers::immutable, Containers::made_mutable}) {
+    const size_t before = mallinfo2().uordblks;
+    Ref<Value> kept = cast<Array>(decode(bytes, containers).value.get())->at(1500);
+    EXPECT_LE(mallinfo2().uordblks, before + ValueBlocks::largest_block + 1000);
+    EXPECT_EQ(describe(kept.get()), "{\"key 1500\": \"text 1500\"}");
+    kept = nullptr;
+    EXPECT_EQ(mallinfo2().uordblks, before);
+    EXPECT_FALSE(decode(bytes, containers, 2).value) << "the last item is nested deeper";
+    EXPECT_EQ(mallinfo2().uordblks, before) << "after an error";
+  }
+}
+
 TEST(XmlReader, ReadsOrRefuses) {
   const std::pair<std::string, std::vector<std::string>> cases[] = {
       {"127", {"<integer> +0x7f\n</integer>"}},
@@ -176,6 +220,26 @@ TEST(XmlReader, ReadsOrRefuses) {
   EXPECT_EQ(describe(read("").error.get()), "no element found at byte 0");
   EXPECT_EQ(outcome(read("<!DOCTYPE plist [<!ENTITY a 'b'>]><plist/>")),
             "declarations in the document are not supported");
+}
+
+// In small documents leaves are compared, in large ones they are looked up in tables.
+TEST(BinaryWriter, WritesEqualLeavesOnce) {
+  for (const int count : {2, 100}) {
+    const auto leaves = MutableArray::create();
+    for (int i = 0; i < 2 * count; ++i) {
+      const std::string number = std::to_string(i % count);
+      leaves->append(String::create("text " + number));
+      leaves->append(String::create(std::string(300, 'x') + number));
+      leaves->append(Number::create_int64(i % count));
+      leaves->append(Date::create(i % count));
+      leaves->append(Data::create(number));
+    }
+    const Ref<Value> decoded = read(write(*leaves, Encoding::binary)).value;
+    ASSERT_TRUE(equal(decoded.get(), leaves.get()));
+    std::set<const Value*> objects;
+    for (const Ref<Value>& leaf : cast<Array>(decoded.get())->items()) objects.insert(leaf.get());
+    EXPECT_EQ(objects.size(), leaves->size() / 2) << count;
+  }
 }
 
 // A store would have written a file that no start can read.

@@ -33,11 +33,6 @@ Ref<MutableArray> MutableArray::create(size_t capacity) {
   return make<MutableArray>(size_of_elements<Ref<Value>, MutableArray>(capacity), capacity);
 }
 
-Ref<Array> MutableArray::freeze(Ref<MutableArray> array) {
-  array->drop_mutability();
-  return array;
-}
-
 // ---- set ----------------------------------------------------------------------------------------------
 
 // The positions of the items, found by their hashes.
@@ -86,11 +81,6 @@ bool Set::contains(const Value& value, uint64_t value_hash) const {
 Ref<MutableSet> MutableSet::create(size_t capacity) {
   Ref<MutableSet> set = make<MutableSet>(size_of_elements<Ref<Value>, MutableSet>(capacity), capacity);
   set->hashes_.reserve(capacity);
-  return set;
-}
-
-Ref<Set> MutableSet::freeze(Ref<MutableSet> set) {
-  set->drop_mutability();
   return set;
 }
 
@@ -182,15 +172,19 @@ struct Dictionary::Index {
 Dictionary::Dictionary(size_t capacity) : Container(Kind::dictionary, true), entries_(this + 1, capacity) {}
 Dictionary::~Dictionary() = default;
 
+inline size_t Dictionary::scan(std::string_view key) const {
+  for (size_t i = 0; i < entries_.size(); ++i) {
+    if (entries_[i].key->view() == key) return i;
+  }
+  return not_found;
+}
+
 size_t Dictionary::find(std::string_view key) const {
   if (index_ != nullptr) {
     const uint32_t position = index_->slot_of(key).position;
     return position == Index::none ? not_found : position;
   }
-  for (size_t i = 0; i < entries_.size(); ++i) {
-    if (entries_[i].key->view() == key) return i;
-  }
-  return not_found;
+  return scan(key);
 }
 
 Value* Dictionary::get(std::string_view key) const {
@@ -205,21 +199,22 @@ Ref<MutableDictionary> MutableDictionary::create(size_t capacity) {
 Ref<MutableDictionary> MutableDictionary::copy(const Dictionary& other) {
   Ref<MutableDictionary> dictionary = create(other.size());
   for (const Entry& entry : other.entries()) dictionary->entries_.push_back(entry);
-  dictionary->build_index();
+  if (dictionary->size() > scan_limit) dictionary->index_ = std::make_unique<Index>(dictionary->entries_);
   return dictionary;
-}
-
-Ref<Dictionary> MutableDictionary::freeze(Ref<MutableDictionary> dictionary) {
-  dictionary->drop_mutability();
-  return dictionary;
-}
-
-void MutableDictionary::build_index() {
-  if (entries_.size() > scan_limit) index_ = std::make_unique<Index>(entries_);
 }
 
 void MutableDictionary::set(Ref<String> key, Ref<Value> value) {
-  if (index_ == nullptr) return set_without_index(std::move(key), std::move(value));
+  if (index_ != nullptr) return set_with_index(std::move(key), std::move(value));
+  const size_t position = scan(key->view());
+  if (position != not_found) {
+    entries_[position].value = std::move(value);
+    return;
+  }
+  entries_.push_back({std::move(key), std::move(value)});
+  if (entries_.size() > scan_limit) build_index_for_last();
+}
+
+void MutableDictionary::set_with_index(Ref<String> key, Ref<Value> value) {
   if (entries_.size() == Index::none) throw std::bad_alloc();
   // Room first, so that the slot stays where it is, and nothing can fail once it names the entry.
   index_->make_room_for(entries_.size() + 1);
@@ -234,15 +229,10 @@ void MutableDictionary::set(Ref<String> key, Ref<Value> value) {
   entries_.push_back({std::move(key), std::move(value)});
 }
 
-void MutableDictionary::set_without_index(Ref<String> key, Ref<Value> value) {
-  const size_t position = find(key->view());
-  if (position != not_found) {
-    entries_[position].value = std::move(value);
-    return;
-  }
-  entries_.push_back({std::move(key), std::move(value)});
+// Where that fails the last entry is taken back.
+void MutableDictionary::build_index_for_last() {
   try {
-    build_index();
+    index_ = std::make_unique<Index>(entries_);
   } catch (...) {
     entries_.pop_back();
     throw;

@@ -47,6 +47,13 @@ class ElementList {
     new (elements_ + size_++) T(std::move(element));
   }
 
+  /// Moves each element, in order, to `take`, and empties the list.
+  template <class Take>
+  void take_all(Take take) {
+    for (T* element = elements_; element != elements_ + size_; ++element) take(std::move(*element));
+    size_ = 0;
+  }
+
   void pop_back() { std::destroy_at(elements_ + --size_); }
 
   void reserve(size_t capacity) {

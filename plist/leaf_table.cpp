@@ -8,27 +8,7 @@ namespace corvane::plist {
 
 namespace {
 
-// From this size on an object is also remembered by its address, so that many references to one long value do
-// not hash it many times.
-constexpr size_t long_from = 256;
-
 constexpr size_t recent_strings = 64;
-
-uint64_t bits_of(const Number& number) {
-  return number.is_integer() ? number.uint64() : std::bit_cast<uint64_t>(number.real());
-}
-
-// Equal for equal leaves. A leaf whose mark is another's too is compared with it.
-uint32_t mark_of(const Value& leaf) {
-  uint64_t content = 0;
-  if (leaf.kind() == Kind::string) {
-    const std::string_view text = static_cast<const String&>(leaf).view();
-    content = text.empty() ? 0 : text.size() << 8 | static_cast<uint8_t>(text.back());
-  } else if (leaf.kind() == Kind::number) {
-    content = bits_of(static_cast<const Number&>(leaf));
-  }
-  return static_cast<uint32_t>(content << 3) | static_cast<uint32_t>(leaf.kind());
-}
 
 // Nearly all leaves are strings.
 bool equal_leaves(const Value& a, const Value& b) {
@@ -36,27 +16,12 @@ bool equal_leaves(const Value& a, const Value& b) {
   return static_cast<const String&>(a).view() == static_cast<const String&>(b).view();
 }
 
-bool is_long(const Value& leaf) {
-  if (const auto* string = cast<String>(&leaf)) return string->view().size() >= long_from;
-  const auto* data = cast<Data>(&leaf);
-  return data != nullptr && data->bytes().size() >= long_from;
-}
-
 }  // namespace
 
-uint32_t LeafTable::number_of(const Value& leaf, uint32_t next) {
-  if (next > few && recent_.empty()) enter_the_few();
-  if (next > few || is_long(leaf)) return number_in_tables(leaf, next);
-  return number_among_few(leaf, next);
-}
-
-uint32_t LeafTable::number_among_few(const Value& leaf, uint32_t next) {
-  const Value* const* objects = objects_.data();
-  const uint32_t mark = mark_of(leaf);
+uint32_t LeafTable::number_among_few(const Value& leaf, uint32_t next) const {
   for (uint32_t known = 0; known < next; ++known) {
-    if (marks_[known] == mark && equal_leaves(*objects[known], leaf)) return known;
+    if (equal_leaves(*objects_[known], leaf)) return known;
   }
-  marks_[next] = mark;
   return next;
 }
 
@@ -64,11 +29,12 @@ void LeafTable::enter_the_few() {
   recent_.resize(recent_strings);
   for (uint32_t number = 0; number < objects_.size(); ++number) {
     const Value& object = *objects_[number];
-    if (!object.is_container() && !is_long(object)) number_in_tables(object, number);
+    if (!object.is_container() && content_of(object) < long_from) number_in_tables(object, number);
   }
 }
 
 uint32_t LeafTable::number_in_tables(const Value& leaf, uint32_t next) {
+  if (next > few && recent_.empty()) enter_the_few();
   switch (leaf.kind()) {
     case Kind::string:
       return number_of_string(static_cast<const String&>(leaf), next);

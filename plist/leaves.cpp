@@ -10,19 +10,25 @@
 
 namespace corvane::plist {
 
-Ref<String> String::allocate(size_t size, bool ascii) {
+inline Ref<String> String::allocate(size_t size, bool ascii) {
   Ref<String> string = make<String>(size + 1, size, ascii);
   string->text()[size] = '\0';
   return string;
 }
 
+inline Ref<String> String::copy(std::string_view utf8, bool ascii) {
+  Ref<String> string = allocate(utf8.size(), ascii);
+  if (!utf8.empty()) std::memcpy(string->text(), utf8.data(), utf8.size());
+  return string;
+}
+
 Ref<String> String::create(std::string_view utf8) {
-  if (const bool ascii = unicode::is_ascii(utf8); ascii || unicode::is_utf8(utf8)) {
-    Ref<String> string = allocate(utf8.size(), ascii);
-    if (!utf8.empty()) std::memcpy(string->text(), utf8.data(), utf8.size());
-    return string;
-  }
-  return create(unicode::repaired_utf8(utf8));
+  if (unicode::is_ascii(utf8)) return copy(utf8, true);
+  return unicode::is_utf8(utf8) ? copy(utf8, false) : create(unicode::repaired_utf8(utf8));
+}
+
+Ref<String> String::create_from_ascii(std::string_view bytes) {
+  return unicode::is_ascii(bytes) ? copy(bytes, true) : nullptr;
 }
 
 Ref<String> String::create_from_utf16be(std::string_view bytes) {

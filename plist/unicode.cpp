@@ -30,6 +30,12 @@ Lead lead_of(uint8_t first) {
   return {0};
 }
 
+uint64_t word_at(const char* bytes) {
+  uint64_t word;
+  std::memcpy(&word, bytes, sizeof word);
+  return word;
+}
+
 struct Scan {
   size_t length;  // of the sequence, or of the maximal ill-formed part: at least 1
   bool complete;
@@ -90,16 +96,15 @@ char* write_utf8(char* out, uint32_t code_point) {
 }  // namespace
 
 bool is_ascii(std::string_view bytes) {
-  const char* at = bytes.data();
-  const char* const end = at + bytes.size();
+  constexpr uint64_t high_bits = 0x8080808080808080u;
   uint64_t seen = 0;
-  for (; end - at >= 8; at += 8) {
-    uint64_t word;
-    std::memcpy(&word, at, 8);
-    seen |= word;
+  if (bytes.size() < sizeof seen) {
+    for (const char byte : bytes) seen |= static_cast<uint8_t>(byte);
+    return (seen & high_bits) == 0;
   }
-  for (; at != end; ++at) seen |= static_cast<unsigned char>(*at);
-  return (seen & 0x8080808080808080u) == 0;
+  const char* const last = bytes.data() + bytes.size() - sizeof seen;
+  for (const char* at = bytes.data(); at < last; at += sizeof seen) seen |= word_at(at);
+  return ((seen | word_at(last)) & high_bits) == 0;  // the last word may overlap the one before
 }
 
 bool is_utf8(std::string_view bytes) {

@@ -14,65 +14,71 @@ namespace corvane::plist {
 
 // ---- end of life --------------------------------------------------------------------------------------
 
-namespace {
+/// Destroys a container and what only it holds. Containers in it wait on a list for their turn, so that nests of
+/// any depth take no recursion.
+class Value::Teardown {
+ public:
+  void run(Container* dead) {
+    while (dead != nullptr) {
+      destroy(dead);
+      dead = waiting_;
+      if (dead != nullptr) waiting_ = dead->next_dead_;
+    }
+  }
 
-// Containers to be destroyed after the one that is being destroyed.
-thread_local Container* dead_containers = nullptr;
-thread_local bool destroying = false;
+  void destroy_leaf(Value* dead) {
+    const ValuePlace place{dead, dead->block_};
+    if (dead->kind_ == Kind::data) destroy_data(static_cast<Data*>(dead));
+    freed_.add(place);  // there is nothing to destroy in other leaves
+  }
 
-}  // namespace
+ private:
+  void destroy(Container* dead);
+  static void destroy_data(Data* dead);
+
+  void release(Value* value) {
+    if (!value->drop_reference()) return;
+    if (!value->is_container()) return destroy_leaf(value);
+    auto* const container = static_cast<Container*>(value);
+    container->next_dead_ = std::exchange(waiting_, container);
+  }
+
+  Container* waiting_ = nullptr;
+  ValueBlocks::FreedValues freed_;
+};
 
 void Value::destroy(Value* dead) {
-  const ValuePlace place{dead, dead->block_};
-  switch (dead->kind_) {
-    case Kind::data:
-      if (auto* data = static_cast<Data*>(dead); data->secret_) explicit_bzero(data->start_, data->size_);
-      static_cast<Data*>(dead)->~Data();
-      return ValueBlocks::free(place);
-    case Kind::string:
-    case Kind::date:
-    case Kind::number:
-      return ValueBlocks::free(place);  // nothing to destroy in these
-    case Kind::boolean:
-      return;  // never: the two Booleans keep a reference of their own
-    case Kind::dictionary:
-    case Kind::array:
-    case Kind::set:
-      destroy_container(static_cast<Container*>(dead));
+  Teardown teardown;
+  if (dead->is_container()) {
+    teardown.run(static_cast<Container*>(dead));
+  } else {
+    teardown.destroy_leaf(dead);
   }
 }
 
-// Destroying a container releases what it holds, which may come back here. One that does is only put on the list.
-void Value::destroy_container(Container* dead) {
-  if (destroying) {
-    dead->next_dead_ = std::exchange(dead_containers, dead);
-    return;
+void Value::Teardown::destroy(Container* dead) {
+  const ValuePlace place{dead, dead->block_};
+  const auto release_item = [this](Ref<Value> item) { release(item.detach()); };
+  if (dead->kind_ == Kind::dictionary) {
+    auto* const dictionary = static_cast<Dictionary*>(dead);
+    dictionary->entries_.take_all([this](Dictionary::Entry entry) {
+      release(entry.key.detach());
+      release(entry.value.detach());
+    });
+    dictionary->~Dictionary();
+  } else if (dead->kind_ == Kind::array) {
+    static_cast<Array*>(dead)->items_.take_all(release_item);
+    static_cast<Array*>(dead)->~Array();
+  } else {
+    static_cast<Set*>(dead)->items_.take_all(release_item);
+    static_cast<Set*>(dead)->~Set();
   }
-  destroying = true;
-  ValueBlocks::begin_freeing();
-  while (dead != nullptr) {
-    destroy_one(dead);
-    dead = dead_containers;
-    if (dead != nullptr) dead_containers = dead->next_dead_;
-  }
-  ValueBlocks::end_freeing();
-  destroying = false;
+  freed_.add(place);
 }
 
-void Value::destroy_one(Container* dead) {
-  const ValuePlace place{dead, dead->block_};
-  switch (dead->kind_) {
-    case Kind::dictionary:
-      static_cast<Dictionary*>(dead)->~Dictionary();
-      break;
-    case Kind::array:
-      static_cast<Array*>(dead)->~Array();
-      break;
-    default:
-      static_cast<Set*>(dead)->~Set();
-      break;
-  }
-  ValueBlocks::free(place);
+void Value::Teardown::destroy_data(Data* dead) {
+  if (dead->secret_) explicit_bzero(dead->start_, dead->size_);
+  dead->~Data();
 }
 
 // ---- equality and hash --------------------------------------------------------------------------------

@@ -54,17 +54,18 @@ class Value {
   friend class Ref;
   friend class Unpublished;
 
+  class Teardown;
+
   void retain() { references_.fetch_add(1, std::memory_order_relaxed); }
-  // The only reference is given up without a locked instruction.
   void release() {
-    if (references_.load(std::memory_order_acquire) == 1 ||
-        references_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-      destroy(this);
-    }
+    if (drop_reference()) destroy(this);
+  }
+  // Answers whether it was the last one. The only reference is dropped without a locked instruction.
+  bool drop_reference() {
+    return references_.load(std::memory_order_acquire) == 1 ||
+           references_.fetch_sub(1, std::memory_order_acq_rel) == 1;
   }
   static void destroy(Value* dead);
-  static void destroy_container(Container* dead);
-  static void destroy_one(Container* dead);
 
   std::atomic<uint32_t> references_{1};
   const Kind kind_;
@@ -160,6 +161,8 @@ class String final : public Value {
  public:
   /// Ill-formed UTF-8 is replaced by U+FFFD, one for each maximal part as the Unicode standard advises.
   static Ref<String> create(std::string_view utf8);
+  /// Null when a byte is not ASCII.
+  static Ref<String> create_from_ascii(std::string_view bytes);
   /// From UTF-16 code units in big-endian byte order; null when a surrogate stands alone.
   static Ref<String> create_from_utf16be(std::string_view bytes);
 
@@ -172,6 +175,7 @@ class String final : public Value {
   friend class Value;
   String(size_t size, bool ascii) : Value(Kind::string), ascii_(ascii), size_(size) {}
   static Ref<String> allocate(size_t size, bool ascii);
+  static Ref<String> copy(std::string_view utf8, bool ascii);
   char* text() { return reinterpret_cast<char*>(this + 1); }
   const char* text() const { return reinterpret_cast<const char*>(this + 1); }
 
@@ -310,8 +314,11 @@ class Array : public Container {
 
 class MutableArray final : public Array {
  public:
-  static Ref<MutableArray> create(size_t capacity = 0);
-  static Ref<Array> freeze(Ref<MutableArray> array);
+  static Ref<MutableArray> create(size_t capacity = 4);
+  static Ref<Array> freeze(Ref<MutableArray> array) {
+    array->drop_mutability();
+    return array;
+  }
 
   /// Precondition, here and in the other containers: values are not null.
   void append(Ref<Value> value) { items_.push_back(std::move(value)); }
@@ -345,7 +352,10 @@ class Set : public Container {
 class MutableSet final : public Set {
  public:
   static Ref<MutableSet> create(size_t capacity = 0);
-  static Ref<Set> freeze(Ref<MutableSet> set);
+  static Ref<Set> freeze(Ref<MutableSet> set) {
+    set->drop_mutability();
+    return set;
+  }
 
   /// Leaves the set as it is when it holds an equal value.
   void add(Ref<Value> value);
@@ -376,6 +386,7 @@ class Dictionary : public Container {
   explicit Dictionary(size_t capacity);
   ~Dictionary();
   size_t find(std::string_view key) const;
+  size_t scan(std::string_view key) const;
 
   std::unique_ptr<Index> index_;
   ElementList<Entry> entries_;
@@ -383,10 +394,13 @@ class Dictionary : public Container {
 
 class MutableDictionary final : public Dictionary {
  public:
-  static Ref<MutableDictionary> create(size_t capacity = 0);
+  static Ref<MutableDictionary> create(size_t capacity = 4);
   /// One level: the entries are shared, not copied.
   static Ref<MutableDictionary> copy(const Dictionary& other);
-  static Ref<Dictionary> freeze(Ref<MutableDictionary> dictionary);
+  static Ref<Dictionary> freeze(Ref<MutableDictionary> dictionary) {
+    dictionary->drop_mutability();
+    return dictionary;
+  }
   /// The entries for which `wanted` is true, immutable. It has no index: walk it, a lookup scans it.
   template <class Wanted>
   static Ref<Dictionary> select(const Dictionary& other, Wanted wanted) {
@@ -411,8 +425,8 @@ class MutableDictionary final : public Dictionary {
  private:
   friend class Value;
   explicit MutableDictionary(size_t capacity) : Dictionary(capacity) {}
-  void set_without_index(Ref<String> key, Ref<Value> value);
-  void build_index();
+  void set_with_index(Ref<String> key, Ref<Value> value);
+  void build_index_for_last();
 };
 
 // ---- checked downcasts ------------------------------------------------------------------------------

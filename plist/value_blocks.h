@@ -1,7 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <new>
+
+#include "plist/poisoned_memory.h"
 
 namespace corvane::plist {
 
@@ -25,28 +29,75 @@ class ValueBlocks {
   ValueBlocks& operator=(const ValueBlocks&) = delete;
 
   /// Memory for a value of this thread. Throws std::bad_alloc.
-  static ValuePlace allocate(size_t size);
-  /// Frees a value's memory. Any thread.
-  static void free(ValuePlace place);
+  static ValuePlace allocate(size_t size) {
+    ValueBlocks* const blocks = filling_;
+    if (blocks == nullptr || size > largest_value) return {::operator new(size), 0};
+    return blocks->take(size);
+  }
 
-  /// Between these two, both on one thread, values of the same block are counted before they are given up
-  /// together.
-  static void begin_freeing();
-  static void end_freeing();
+  class FreedValues;
 
  private:
-  struct Block;
+  // Values begin at multiples of it, so that a distance in these units fits 16 bits.
+  static constexpr size_t unit = 16;
+  static constexpr size_t largest_value = 4096;
 
-  ValuePlace take(size_t size);
-  void open_block();
+  struct alignas(unit) Block {
+    std::atomic<uint32_t> values;
+  };
+
+  ValuePlace take(size_t size) {
+    const size_t taken = (size + unit - 1) / unit * unit;
+    if (taken > end_ - used_) open_block(taken);
+    void* const memory = reinterpret_cast<char*>(block_) + used_;
+    const auto distance = static_cast<uint16_t>(used_ / unit);
+    used_ += taken;
+    ++values_;
+    UNPOISON_MEMORY(memory, size);
+    return {memory, distance};
+  }
+  void open_block(size_t first_size);
   void close_block();
   static void give_up(Block* block, uint32_t count);
+
+  static thread_local constinit ValueBlocks* filling_;
 
   ValueBlocks* const outer_;
   size_t block_size_;
   Block* block_ = nullptr;
   size_t used_ = 0;  // of the block
+  size_t end_ = 0;   // of the block, 0 where there is none
   uint32_t values_ = 0;
+};
+
+/// Frees the memory of values, on any thread. Values of the same block that follow each other are counted first,
+/// and subtracted from the block's count together: when another block follows, or when this object dies.
+class ValueBlocks::FreedValues {
+ public:
+  FreedValues() = default;
+  FreedValues(const FreedValues&) = delete;
+  FreedValues& operator=(const FreedValues&) = delete;
+  ~FreedValues() {
+    if (block_ != nullptr) give_up(block_, count_);
+  }
+
+  void add(ValuePlace place) {
+    if (place.block == 0) return ::operator delete(place.memory);
+    POISON_MEMORY(place.memory, unit);
+    auto* const block = reinterpret_cast<Block*>(static_cast<char*>(place.memory) - place.block * unit);
+    if (block_ != block) begin(block);
+    ++count_;
+  }
+
+ private:
+  void begin(Block* block) {
+    if (block_ != nullptr) give_up(block_, count_);
+    block_ = block;
+    count_ = 0;
+  }
+
+  Block* block_ = nullptr;
+  uint32_t count_ = 0;
 };
 
 }  // namespace corvane::plist
