@@ -244,6 +244,8 @@ TEST(FaultSweep, AStartUpServesOrRefuses) {
   Device device("simulated");
   device.start_and_wait();
   sweep(device, "start-up", [&](const Fault& fault, int64_t call) {
+    // Before `main` lack of memory aborts, and while the log is opened it costs the log.
+    if (fault.calls == allocating) return device.disarm();
     device.daemon.reset();
     device.write_ark();
     device.arm(fault, call);
