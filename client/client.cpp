@@ -30,6 +30,9 @@ namespace {
 
 using std::chrono::steady_clock;
 
+// Data of so many bytes are sent from where they lie.
+constexpr size_t share_from = 4096;
+
 Answer failure(Outcome outcome, std::string detail) { return {outcome, std::move(detail), {}}; }
 
 std::chrono::milliseconds time_left(steady_clock::time_point deadline) {
@@ -193,10 +196,9 @@ Answer Connection::ask(const plist::Dictionary& request) {
 
 Answer Connection::send_and_receive(const plist::Dictionary& request) {
   plist::ByteChain body;
-  if (const Ref<plist::String> fault = plist::encode_binary(request, body)) {
-    return failure(Outcome::bad_request, std::string(fault->view()));
+  if (const Ref<plist::String> fault = plist::encode_binary(request, body, share_from, request_limit_)) {
+    return failure(Outcome::bad_request, "the request cannot be sent: " + std::string(fault->view()));
   }
-  if (body.size() > request_limit_) return failure(Outcome::bad_request, "the request is too long");
   const auto deadline = steady_clock::now() + timeout_;
   for (;;) {
     const bool fresh = !socket_;

@@ -67,6 +67,23 @@ TEST(CorvaneValues, ASetRefusesAMemberThatNestsTooDeep) {
   }
 }
 
+TEST(CorvaneValues, WhatRepeatsItselfWithoutEndIsNeitherAMemberNorSent) {
+  Value twice(corvane_string_new("innermost"));
+  for (int level = 0; level < 60; ++level) {
+    corvane_value* items[] = {corvane_value_retain(twice.get()), twice.release()};
+    twice.reset(corvane_array_new(items, 2));
+  }
+  corvane_value* member = corvane_value_retain(twice.get());
+  EXPECT_FALSE(Value(corvane_set_new(&member, 1)));
+  corvane_connection* opened = nullptr;
+  ASSERT_EQ(corvane_connection_open(CORVANE_PUBLIC, "/nowhere", 1000, &opened, nullptr), CORVANE_OK);
+  const Owned<corvane_connection> connection(opened);
+  const Value arguments = dictionary({"Value"}, {twice.release()});
+  corvane_error error;
+  EXPECT_EQ(corvane_ask(opened, "selector", arguments.get(), nullptr, &error), CORVANE_BAD_REQUEST);
+  EXPECT_STREQ(error.message, "the request cannot be sent: longer than 65536 bytes");
+}
+
 TEST(CorvaneImages, AreTheDataValuesWithTheKeysThatLeadToThem) {
   corvane_value* items[] = {corvane_string_new("no image"), corvane_data_new("\x89PNG\r\n\x1a\n...", 11),
                             corvane_array_new(nullptr, 0), corvane_data_new("", 0)};

@@ -9,6 +9,7 @@
 #include "client/boundary.h"
 #include "plist/reader.h"
 #include "plist/unicode.h"
+#include "wire/limits.h"
 
 using corvane::client::from_c;
 using corvane::client::hand_over;
@@ -73,11 +74,13 @@ class Owned {
   size_t next_ = 0;
 };
 
-// A set hashes its members, which takes stack for each level.
-bool nests_within(const plist::Value& value, unsigned limit) {
+// A set hashes its members, which takes stack for each level, and time for each time that a value occurs.
+bool can_be_hashed(const plist::Value& value, unsigned depth_limit, size_t& values_left) {
+  if (values_left == 0) return false;
+  --values_left;
   if (!value.is_container()) return true;
-  if (limit == 0) return false;
-  const auto fits = [&](const auto& item) { return nests_within(*item, limit - 1); };
+  if (depth_limit == 0) return false;
+  const auto fits = [&](const auto& item) { return can_be_hashed(*item, depth_limit - 1, values_left); };
   if (const auto* dictionary = cast<plist::Dictionary>(&value)) {
     return std::ranges::all_of(dictionary->entries(), fits, &plist::Dictionary::Entry::value);
   }
@@ -94,7 +97,8 @@ Ref<plist::Value> set(Owned& members) {
   Ref<plist::MutableSet> set = plist::MutableSet::create();
   for (size_t i = 0; i < members.size(); ++i) {
     Ref<plist::Value> member = members.take();
-    if (!nests_within(*member, plist::max_depth)) return nullptr;
+    size_t values_left = corvane::wire::admin_request_limit;
+    if (!can_be_hashed(*member, plist::max_depth, values_left)) return nullptr;
     set->add(std::move(member));
   }
   return plist::MutableSet::freeze(std::move(set));

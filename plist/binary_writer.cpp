@@ -101,7 +101,8 @@ char* put_number(char* to, const Number& number) {
 
 class BinaryWriter {
  public:
-  BinaryWriter(ByteChain& out, size_t share_from) : out_(out), share_from_(share_from) {}
+  BinaryWriter(ByteChain& out, size_t share_from, size_t size_limit)
+      : out_(out), share_from_(share_from), size_limit_(size_limit) {}
 
   Ref<String> write(const Value& value);
 
@@ -116,6 +117,7 @@ class BinaryWriter {
   void add_object(const Value& value, size_t size);
   [[gnu::cold]] void fail(std::string_view what);
   [[gnu::cold]] void fail_too_deep();
+  [[gnu::cold]] void fail_too_long();
   size_t leaf_size(const Value& leaf);
   size_t data_size(const Data& data);
 
@@ -130,6 +132,7 @@ class BinaryWriter {
 
   ByteChain& out_;
   const size_t share_from_;
+  const size_t size_limit_;
 
   LeafTable::Objects objects_;
   LeafTable leaves_{objects_};
@@ -156,6 +159,8 @@ Ref<String> BinaryWriter::write(const Value& value) {
   table_ = header.size() + objects_size_ + references_.size() * reference_size_ + shared_size_;
   offset_size_ = unsigned_size(table_);
   const size_t size = table_ + objects_.size() * offset_size_ + trailer_size;
+  if (size > size_limit_) fail_too_long();
+  if (error_) return std::move(error_);
   if (compared_ > compared_per_byte * size) {
     return String::create("long keys or members of sets are repeated too often");
   }
@@ -173,6 +178,8 @@ Ref<String> BinaryWriter::write(const Value& value) {
 
 uint32_t BinaryWriter::number_container(const Value& container, unsigned depth) {
   if (depth > max_depth) fail_too_deep();
+  // Containers that occur several times are written as often.
+  if (objects_size_ + references_.size() > size_limit_) fail_too_long();
   if (error_) return 0;
   const auto number = static_cast<uint32_t>(objects_.size());
   if (const auto* dictionary = cast<Dictionary>(&container)) {
@@ -196,6 +203,8 @@ void BinaryWriter::fail(std::string_view what) {
 }
 
 void BinaryWriter::fail_too_deep() { fail("nesting deeper than " + std::to_string(max_depth)); }
+
+void BinaryWriter::fail_too_long() { fail("longer than " + std::to_string(size_limit_) + " bytes"); }
 
 void BinaryWriter::number_dictionary(const Dictionary& dictionary, unsigned depth) {
   const auto entries = dictionary.entries();
@@ -343,8 +352,8 @@ void BinaryWriter::move_written(const char* to) {
 
 }  // namespace
 
-Ref<String> encode_binary(const Value& value, ByteChain& out, size_t share_from) {
-  return BinaryWriter(out, share_from).write(value);
+Ref<String> encode_binary(const Value& value, ByteChain& out, size_t share_from, size_t size_limit) {
+  return BinaryWriter(out, share_from, size_limit).write(value);
 }
 
 }  // namespace corvane::plist

@@ -58,10 +58,12 @@ class ByteChain {
 
 /// Appends the binary encoding, version 1.0. Each equal string, number, date and data value is written once.
 /// Data values of `share_from` bytes and more are shared, not copied. Answers null, or in one line what
-/// cannot be encoded (a nesting deeper than `max_depth`, or what the reader would refuse because long keys or
-/// members of sets are repeated too often); what `out` holds has no meaning then.
+/// cannot be encoded (a nesting deeper than `max_depth`, an encoding of more than `size_limit` bytes, or what the
+/// reader would refuse because long keys or members of sets are repeated too often); what `out` holds has no
+/// meaning then. Memory and time are bounded by `size_limit` also where a value repeats itself.
 /// Throws std::bad_alloc where memory is out.
-Ref<String> encode_binary(const Value& value, ByteChain& out, size_t share_from = 4096);
+Ref<String> encode_binary(const Value& value, ByteChain& out, size_t share_from = 4096,
+                          size_t size_limit = std::numeric_limits<size_t>::max());
 
 /// Appends the XML encoding in UTF-8, dictionaries sorted by key. A set, which XML property lists do not
 /// know, is written as the element <set>, which our reader takes. Answers null, or in one line what cannot
