@@ -178,8 +178,9 @@ Ref<String> BinaryWriter::write(const Value& value) {
 
 uint32_t BinaryWriter::number_container(const Value& container, unsigned depth) {
   if (depth > max_depth) fail_too_deep();
-  // Containers that occur several times are written as often.
-  if (objects_size_ + references_.size() > size_limit_) fail_too_long();
+  // Containers that occur several times are written as often. The encoding will not be shorter than this.
+  const size_t references_size = references_.size() * unsigned_size(objects_.size());
+  if (objects_size_ + references_size + objects_.size() > size_limit_) fail_too_long();
   if (error_) return 0;
   const auto number = static_cast<uint32_t>(objects_.size());
   if (const auto* dictionary = cast<Dictionary>(&container)) {
@@ -276,7 +277,7 @@ size_t BinaryWriter::data_size(const Data& data) {
 
 void BinaryWriter::write_objects(char* buffer) {
   buffer_ = buffer;
-  char* const table = buffer + table_ - shared_size_;
+  char* const table = buffer + (table_ - shared_size_);
   char* offset = table;
   char* to = put(buffer, header);
   for (size_t i = 0; i < objects_.size(); ++i) {

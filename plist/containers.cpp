@@ -172,7 +172,7 @@ struct Dictionary::Index {
 Dictionary::Dictionary(size_t capacity) : Container(Kind::dictionary, true), entries_(this + 1, capacity) {}
 Dictionary::~Dictionary() = default;
 
-inline size_t Dictionary::scan(std::string_view key) const {
+size_t Dictionary::scan(std::string_view key) const {
   for (size_t i = 0; i < entries_.size(); ++i) {
     if (entries_[i].key->view() == key) return i;
   }

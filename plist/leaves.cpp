@@ -10,13 +10,13 @@
 
 namespace corvane::plist {
 
-inline Ref<String> String::allocate(size_t size, bool ascii) {
+Ref<String> String::allocate(size_t size, bool ascii) {
   Ref<String> string = make<String>(size + 1, size, ascii);
   string->text()[size] = '\0';
   return string;
 }
 
-inline Ref<String> String::copy(std::string_view utf8, bool ascii) {
+Ref<String> String::copy(std::string_view utf8, bool ascii) {
   Ref<String> string = allocate(utf8.size(), ascii);
   if (!utf8.empty()) std::memcpy(string->text(), utf8.data(), utf8.size());
   return string;

@@ -3,6 +3,7 @@
 #include <absl/hash/hash.h>
 
 #include <bit>
+#include <cassert>
 #include <cstring>
 #include <new>
 #include <tuple>
@@ -27,6 +28,7 @@ class Value::Teardown {
   }
 
   void destroy_leaf(Value* dead) {
+    assert(dead->kind_ != Kind::boolean && "the two Booleans keep a reference of their own");
     const ValuePlace place{dead, dead->block_};
     if (dead->kind_ == Kind::data) destroy_data(static_cast<Data*>(dead));
     freed_.add(place);  // there is nothing to destroy in other leaves

@@ -174,8 +174,8 @@ class String final : public Value {
  private:
   friend class Value;
   String(size_t size, bool ascii) : Value(Kind::string), ascii_(ascii), size_(size) {}
-  static Ref<String> allocate(size_t size, bool ascii);
-  static Ref<String> copy(std::string_view utf8, bool ascii);
+  static inline Ref<String> allocate(size_t size, bool ascii);
+  static inline Ref<String> copy(std::string_view utf8, bool ascii);
   char* text() { return reinterpret_cast<char*>(this + 1); }
   const char* text() const { return reinterpret_cast<const char*>(this + 1); }
 
@@ -386,7 +386,7 @@ class Dictionary : public Container {
   explicit Dictionary(size_t capacity);
   ~Dictionary();
   size_t find(std::string_view key) const;
-  size_t scan(std::string_view key) const;
+  inline size_t scan(std::string_view key) const;
 
   std::unique_ptr<Index> index_;
   ElementList<Entry> entries_;
