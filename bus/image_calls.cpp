@@ -15,7 +15,8 @@ namespace {
 constexpr char failed[] = "com.norvane.corvaned.Error.Failed";
 constexpr char not_carried[] = "com.norvane.corvaned.Error.NotCarried";
 
-// While an answer is read it takes up to nine times its size.
+// While an answer is read it takes up to fifteen times its size: so much do nests of containers with one value
+// each.
 constexpr uint32_t answer_limit = uint32_t{32} << 20;
 
 client::Answer ask_for_images() {

@@ -44,7 +44,7 @@ std::string refusal_text(const std::string& path, int connect_error);
 class Connection {
  public:
   /// The service's socket is `root` + "/run/corvaned/" + `service_name`. The timeout is that of each request, from
-  /// connecting to the last byte of the answer. An answer may take up to nine times its size while it is read.
+  /// connecting to the last byte of the answer. An answer may take up to fifteen times its size while it is read.
   explicit Connection(std::string_view service_name, const std::string& root = root_from_environment(),
                       std::chrono::milliseconds timeout = default_timeout,
                       uint32_t response_limit = wire::response_limit);

@@ -103,8 +103,8 @@ corvane_status corvane_value_date(const corvane_value* value, double* seconds_si
 corvane_status corvane_value_unix_time(const corvane_value* value, double* seconds_since_1970);
 
 /* New values, owned by the caller. NULL where memory is out, and for what is no value: NULL, text that is not
- * UTF-8, a date that is not finite, members of a set that nest more than 128 deep or repeat themselves to
- * more values than a request can have. */
+ * UTF-8, a date that is not finite, members of a set that nest more than 128 deep, or that have more
+ * than 64 MiB together with what they repeat counted each time. */
 corvane_value* corvane_string_new(const char* text);
 corvane_value* corvane_string_new_with_length(const char* text, size_t length);
 corvane_value* corvane_data_new(const void* bytes, size_t length);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "client/boundary.h"
+#include "plist/comparing.h"
 #include "plist/reader.h"
 #include "plist/unicode.h"
 #include "wire/limits.h"
@@ -75,14 +76,16 @@ class Owned {
 };
 
 // A set hashes its members, which takes stack for each level, and time for each time that a value occurs.
-bool can_be_hashed(const plist::Value& value, unsigned depth_limit, size_t& values_left) {
-  if (values_left == 0) return false;
-  --values_left;
+bool can_be_hashed(const plist::Value& value, unsigned depth_limit, size_t& bytes_left) {
+  const size_t size = 1 + (value.is_container() ? 0 : plist::content_of(value));
+  if (size > bytes_left) return false;
+  bytes_left -= size;
   if (!value.is_container()) return true;
   if (depth_limit == 0) return false;
-  const auto fits = [&](const auto& item) { return can_be_hashed(*item, depth_limit - 1, values_left); };
+  const auto fits = [&](const auto& item) { return can_be_hashed(*item, depth_limit - 1, bytes_left); };
   if (const auto* dictionary = cast<plist::Dictionary>(&value)) {
-    return std::ranges::all_of(dictionary->entries(), fits, &plist::Dictionary::Entry::value);
+    return std::ranges::all_of(dictionary->entries(),
+                               [&](const auto& entry) { return fits(entry.key) && fits(entry.value); });
   }
   return std::ranges::all_of(items_of(&value), fits);
 }
@@ -95,10 +98,10 @@ Ref<plist::Value> array(Owned& items) {
 
 Ref<plist::Value> set(Owned& members) {
   Ref<plist::MutableSet> set = plist::MutableSet::create();
+  size_t bytes_left = corvane::wire::admin_request_limit;
   for (size_t i = 0; i < members.size(); ++i) {
     Ref<plist::Value> member = members.take();
-    size_t values_left = corvane::wire::admin_request_limit;
-    if (!can_be_hashed(*member, plist::max_depth, values_left)) return nullptr;
+    if (!can_be_hashed(*member, plist::max_depth, bytes_left)) return nullptr;
     set->add(std::move(member));
   }
   return plist::MutableSet::freeze(std::move(set));
