@@ -44,9 +44,6 @@ std::unique_ptr<Platform> start_platform(std::string& refusal) {
   } catch (const std::system_error& error) {
     refusal = std::string("could not make the event loops: ") + error.what();
     return nullptr;
-  } catch (const std::bad_alloc&) {
-    refusal = out_of_memory;
-    return nullptr;
   }
 }
 
@@ -125,7 +122,13 @@ int run_daemon() {
 
 int main() {
   std::string refusal;
-  const std::unique_ptr<corvane::Platform> platform = corvane::start_platform(refusal);
+  std::unique_ptr<corvane::Platform> platform;
+  try {
+    platform = corvane::start_platform(refusal);
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "corvaned: %s\n", corvane::out_of_memory);
+    return 255;  // as where there is a log already: unlike a refusal, it may pass
+  }
   if (platform == nullptr) {
     std::fprintf(stderr, "corvaned: %s\n", refusal.c_str());
     return 1;

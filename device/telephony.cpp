@@ -165,16 +165,17 @@ void handle_sim_notification(data_ark* ark, const String* name) {
   ++counts.events;
   if (!baseband_class_above_one() && name != nullptr && name->view() == telvo_sim_inserted)
     post_phone_number_changed();
-  const auto tell_change = [ark] {
-    ++counts.changes;
+  const auto call_hook = [ark] {
     if (radio_change_hook != nullptr) radio_change_hook(ark);
   };
   try {
-    if (lookup_baseband_info(ark)) tell_change();
+    if (!lookup_baseband_info(ark)) return;
   } catch (const std::bad_alloc&) {
-    tell_change();  // The next look-up would take what this one has set for known.
+    call_hook();  // The next look-up would take what this one has set for known.
     throw;
   }
+  ++counts.changes;
+  call_hook();
 }
 
 }  // namespace

@@ -31,7 +31,7 @@ void registerForTelvoCallNotifications(data_ark* observer);
 void sim_notification_callback(TelephonyCentre* centre, void* observer, const plist::String* name,
                                const plist::Value* object, const plist::Dictionary* user_info);
 
-/// What is done with the ark after a look-up that reported a change. Set once, at start-up.
+/// What is done with the ark after a look-up that reported a change, or that ran out of memory. Set once, at start-up.
 using RadioChangeHook = void (*)(data_ark* ark);
 void set_radio_change_hook(RadioChangeHook hook);
 

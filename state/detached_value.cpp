@@ -2,6 +2,8 @@
 
 #include <absl/container/flat_hash_map.h>
 
+#include <algorithm>
+
 #include "plist/hash_tables.h"
 
 namespace corvane {
@@ -10,6 +12,16 @@ using plist::cast;
 using plist::Ref;
 
 namespace {
+
+bool holds_slices(const plist::Value& value) {
+  const auto item_does = [](const Ref<plist::Value>& item) { return holds_slices(*item); };
+  if (const auto* data = cast<plist::Data>(&value)) return data->is_slice();
+  if (const auto* array = cast<plist::Array>(&value)) return std::ranges::any_of(array->items(), item_does);
+  if (const auto* set = cast<plist::Set>(&value)) return std::ranges::any_of(set->items(), item_does);
+  const auto* dictionary = cast<plist::Dictionary>(&value);
+  return dictionary != nullptr &&
+         std::ranges::any_of(dictionary->entries(), [](const auto& entry) { return holds_slices(*entry.value); });
+}
 
 /// Makes one copy of what occurs several times, so that the copy takes no more memory than the original. As deep
 /// as a property list may nest, which the readers bound.
@@ -68,6 +80,8 @@ class Detaching {
 
 }  // namespace
 
-Ref<plist::Value> detached_value(plist::Value& value) { return Detaching().detached(value); }
+Ref<plist::Value> detached_value(plist::Value& value) {
+  return holds_slices(value) ? Detaching().detached(value) : &value;
+}
 
 }  // namespace corvane

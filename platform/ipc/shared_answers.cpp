@@ -26,11 +26,11 @@ SharedAnswers::Answer SharedAnswers::share(plist::ByteChain answer) {
   }
   auto owned = std::make_unique<const plist::ByteChain>(std::move(answer));
   const size_t size = owned->size();
+  bytes_ += size;  // before what takes it off again, which runs also where memory is out
   const Answer shared(owned.release(), [this, size](const plist::ByteChain* chain) {
     bytes_ -= size;
     delete chain;
   });
-  bytes_ += size;
   under_way_.push_back(shared);
   return shared;
 }

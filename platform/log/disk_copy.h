@@ -13,14 +13,14 @@
 namespace corvane {
 
 /// The log's copy on the disk: lines are appended to the newest file, at `path`. Where a line would make that
-/// larger than `bytes`, the files rotate first: log.log becomes log.1.log, that becomes log.2.log, and the oldest
-/// is replaced.
+/// larger than `bytes`, the files rotate first: the oldest is removed, then log.log becomes log.1.log, that
+/// becomes log.2.log, and so on.
 ///
 /// A disk that does not take a line costs no time: `append` answers false, no half line stays behind, and the disk
 /// is tried again about a second later. The same happens where
 ///  - the folder is missing and cannot be made (only the last one is made),
 ///  - a link, a folder or anything else but a regular file is at `path` (links in the folder's path are followed),
-///  - the files cannot rotate, because a folder has the name of an older one.
+///  - the files cannot rotate, because a folder has the name of the oldest one.
 ///
 /// Not thread-safe. Throws std::bad_alloc, with the files as they were.
 class DiskCopy {
